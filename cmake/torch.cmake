@@ -1,0 +1,39 @@
+# The PyTorch of the chosen interpreter: torch_headers, torch_libraries, torch_python. Asked of the interpreter itself,
+# so that a distribution's package and a wheel are found alike.
+if(NOT Python3_EXECUTABLE)
+  set(Python3_EXECUTABLE /usr/bin/python3)
+endif()
+find_package(Python3 REQUIRED COMPONENTS Interpreter Development.Module)
+
+execute_process(
+  COMMAND ${Python3_EXECUTABLE} -c "import torch, torch.utils.cpp_extension as e; print(torch.__version__, \
+int(torch._C._GLIBCXX_USE_CXX11_ABI), '|'.join(e.include_paths()), '|'.join(e.library_paths()), sep=';')"
+  OUTPUT_VARIABLE torch_facts ERROR_VARIABLE torch_error OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE torch_missing)
+if(torch_missing)
+  message(FATAL_ERROR "corvane needs PyTorch 1.13 or newer in ${Python3_EXECUTABLE}, which cannot import it.\n"
+    "  Debian: apt-get install python3-torch libtorch-dev (scripts/setup.sh does it)\n"
+    "  another interpreter: -DPython3_EXECUTABLE=...\n${torch_error}")
+endif()
+list(GET torch_facts 0 torch_version)
+list(GET torch_facts 1 torch_cxx11_abi)
+list(GET torch_facts 2 torch_include_dirs)
+list(GET torch_facts 3 torch_library_dirs)
+string(REPLACE "|" ";" torch_include_dirs "${torch_include_dirs}")
+string(REPLACE "|" ";" torch_library_dirs "${torch_library_dirs}")
+string(REGEX MATCH "^[0-9]+\\.[0-9]+" torch_release "${torch_version}")
+if(torch_release VERSION_LESS 1.13)
+  message(FATAL_ERROR "corvane needs PyTorch 1.13 or newer; ${Python3_EXECUTABLE} has ${torch_version}")
+endif()
+
+add_library(torch_headers INTERFACE)
+target_include_directories(torch_headers SYSTEM INTERFACE ${torch_include_dirs})
+target_compile_definitions(torch_headers INTERFACE _GLIBCXX_USE_CXX11_ABI=${torch_cxx11_abi})
+
+foreach(name torch torch_cpu c10 torch_python)
+  find_library(${name}_library ${name} HINTS ${torch_library_dirs} REQUIRED)
+endforeach()
+add_library(torch_libraries INTERFACE)
+target_link_libraries(torch_libraries INTERFACE ${torch_library} ${torch_cpu_library} ${c10_library})
+add_library(torch_python INTERFACE)
+target_include_directories(torch_python SYSTEM INTERFACE ${Python3_INCLUDE_DIRS})
+target_link_libraries(torch_python INTERFACE ${torch_python_library})

@@ -1,0 +1,48 @@
+// What a reader of a format is: the bytes of 64 consecutive elements become lanes, here and nowhere else.
+//
+// Weight rows are walked in units of 64 elements, numbered through the whole matrix (unit = flat element / 64). A reader
+// is a struct of static functions and constants:
+//
+//   id                          qtype of the format
+//   shared_scale                elements under one scale: 64, 32 or 16; 0: decode gives the weight, nothing scales it
+//   has_offset                  y = scale * code + offset, instead of y = scale * code
+//   planes                      where the parts of a packed tensor begin
+//   locate(weight, K, N)        planes of a tensor
+//   prefetch(planes, unit)      hint that the unit's codes will be read
+//   raw, fetch(planes, unit)    a unit's codes, as far as they are best unpacked 64 at a time
+//   decode<T>(raw, v)           codes of elements 16v to 16v + 15 of the unit as T, unscaled, in element order; v < 4
+//   scale<T>(planes, unit, v)   their scale, in all lanes, where there is one
+//   offset<T>(planes, unit, v)  their offset, where there is one
+//
+// Decoded codes are exact in T: table entries are rounded to T where the table is made.
+#pragma once
+
+#include <cstdint>
+
+#include "formats/registry.hpp"
+#include "platform/sycl/simd.hpp"
+
+namespace corvane {
+
+using sycl::BFloat16;
+using sycl::Half;
+using sycl::simd;
+
+constexpr unsigned unit_elements = 64;
+
+// One value per plane entry, in all lanes, converted to T.
+template <class T>
+CORVANE_INLINE simd<T, 16> splat_half_as(const uint8_t* at) {
+  if constexpr (std::is_same_v<T, BFloat16>) {
+    return simd<T, 16>::from_float(sycl::splat_half(at));
+  } else {
+    return simd<T, 16>::exact(sycl::splat_half(at));
+  }
+}
+
+template <class T>
+CORVANE_INLINE simd<T, 16> splat_float_as(const uint8_t* at) {
+  return simd<T, 16>::from_float(sycl::splat(sycl::load_float(at)));
+}
+
+}  // namespace corvane

@@ -1,0 +1,52 @@
+#include "module/linear_xpu.hpp"
+
+#include <ATen/record_function.h>
+
+#include <initializer_list>
+#include <string>
+
+#include "linear/forward.hpp"
+#include "module/frame/check.hpp"
+
+namespace corvane {
+namespace {
+
+struct named_tensor {
+  const at::Tensor& tensor;
+  const char* name;  // in messages
+};
+
+// Both checks of a tensor come before the next tensor's.
+void check_tensors(const char* wrapper, std::initializer_list<named_tensor> tensors) {
+  const origin where{"linear_xpu", wrapper};
+  for (const auto& [tensor, name] : tensors) {
+    if (tensor.device().type() != c10::DeviceType::XPU) fail(where, std::string(name) + " must be a XPU tensor");
+    if (!tensor.is_contiguous()) fail(where, std::string(name) + " must be contiguous");
+  }
+}
+
+// Runs the body inside a profiler record named `label`, whose one input is `recorded`.
+template <class Body>
+auto recorded_call(const char* label, const at::Tensor& recorded, const Body& body) {
+  at::RecordFunction record(at::RecordScope::FUNCTION);
+  if (record.isActive()) {
+    constexpr int64_t no_sequence_number = -1;
+    if (record.needsInputs()) {
+      const c10::IValue inputs[1] = {recorded};
+      record.before(label, c10::ArrayRef<const c10::IValue>(inputs, 1), no_sequence_number);
+    } else {
+      record.before(label, no_sequence_number);
+    }
+  }
+  return body();
+}
+
+}  // namespace
+
+at::Tensor linear_forward_new(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t row_hint) {
+  check_tensors("linear_forward_new", {{input, "input"}, {weight, "weights"}});
+  return recorded_call("vorel_qlinear_forward", input,
+                       [&] { return linear_forward(input, weight, qtype, row_hint); });
+}
+
+}  // namespace corvane

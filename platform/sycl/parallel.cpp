@@ -1,0 +1,82 @@
+#include "platform/sycl/parallel.hpp"
+
+#include <tbb/blocked_range.h>
+#include <tbb/info.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+namespace host {
+namespace {
+
+int count_cores() {
+  int cores = std::max(1, tbb::info::default_concurrency());  // respects the affinity mask
+  if (const char* text = std::getenv("OMP_NUM_THREADS")) {
+    const int wanted = std::atoi(text);
+    if (wanted > 0) cores = std::min(cores, wanted);
+  }
+  return cores;
+}
+
+// Leaked on purpose: worker threads may outlive static destruction at interpreter exit.
+tbb::task_arena& arena() {
+  static tbb::task_arena* pool = new tbb::task_arena(concurrency());
+  return *pool;
+}
+
+using clock = std::chrono::steady_clock;
+
+double nanoseconds_since(clock::time_point start) {
+  return std::chrono::duration<double, std::nano>(clock::now() - start).count();
+}
+
+}  // namespace
+
+int concurrency() {
+  static const int cores = count_cores();
+  return cores;
+}
+
+void parallel_for(size_t n, size_t grain, range_function f) {
+  if (n == 0) return;
+  grain = std::max<size_t>(grain, 1);
+  if (concurrency() == 1 || n <= grain) {
+    f(0, n);
+    return;
+  }
+  arena().execute([&] {
+    tbb::parallel_for(
+        tbb::blocked_range<size_t>(0, n, grain), [&](const tbb::blocked_range<size_t>& r) { f(r.begin(), r.end()); },
+        tbb::simple_partitioner());
+  });
+}
+
+void run_adaptively(size_t n, range_function f) {
+  constexpr double probe_ns = 2'000;         // long enough to trust the estimate of the rest
+  constexpr double worth_a_fork_ns = 8'000;  // below this, waking another core costs more than it saves
+  constexpr double piece_ns = 20'000;        // a piece short enough to balance, long enough to stream
+  if (concurrency() == 1) {
+    if (n != 0) f(0, n);
+    return;
+  }
+  const auto start = clock::now();
+  size_t done = 0;
+  for (size_t batch = 1; done < n; batch *= 2) {
+    const size_t end = std::min(n, done + batch);
+    f(done, end);
+    done = end;
+    const double spent = nanoseconds_since(start);
+    const double per_item = spent / static_cast<double>(done);
+    const double rest = per_item * static_cast<double>(n - done);
+    if (spent < probe_ns || rest < worth_a_fork_ns) continue;
+    const auto grain = static_cast<size_t>(piece_ns / per_item);
+    parallel_for(n - done, grain, [&, done](size_t begin, size_t finish) { f(done + begin, done + finish); });
+    return;
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,146 @@
+// The subset of SYCL that corvane's launches use, on the host's cores: ranges, queue, handler, event, device.
+//
+// A queue is in order and synchronous: a command group has run when submit() returns. Its event knows when it ran and
+// whether the host waited for it; launch_log keeps the records of launches for whoever asks.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/sycl/group.hpp"
+#include "platform/sycl/parallel.hpp"
+
+namespace host {
+
+// HOST_XPU_DEVICE_NAME as it stood when the platform library was loaded, else the processor's brand string.
+std::string device_name();
+
+}  // namespace host
+
+namespace sycl {
+
+namespace info::device {
+struct name {};
+}  // namespace info::device
+
+class device {
+ public:
+  template <class Info>
+  std::string get_info() const {
+    static_assert(std::is_same_v<Info, info::device::name>, "the name is the one device property that is read");
+    return host::device_name();
+  }
+};
+
+namespace detail {
+
+// Where a launch comes from: the stem of the source and the name of the kernel.
+struct code_location {
+  const char* source = "";
+  const char* function = "";
+  int line = 0;
+  int column = 0;
+};
+
+}  // namespace detail
+
+// One launch, as a profiler would see it.
+struct launch_record {
+  std::string kernel;                   // function name of the source location
+  std::string source;                   // its source stem
+  std::string label;                    // profiler label
+  bool labelled = false;                // false until the profiler was told
+  std::vector<std::size_t> global_size;
+  std::vector<std::size_t> local_size;  // empty: a basic range
+  int sub_group_size = 0;               // 0: none required
+  bool waited = false;
+  int queue = 0;
+  std::uint64_t duration_ns = 0;
+};
+
+class event {
+ public:
+  event() : record_(std::make_shared<launch_record>()) {}
+  // The command group ran inside submit(): there is nothing to wait for but the record of it.
+  void wait() { record_->waited = true; }
+  launch_record& record() { return *record_; }
+  const std::shared_ptr<launch_record>& shared_record() const { return record_; }
+
+ private:
+  std::shared_ptr<launch_record> record_;
+};
+
+// Lists that fill with the records of all launches between begin and end, of any thread and queue.
+class launch_log {
+ public:
+  using list = std::vector<std::shared_ptr<launch_record>>;
+  static void begin(std::shared_ptr<list> sink);
+  static void end(const std::shared_ptr<list>& sink);
+  static list snapshot(const std::shared_ptr<list>& sink);
+};
+
+// Work-items of a sub-group that a kernel requires; 0 for none.
+struct sub_group_size {
+  int value = 0;
+};
+
+class handler {
+ public:
+  explicit handler(launch_record& record) : record_(record) {}
+
+  // A kernel is a function of its work-group: see group.hpp.
+  template <int D, class Kernel>
+  void parallel_for(const nd_range<D>& range, sub_group_size required, const Kernel& kernel) {
+    record_.global_size.assign(range.global.begin(), range.global.end());
+    record_.local_size.assign(range.local.begin(), range.local.end());
+    record_.sub_group_size = required.value;
+    run_groups(range, kernel);
+  }
+
+  // A range without work-groups of its own: kernel(i, j) does all items (i, j, ...) of the last dimension, which a device
+  // would hand to neighbouring lanes.
+  template <class Kernel>
+  void parallel_for(const std::array<std::size_t, 3>& range, const Kernel& kernel) {
+    record_.global_size.assign(range.begin(), range.end());
+    host::run_adaptively(range[0] * range[1], [&](std::size_t begin, std::size_t end) {
+      for (std::size_t i = begin; i < end; ++i) kernel(i / range[1], i % range[1]);
+    });
+  }
+
+ private:
+  launch_record& record_;
+};
+
+class queue {
+ public:
+  explicit queue(int id) : id_(id) {}
+  queue(const queue&) = delete;
+  queue& operator=(const queue&) = delete;
+
+  int id() const { return id_; }
+  device get_device() const { return {}; }
+  void wait() {}
+
+  template <class CommandGroup>
+  event submit(const CommandGroup& command_group, const detail::code_location& where) {
+    event done;
+    launch_record& record = done.record();
+    begin(record, where);
+    handler h(record);
+    command_group(h);
+    finish(done);
+    return done;
+  }
+
+ private:
+  void begin(launch_record& record, const detail::code_location& where) const;
+  static void finish(event& done);
+  int id_;
+};
+
+}  // namespace sycl

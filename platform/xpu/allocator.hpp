@@ -1,0 +1,24 @@
+// Caching allocator of the XPU device: memory of the host, aligned to a cache line, in huge pages where that pays.
+// Fresh memory is several times slower to write first than reused memory, so freed blocks are kept by size class.
+#pragma once
+
+#include <c10/core/Allocator.h>
+
+#include <cstddef>
+
+namespace xpu {
+
+constexpr std::size_t alignment = 64;
+
+c10::Allocator* device_allocator();
+
+// The same memory, labelled as the CPU's: what storages of re-labelled tensors grow by.
+c10::Allocator* relabelled_allocator();
+
+// A data pointer with the same memory and deleter that says it is on `device`.
+c10::DataPtr relabel(c10::DataPtr&& data, c10::Device device);
+
+// Gives all cached blocks back to the system.
+void empty_cache();
+
+}  // namespace xpu

@@ -1,0 +1,218 @@
+// Every operator that the XPU device has no kernel for: the CPU kernel runs on the same memory. Tensors are re-labelled,
+// `device` arguments name the CPU while it runs, and results are labelled back; in-place operators and views share storage.
+#include <ATen/core/LegacyTypeDispatch.h>
+#include <ATen/core/dispatch/Dispatcher.h>
+#include <ATen/core/ivalue.h>
+#include <ATen/core/jit_type.h>
+#include <torch/library.h>
+
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/xpu/relabel.hpp"
+#include "platform/xpu/stream.hpp"
+
+namespace xpu {
+namespace {
+
+using c10::Argument;
+using c10::IValue;
+
+// Operators known to lack a CPU kernel for a 16-bit type. They get their inputs widened to float.
+class widened_operators {
+ public:
+  bool has(const c10::FunctionSchema& schema) const {
+    const std::shared_lock<std::shared_mutex> lock(mutex_);
+    return known_.count(&schema) != 0;
+  }
+  void add(const c10::FunctionSchema& schema) {
+    const std::unique_lock<std::shared_mutex> lock(mutex_);
+    known_.insert(&schema);
+  }
+
+ private:
+  mutable std::shared_mutex mutex_;
+  std::unordered_set<const c10::FunctionSchema*> known_;
+};
+
+widened_operators& widened() {
+  static auto* operators = new widened_operators;
+  return *operators;
+}
+
+bool is_narrow(at::ScalarType type) { return type == at::kHalf || type == at::kBFloat16; }
+
+bool is_written(const Argument& argument) {
+  const c10::AliasInfo* alias = argument.alias_info();
+  if (alias == nullptr) return false;
+  if (alias->isWrite()) return true;
+  for (const c10::AliasInfo& element : alias->containedTypes()) {
+    if (element.isWrite()) return true;
+  }
+  return false;
+}
+
+bool is_dtype(const Argument& argument) {
+  c10::TypePtr type = argument.real_type();
+  if (const auto optional = type->cast<c10::OptionalType>()) type = optional->getElementType();
+  return type->kind() == c10::TypeKind::ScalarTypeType;
+}
+
+// The arguments of one call on their way to the CPU kernel, and its results on their way back.
+class call {
+ public:
+  call(const c10::OperatorHandle& op, const std::vector<IValue>& arguments) : op_(op), arguments_(arguments) { survey(); }
+
+  bool has_narrow_inputs() const { return narrow_ != at::ScalarType::Undefined; }
+
+  // Pushes the results on the stack. `widen`: 16-bit floating tensors take part as float.
+  void run(torch::jit::Stack* stack, bool widen) {
+    relabelling labels;
+    const std::size_t base = stack->size();
+    try {
+      for (std::size_t i = 0; i < arguments_.size(); ++i) {
+        stack->push_back(to_cpu(arguments_[i], op_.schema().arguments()[i], labels, widen));
+      }
+      op_.redispatchBoxed(c10::DispatchKeySet(c10::DispatchKey::CPU), stack);
+    } catch (...) {
+      stack->erase(stack->begin() + static_cast<std::ptrdiff_t>(base), stack->end());
+      throw;
+    }
+    labels.finish();
+    if (results_stay_) return;
+    for (std::size_t i = base; i < stack->size(); ++i) (*stack)[i] = to_xpu((*stack)[i], labels, widen);
+  }
+
+ private:
+  template <class F>
+  static void for_each_tensor(const IValue& value, F f) {
+    if (value.isTensor()) {
+      f(value.toTensor());
+    } else if (value.isTensorList()) {
+      for (const at::Tensor& tensor : value.toTensorVector()) f(tensor);
+    } else if (value.isList()) {  // optional tensors
+      for (const IValue& element : value.toListRef()) {
+        if (element.isTensor()) f(element.toTensor());
+      }
+    }
+  }
+
+  // Finds the dtypes and refuses tensors of two devices: a CPU tensor may take part as a number (no dimensions, not written)
+  // or as an index.
+  void survey() {
+    const auto& formal = op_.schema().arguments();
+    bool any_xpu = false, all_narrow = true;
+    const Argument* stranger = nullptr;
+    for (std::size_t i = 0; i < arguments_.size(); ++i) {
+      const IValue& value = arguments_[i];
+      if (value.isDevice()) results_stay_ |= value.toDevice().is_cpu();
+      if (value.isInt() && is_dtype(formal[i])) dtype_ = static_cast<at::ScalarType>(value.toInt());
+      if (value.isBool() && formal[i].name() == "half_to_float" && value.toBool()) dtype_ = at::kFloat;
+      const bool index = value.isList() && !value.isTensorList();
+      for_each_tensor(value, [&](const at::Tensor& tensor) {
+        if (!tensor.defined()) return;
+        if (tensor.is_xpu()) {
+          any_xpu = true;
+        } else {
+          outside_.push_back(tensor);
+          if (!index && (tensor.dim() > 0 || is_written(formal[i]))) stranger = &formal[i];
+        }
+        if (is_narrow(tensor.scalar_type())) {
+          narrow_ = tensor.scalar_type();
+        } else if (tensor.is_floating_point() && tensor.dim() > 0) {
+          all_narrow = false;
+        }
+      });
+    }
+    if (!dtype_ && has_narrow_inputs() && all_narrow) dtype_ = narrow_;
+    TORCH_CHECK(!any_xpu || stranger == nullptr,
+                "Expected all tensors to be on the same device, but found at least two devices, ", device(),
+                " and cpu! (argument '", stranger != nullptr ? stranger->name() : "", "' of ", op_.operator_name(), ")");
+  }
+
+  static at::Tensor to_cpu(const at::Tensor& tensor, bool written, relabelling& labels, bool widen) {
+    if (!tensor.defined() || !tensor.is_xpu()) return tensor;
+    if (widen && is_narrow(tensor.scalar_type())) return labels.to_cpu_widened(tensor, at::kFloat, written);
+    return labels.to_cpu(tensor);
+  }
+
+  static IValue to_cpu(const IValue& value, const Argument& formal, relabelling& labels, bool widen) {
+    const bool written = is_written(formal);
+    if (value.isTensor()) return to_cpu(value.toTensor(), written, labels, widen);
+    if (value.isTensorList()) {
+      c10::List<at::Tensor> twins;
+      for (const at::Tensor& tensor : value.toTensorVector()) twins.push_back(to_cpu(tensor, written, labels, widen));
+      return twins;
+    }
+    if (value.isOptionalTensorList()) {
+      c10::List<c10::optional<at::Tensor>> twins;
+      for (const c10::optional<at::Tensor>& tensor : value.toOptionalTensorVector()) {
+        twins.push_back(tensor ? c10::optional<at::Tensor>(to_cpu(*tensor, written, labels, widen)) : c10::nullopt);
+      }
+      return twins;
+    }
+    if (value.isDevice() && value.toDevice().is_xpu()) return c10::Device(c10::DeviceType::CPU);
+    if (widen && value.isInt() && is_dtype(formal) && is_narrow(static_cast<at::ScalarType>(value.toInt()))) {
+      return static_cast<int64_t>(at::kFloat);
+    }
+    return value;
+  }
+
+  at::Tensor to_xpu(const at::Tensor& result, relabelling& labels, bool widen) const {
+    for (const at::Tensor& tensor : outside_) {
+      if (result.defined() && result.is_alias_of(tensor)) return result;
+    }
+    const at::Tensor device_result = labels.to_xpu(result);
+    const bool rounds = widen && dtype_ && is_narrow(*dtype_) && result.defined() && result.scalar_type() == at::kFloat;
+    if (!rounds || !device_result.is_xpu() || device_result.scalar_type() != at::kFloat) return device_result;
+    return labels.to_xpu(result.to(*dtype_));
+  }
+
+  IValue to_xpu(const IValue& value, relabelling& labels, bool widen) const {
+    if (value.isTensor()) return to_xpu(value.toTensor(), labels, widen);
+    if (value.isTensorList()) {
+      c10::List<at::Tensor> results;
+      for (const at::Tensor& tensor : value.toTensorVector()) results.push_back(to_xpu(tensor, labels, widen));
+      return results;
+    }
+    return value;
+  }
+
+  const c10::OperatorHandle& op_;
+  const std::vector<IValue>& arguments_;
+  std::vector<at::Tensor> outside_;                         // CPU tensors among the arguments
+  at::ScalarType narrow_ = at::ScalarType::Undefined;       // the 16-bit floating type among them
+  c10::optional<at::ScalarType> dtype_;                     // of results, where it is asked for or plain
+  bool results_stay_ = false;                               // a `device` argument asks for the CPU
+};
+
+void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
+  const at::AutoDispatchBelowADInplaceOrView below_autograd;
+  const c10::FunctionSchema& schema = op.schema();
+  const auto first = stack->end() - static_cast<std::ptrdiff_t>(schema.arguments().size());
+  const std::vector<IValue> arguments(std::make_move_iterator(first), std::make_move_iterator(stack->end()));
+  stack->erase(first, stack->end());
+
+  call c(op, arguments);
+  const bool widen = c.has_narrow_inputs() && widened().has(schema);
+  if (widen || !c.has_narrow_inputs()) return c.run(stack, widen);
+  try {
+    c.run(stack, false);
+  } catch (const c10::Error& error) {
+    const std::string text = error.what_without_backtrace();
+    const bool lacks_type = text.find("not implemented for 'Half'") != std::string::npos ||
+                            text.find("not implemented for 'BFloat16'") != std::string::npos;
+    if (!lacks_type) throw;
+    c.run(stack, true);
+    widened().add(schema);
+  }
+}
+
+}  // namespace
+
+TORCH_LIBRARY_IMPL(_, XPU, library) { library.fallback(torch::CppFunction::makeFromBoxedFunction<&fallback>()); }
+
+}  // namespace xpu

@@ -1,0 +1,124 @@
+#include "platform/xpu/relabel.hpp"
+
+#include <ATen/core/NamedTensor.h>
+#include <ATen/ops/zeros.h>
+
+#include "platform/xpu/allocator.hpp"
+#include "platform/xpu/stream.hpp"
+
+namespace xpu {
+namespace {
+
+const c10::Device cpu(c10::DeviceType::CPU);
+
+void drop_storage(void* storage) { c10::intrusive_ptr<c10::StorageImpl>::reclaim(static_cast<c10::StorageImpl*>(storage)); }
+
+// A storage on `device` over the memory of another, which it keeps alive.
+c10::Storage share(const c10::Storage& storage, c10::Device device, c10::Allocator* allocator, bool resizable) {
+  void* memory = storage.data();
+  const std::size_t bytes = storage.nbytes();
+  void* owner = c10::Storage(storage).unsafeReleaseStorageImpl();
+  return c10::Storage(c10::make_intrusive<c10::StorageImpl>(c10::StorageImpl::use_byte_size_t(),
+                                                            static_cast<int64_t>(bytes),
+                                                            c10::DataPtr(memory, owner, &drop_storage, device), allocator,
+                                                            resizable));
+}
+
+// A tensor with everything of `like` but the device and the storage.
+at::Tensor same_view(const at::Tensor& like, c10::Storage storage, c10::DispatchKey key) {
+  at::Tensor tensor =
+      at::detail::make_tensor<c10::TensorImpl>(std::move(storage), c10::DispatchKeySet(key), like.dtype());
+  c10::TensorImpl* impl = tensor.unsafeGetTensorImpl();
+  impl->set_sizes_and_strides(like.sizes(), like.strides());
+  impl->set_storage_offset(like.storage_offset());
+  if (like.is_conj()) impl->_set_conj(true);
+  if (like.is_neg()) impl->_set_neg(true);
+  if (like.unsafeGetTensorImpl()->is_wrapped_number()) impl->set_wrapped_number(true);
+  if (like.has_names()) at::impl::internal_set_names_inplace(impl, like.opt_names(), /*validate_names=*/false);
+  return tensor;
+}
+
+}  // namespace
+
+c10::Storage relabelling::cpu_storage(const c10::Storage& storage) {
+  for (const storage_pair& p : storages_) {
+    if (p.xpu.is_alias_of(storage)) return p.cpu;
+  }
+  c10::Storage twin =
+      share(storage, cpu, relabelled_allocator(), storage.unsafeGetStorageImpl()->resizable());
+  storages_.push_back({storage, twin});
+  return twin;
+}
+
+c10::Storage relabelling::xpu_storage(const c10::Storage& storage) {
+  for (const storage_pair& p : storages_) {
+    if (p.cpu.is_alias_of(storage)) return p.xpu;
+  }
+  c10::Storage twin = share(storage, device(), device_allocator(), true);
+  storages_.push_back({twin, storage});
+  return twin;
+}
+
+at::Tensor relabelling::to_cpu(const at::Tensor& tensor) {
+  for (const pair& p : tensors_) {
+    if (p.xpu.is_same(tensor)) return p.cpu;
+  }
+  TORCH_CHECK(tensor.layout() == at::kStrided && tensor.has_storage() && !tensor.is_quantized(),
+              "the XPU device has dense tensors only, not ", tensor.toString());
+  at::Tensor twin = same_view(tensor, cpu_storage(tensor.storage()), c10::DispatchKey::CPU);
+  tensors_.push_back({tensor, twin});
+  return twin;
+}
+
+at::Tensor relabelling::to_cpu_widened(const at::Tensor& tensor, at::ScalarType wider, bool written) {
+  for (const pair& p : tensors_) {
+    if (p.xpu.is_same(tensor)) return p.cpu;
+  }
+  const at::Tensor twin = to_cpu(tensor).to(wider);
+  tensors_.back() = {tensor, twin, /*widened=*/true, written};
+  return twin;
+}
+
+void relabelling::finish() {
+  for (const storage_pair& p : storages_) {
+    c10::StorageImpl* of_xpu = p.xpu.unsafeGetStorageImpl();
+    c10::StorageImpl* of_cpu = p.cpu.unsafeGetStorageImpl();
+    if (of_cpu->data_ptr().get_context() == of_xpu) continue;  // the memory is still the device's
+    of_xpu->set_data_ptr_noswap(relabel(of_cpu->set_data_ptr(c10::DataPtr(nullptr, cpu)), device()));
+    of_xpu->set_nbytes(of_cpu->nbytes());
+  }
+  for (const pair& p : tensors_) {
+    if (!p.widened) {
+      finish(p);
+    } else if (p.written) {
+      pair narrow{p.xpu, same_view(p.xpu, cpu_storage(p.xpu.storage()), c10::DispatchKey::CPU)};
+      if (narrow.cpu.sizes() != p.cpu.sizes()) narrow.cpu.resize_(p.cpu.sizes());
+      narrow.cpu.copy_(p.cpu);
+      finish(narrow);
+    }
+  }
+}
+
+void relabelling::finish(const pair& p) {
+  c10::TensorImpl* impl = p.xpu.unsafeGetTensorImpl();
+  const c10::Storage storage = xpu_storage(p.cpu.storage());
+  if (!storage.is_alias_of(p.xpu.storage())) impl->set_storage_keep_dtype(storage);
+  if (p.cpu.sizes() != p.xpu.sizes() || p.cpu.strides() != p.xpu.strides() ||
+      p.cpu.storage_offset() != p.xpu.storage_offset()) {
+    impl->set_sizes_and_strides(p.cpu.sizes(), p.cpu.strides());
+    impl->set_storage_offset(p.cpu.storage_offset());
+  }
+}
+
+at::Tensor relabelling::to_xpu(const at::Tensor& result) {
+  if (!result.defined() || !result.device().is_cpu()) return result;
+  for (const pair& p : tensors_) {
+    if (result.is_same(p.cpu)) return p.xpu;
+  }
+  TORCH_CHECK(result.layout() == at::kStrided && !result.is_quantized(), "the XPU device has dense tensors only: a ",
+              result.toString(), " cannot be moved to it");
+  if (result._is_zerotensor()) return to_xpu(at::zeros(result.sizes(), result.scalar_type()));
+  return same_view(result, xpu_storage(result.storage()), c10::DispatchKey::XPU);
+}
+
+}  // namespace xpu

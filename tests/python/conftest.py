@@ -1,0 +1,36 @@
+"""What all Python tests share: the reference package on the path, and the device class of this process.
+
+scripts/test.sh runs the suite once per class, with HOST_XPU_DEVICE_NAME set to one of DEVICE_NAMES.
+"""
+
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).parents[1]))
+
+import torch  # noqa: E402, F401  (before the extension modules, which link to it)
+
+import corvane  # noqa: E402, F401
+import host_xpu  # noqa: E402
+
+DEVICE_NAMES = {
+    0: "Stratus Server GPU 9000",
+    1: "Cirrus(TM) A770",
+    2: "Stratus Edge GPU",
+    3: "some other device",
+    4: "Cirrus(TM) Graphics",
+    5: "NBG 3",
+}
+
+
+def class_of(name: str) -> int:
+    """The device class that a name falls into, by the documented order of keys."""
+    keys = [("Stratus Server GPU", 0), ("Cirrus(TM) A", 1), ("Cirrus(TM)", 4), ("NBG", 5), ("Stratus Edge GPU", 2)]
+    return next((number for key, number in keys if key in name), 3)
+
+
+@pytest.fixture(scope="session")
+def device_class() -> int:
+    return class_of(host_xpu.device_name())
