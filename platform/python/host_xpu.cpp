@@ -74,8 +74,7 @@ void define_records(py::module_& module) {
       .def_readonly("kernel", &record::kernel, "Function name of the launch's source location: the kernel's name.")
       .def_readonly("source", &record::source, "Stem of the source file that launched it.")
       .def_property_readonly(
-          "label",
-          [](const record& r) { return r.labelled ? std::optional<std::string>(r.label) : std::nullopt; },
+          "label", [](const record& r) { return r.labelled ? std::optional<std::string>(r.label) : std::nullopt; },
           "Label under which the profiler recorded it; None if it never did.")
       .def_property_readonly(
           "global_size", [](const record& r) { return as_tuple(r.global_size); }, "Work-items in each dimension.")
@@ -101,7 +100,9 @@ void define_records(py::module_& module) {
            [](const launch_sequence& launches, const py::object& index) { return py::object(launches.copy()[index]); })
       .def("__iter__", [](const launch_sequence& launches) { return py::iter(launches.copy()); })
       .def("__eq__",
-           [](const launch_sequence& launches, const py::object& other) { return launches.copy().equal(py::list(other)); })
+           [](const launch_sequence& launches, const py::object& other) {
+             return py::isinstance<py::sequence>(other) && launches.copy().equal(py::list(other));
+           })
       .def("__repr__", [](const launch_sequence& launches) { return py::repr(launches.copy()); });
   py::module_::import("collections.abc").attr("Sequence").attr("register")(module.attr("LaunchList"));
 
@@ -110,7 +111,8 @@ void define_records(py::module_& module) {
       .def("__exit__", [](launch_recorder& recorder, const py::args&) { recorder.exit(); });
   module.def(
       "record_launches", [] { return std::make_unique<launch_recorder>(); },
-      "Records the kernel launches of all threads and queues between entering and leaving the context, which yields the\n"
+      "Records the kernel launches of all threads and queues between entering and leaving the context, which yields "
+      "the\n"
       "list of their records (LaunchRecord). The list fills while the context is open and stays readable after it.\n"
       "Contexts may be nested; each has its own list.\n\n"
       "    with host_xpu.record_launches() as launches:\n"
@@ -119,14 +121,17 @@ void define_records(py::module_& module) {
 }
 
 void define_streams(py::module_& module) {
-  py::class_<c10::Stream>(module, "Stream",
-                          "A stream of the XPU device. Work submitted to one stream runs in order. There are 31 beside the\n"
-                          "default stream; the 32nd Stream() is the first again.")
+  py::class_<c10::Stream>(
+      module, "Stream",
+      "A stream of the XPU device. Work submitted to one stream runs in order. There are 31 beside the\n"
+      "default stream; the 32nd Stream() is the first again.")
       .def(py::init(&xpu::get_new_stream))
       .def_property_readonly("id", &c10::Stream::id, "Number of the stream; 0 is the default stream.")
-      .def("synchronize", [](const c10::Stream& s) { xpu::get_queue_from_stream(s).wait(); },
-           "Waits until the stream has run everything submitted to it.")
-      .def("__eq__", [](const c10::Stream& a, const c10::Stream& b) { return a == b; }, py::is_operator())
+      .def(
+          "synchronize", [](const c10::Stream& s) { xpu::get_queue_from_stream(s).wait(); },
+          "Waits until the stream has run everything submitted to it.")
+      .def(
+          "__eq__", [](const c10::Stream& a, const c10::Stream& b) { return a == b; }, py::is_operator())
       .def("__hash__", &c10::Stream::id)
       .def("__repr__", [](const c10::Stream& s) { return "<host_xpu.Stream " + std::to_string(s.id()) + ">"; });
 

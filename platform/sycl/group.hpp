@@ -8,6 +8,7 @@
 // lane t being what work-item t of a device would hold.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -31,9 +32,9 @@ class group {
         const std::array<std::size_t, D>& local)
       : id_(id), count_(count), local_(local) {}
 
-  std::size_t id(int dimension = 0) const { return id_[dimension]; }         // of this group
-  std::size_t count(int dimension = 0) const { return count_[dimension]; }   // groups of the launch
-  std::size_t local(int dimension = 0) const { return local_[dimension]; }   // items of a group
+  std::size_t id(int dimension = 0) const { return id_[dimension]; }        // of this group
+  std::size_t count(int dimension = 0) const { return count_[dimension]; }  // groups of the launch
+  std::size_t local(int dimension = 0) const { return local_[dimension]; }  // items of a group
 
   // One phase: phase(t) for every work-item, t its linear local id.
   template <class Phase>
@@ -53,12 +54,17 @@ class group {
   std::array<std::size_t, D> id_, count_, local_;
 };
 
-// Local memory of a group. Its content is undefined until written.
+template <int D>
+class group_block;
+
+// Local memory of a group, or of all groups of a block together. Its content is undefined until written.
 template <class T, std::size_t Size>
 class local_array {
  public:
   template <int D>
   explicit local_array(const group<D>&) {}
+  template <int D>
+  explicit local_array(const group_block<D>&) {}
   T& operator[](std::size_t i) { return data_[i]; }
   const T& operator[](std::size_t i) const { return data_[i]; }
   T* data() { return data_; }
@@ -101,6 +107,70 @@ void run_groups(const nd_range<D>& range, const Kernel& kernel) {
       id[0] = rest;
       kernel(group<D>(id, count, range.local));
     }
+  });
+}
+
+// A kernel whose work-groups would all begin by making the same local data of the arguments, a rearranged copy of the
+// input say: prepare() makes it once a launch, before the first group. On a device it is the first phase of each group.
+template <class Prepare, class Kernel>
+struct prepared_kernel {
+  Prepare prepare;
+  Kernel kernel;
+};
+
+template <int D, class Prepare, class Kernel>
+void run_groups(const nd_range<D>& range, const prepared_kernel<Prepare, Kernel>& prepared) {
+  prepared.prepare();
+  run_groups(range, prepared.kernel);
+}
+
+// Neighbouring work-groups of a launch, taken together by a kernel whose groups read the same data: what each of them
+// would fetch and expand for itself is then made once. On a device a block is one group.
+template <int D>
+class group_block {
+ public:
+  group_block(const std::array<std::size_t, D>& first, const std::array<std::size_t, D>& count,
+              const std::array<std::size_t, D>& total, const std::array<std::size_t, D>& local)
+      : first_(first), count_(count), total_(total), local_(local) {}
+
+  std::size_t first(int dimension) const { return first_[dimension]; }  // id of the first group of this block
+  std::size_t count(int dimension) const { return count_[dimension]; }  // groups of this block
+  std::size_t total(int dimension) const { return total_[dimension]; }  // groups of the launch
+
+  // One phase: phase(t) does the share of work-item t of every group of the block.
+  template <class Phase>
+  void for_each_item(const Phase& phase) const {
+    group<D>(first_, total_, local_).for_each_item(phase);
+  }
+
+ private:
+  std::array<std::size_t, D> first_, count_, total_, local_;
+};
+
+// A kernel that takes work-groups in blocks of up to `groups` in each dimension.
+template <int D, class Kernel>
+struct block_kernel {
+  std::array<std::size_t, D> groups;
+  Kernel kernel;
+};
+
+// The blocks of a launch, in pieces over all cores. The last dimension runs fastest.
+template <int D, class Kernel>
+void run_groups(const nd_range<D>& range, const block_kernel<D, Kernel>& blocked) {
+  std::array<std::size_t, D> total;
+  nd_range<D> blocks;  // one item a block
+  for (int d = 0; d < D; ++d) {
+    total[d] = range.local[d] == 0 ? 0 : range.global[d] / range.local[d];
+    blocks.global[d] = (total[d] + blocked.groups[d] - 1) / blocked.groups[d];
+    blocks.local[d] = 1;
+  }
+  run_groups(blocks, [&](const group<D>& block) {
+    std::array<std::size_t, D> first, count;
+    for (int d = 0; d < D; ++d) {
+      first[d] = block.id(d) * blocked.groups[d];
+      count[d] = std::min(blocked.groups[d], total[d] - first[d]);
+    }
+    blocked.kernel(group_block<D>(first, count, total, range.local));
   });
 }
 

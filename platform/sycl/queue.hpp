@@ -4,6 +4,7 @@
 // whether the host waited for it; launch_log keeps the records of launches for whoever asks.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -84,6 +85,13 @@ class launch_log {
   static list snapshot(const std::shared_ptr<list>& sink);
 };
 
+using range3 = std::array<std::size_t, 3>;
+
+// Neighbouring work-items of a basic range: from begin to before end in each dimension.
+struct item_box {
+  range3 begin, end;
+};
+
 // Work-items of a sub-group that a kernel requires; 0 for none.
 struct sub_group_size {
   int value = 0;
@@ -102,13 +110,23 @@ class handler {
     run_groups(range, kernel);
   }
 
-  // A range without work-groups of its own: kernel(i, j) does all items (i, j, ...) of the last dimension, which a device
-  // would hand to neighbouring lanes.
+  // A range without work-groups of its own: the platform cuts it as it likes, here into boxes of `piece` items (fewer at
+  // the ends), and kernel(box) does all items of a box, so that it can hold in registers what they share.
   template <class Kernel>
-  void parallel_for(const std::array<std::size_t, 3>& range, const Kernel& kernel) {
+  void parallel_for(const range3& range, const range3& piece, const Kernel& kernel) {
     record_.global_size.assign(range.begin(), range.end());
-    host::run_adaptively(range[0] * range[1], [&](std::size_t begin, std::size_t end) {
-      for (std::size_t i = begin; i < end; ++i) kernel(i / range[1], i % range[1]);
+    range3 boxes;
+    for (int d = 0; d < 3; ++d) boxes[d] = (range[d] + piece[d] - 1) / piece[d];
+    host::run_adaptively(boxes[0] * boxes[1] * boxes[2], [&](std::size_t begin, std::size_t end) {
+      for (std::size_t i = begin; i < end; ++i) {
+        const range3 id{i / boxes[2] / boxes[1], i / boxes[2] % boxes[1], i % boxes[2]};
+        item_box box;
+        for (int d = 0; d < 3; ++d) {
+          box.begin[d] = id[d] * piece[d];
+          box.end[d] = std::min(box.begin[d] + piece[d], range[d]);
+        }
+        kernel(box);
+      }
     });
   }
 

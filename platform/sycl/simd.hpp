@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 namespace sycl {
 
@@ -23,11 +24,26 @@ using f32x16 = float __attribute__((vector_size(64)));
 using i32x16 = std::int32_t __attribute__((vector_size(64)));
 using u32x16 = std::uint32_t __attribute__((vector_size(64)));
 using f64x8 = double __attribute__((vector_size(64)));
+using i64x8 = std::int64_t __attribute__((vector_size(64)));
 using u8x16 = std::uint8_t __attribute__((vector_size(16)));
 using u16x16 = std::uint16_t __attribute__((vector_size(32)));
 using u8x64 = std::uint8_t __attribute__((vector_size(64)));
+using u16x32 = std::uint16_t __attribute__((vector_size(64)));
 
 #define CORVANE_INLINE inline __attribute__((always_inline))
+#define CORVANE_INLINE_LAMBDA __attribute__((always_inline))  // after a lambda's parameters
+
+// f(0), ..., f(N - 1), each with its number as a compile-time constant: arrays indexed by it stay in registers.
+namespace detail {
+template <unsigned... I, class F>
+CORVANE_INLINE void unroll(std::integer_sequence<unsigned, I...>, const F& f) {
+  (f(std::integral_constant<unsigned, I>{}), ...);
+}
+}  // namespace detail
+template <unsigned N, class F>
+CORVANE_INLINE void unroll(const F& f) {
+  detail::unroll(std::make_integer_sequence<unsigned, N>{}, f);
+}
 
 // --- loads of raw bytes, widening, reinterpretation -------------------------------------------------------------
 
@@ -35,6 +51,15 @@ template <class V>
 CORVANE_INLINE V load_bytes(const void* from) {
   V v;
   std::memcpy(&v, from, sizeof(V));
+  return v;
+}
+
+// The first `bytes` bytes from memory, the rest zero. All of them, the common case, is one load.
+template <class V>
+CORVANE_INLINE V load_some(const void* from, std::size_t bytes) {
+  if (__builtin_expect(bytes >= sizeof(V), 1)) return load_bytes<V>(from);
+  V v{};
+  std::memcpy(&v, from, bytes);
   return v;
 }
 
@@ -54,7 +79,7 @@ CORVANE_INLINE Integer load_integer(const void* from) {
 // A hint that the cache line at `to` will be read; any address is harmless.
 CORVANE_INLINE void prefetch(const void* to) { __builtin_prefetch(to); }
 
-CORVANE_INLINE f32x16 splat(float x) { return f32x16{} + x; }
+CORVANE_INLINE f32x16 splat(float x) { return x - f32x16{}; }  // a sum with 0 would lose the sign of -0
 CORVANE_INLINE i32x16 splat(std::int32_t x) { return i32x16{} + x; }
 CORVANE_INLINE f32x16 as_float(i32x16 bits) { return (f32x16)bits; }
 CORVANE_INLINE i32x16 as_int(f32x16 x) { return (i32x16)x; }
@@ -85,9 +110,22 @@ CORVANE_INLINE i32x16 widen_u16(u16x16 x) { return (i32x16)_mm512_cvtepu16_epi32
 CORVANE_INLINE f32x16 lookup16(f32x16 table, i32x16 index) {
   return (f32x16)_mm512_permutexvar_ps((__m512i)index, (__m512)table);
 }
+// The same for 32 entries of 16 bits at a time.
+constexpr bool looks_up_words = true;
+CORVANE_INLINE u16x32 lookup16(u16x16 table, u16x32 index) {
+  const __m512i twice = _mm512_broadcast_i64x4((__m256i)table);  // so that the fifth bit, which counts, does not matter
+  return (u16x32)_mm512_permutexvar_epi16((__m512i)index, twice);
+}
+CORVANE_INLINE u16x32 widen_32_u8_to_u16(const void* from) {
+  return (u16x32)_mm512_cvtepu8_epi16(_mm256_loadu_si256(static_cast<const __m256i*>(from)));
+}
 CORVANE_INLINE f64x8 low_to_double(f32x16 x) { return (f64x8)_mm512_cvtps_pd(_mm512_castps512_ps256((__m512)x)); }
 CORVANE_INLINE f64x8 high_to_double(f32x16 x) {
   return (f64x8)_mm512_cvtps_pd((__m256)_mm512_extractf64x4_pd((__m512d)x, 1));
+}
+CORVANE_INLINE f32x16 narrow_to_float(f64x8 low, f64x8 high) {
+  return (f32x16)_mm512_insertf32x8(_mm512_castps256_ps512(_mm512_cvtpd_ps((__m512d)low)),
+                                    _mm512_cvtpd_ps((__m512d)high), 1);
 }
 CORVANE_INLINE f32x16 fused_multiply_add(f32x16 a, f32x16 b, f32x16 c) {
   return (f32x16)_mm512_fmadd_ps((__m512)a, (__m512)b, (__m512)c);
@@ -100,12 +138,23 @@ CORVANE_INLINE f32x16 splat_half(const void* from) {  // one Half in memory, in 
   std::memcpy(&bits, from, sizeof(bits));
   return (f32x16)_mm512_cvtph_ps(_mm256_set1_epi16(bits));
 }
+CORVANE_INLINE i64x8 widen_u8_to_i64(const void* from) {
+  return (i64x8)_mm512_cvtepu8_epi64(_mm_loadl_epi64(static_cast<const __m128i*>(from)));
+}
+CORVANE_INLINE f64x8 lookup16(f64x8 low, f64x8 high, i64x8 index) {
+  return (f64x8)_mm512_permutex2var_pd((__m512d)low, (__m512i)index, (__m512d)high);
+}
 CORVANE_INLINE u16x16 widen_s8_to_u16(const void* from) {  // sign-extended
   return (u16x16)_mm256_cvtepi8_epi16(_mm_loadu_si128(static_cast<const __m128i*>(from)));
 }
 // (index & 16 ? high : low)[index & 15] in each lane.
 CORVANE_INLINE f32x16 lookup32(f32x16 low, f32x16 high, i32x16 index) {
   return (f32x16)_mm512_permutex2var_ps((__m512)low, (__m512i)index, (__m512)high);
+}
+// The same with bit t of the mask for bit 4 of lane t's index.
+CORVANE_INLINE f32x16 lookup32(f32x16 low, f32x16 high, i32x16 index, std::uint16_t mask) {
+  const __m512 from_low = _mm512_permutexvar_ps((__m512i)index, (__m512)low);
+  return (f32x16)_mm512_mask_permutexvar_ps(from_low, mask, (__m512i)index, (__m512)high);
 }
 // Bit t of the mask chooses for lane t.
 CORVANE_INLINE f32x16 select(std::uint16_t mask, f32x16 if_set, f32x16 if_clear) {
@@ -167,6 +216,17 @@ CORVANE_INLINE f32x16 lookup16(f32x16 table, i32x16 index) {
   };
   return detail::join<f32x16>(pick(i.low), pick(i.high));
 }
+constexpr bool looks_up_words = false;  // the following work, but one lane at a time
+CORVANE_INLINE u16x32 lookup16(u16x16 table, u16x32 index) {
+  u16x32 entries;
+  for (int t = 0; t < 32; ++t) entries[t] = table[index[t] & 15];
+  return entries;
+}
+CORVANE_INLINE u16x32 widen_32_u8_to_u16(const void* from) {
+  u16x32 words;
+  for (int t = 0; t < 32; ++t) words[t] = static_cast<const std::uint8_t*>(from)[t];
+  return words;
+}
 CORVANE_INLINE f64x8 low_to_double(f32x16 x) {
   f64x8 y;
   for (int i = 0; i < 8; ++i) y[i] = x[i];
@@ -181,6 +241,16 @@ CORVANE_INLINE f32x16 splat_half(const void* from) {
   std::uint16_t bits;
   std::memcpy(&bits, from, sizeof(bits));
   return splat(_cvtsh_ss(bits));
+}
+CORVANE_INLINE i64x8 widen_u8_to_i64(const void* from) {
+  const __m128i b = _mm_loadl_epi64(static_cast<const __m128i*>(from));
+  return detail::join<i64x8>(_mm256_cvtepu8_epi64(b), _mm256_cvtepu8_epi64(_mm_srli_si128(b, 4)));
+}
+// table[index & 15] in each lane, the table in two parts.
+CORVANE_INLINE f64x8 lookup16(f64x8 low, f64x8 high, i64x8 index) {
+  f64x8 y;
+  for (int i = 0; i < 8; ++i) y[i] = index[i] & 8 ? high[index[i] & 7] : low[index[i] & 7];
+  return y;
 }
 CORVANE_INLINE u16x16 widen_s8_to_u16(const void* from) {
   return (u16x16)_mm256_cvtepi8_epi16(_mm_loadu_si128(static_cast<const __m128i*>(from)));
@@ -198,9 +268,41 @@ CORVANE_INLINE f32x16 lookup32(f32x16 low, f32x16 high, i32x16 index) {
   const i32x16 upper = (i32x16)((index & 16) != 0);
   return as_float((as_int(lookup16(high, index)) & upper) | (as_int(lookup16(low, index)) & ~upper));
 }
+CORVANE_INLINE f32x16 lookup32(f32x16 low, f32x16 high, i32x16 index, std::uint16_t mask) {
+  return select(mask, lookup16(high, index), lookup16(low, index));
+}
+CORVANE_INLINE f32x16 narrow_to_float(f64x8 low, f64x8 high) {
+  f32x16 y;
+  for (int i = 0; i < 8; ++i) {
+    y[i] = static_cast<float>(low[i]);
+    y[i + 8] = static_cast<float>(high[i]);
+  }
+  return y;
+}
 CORVANE_INLINE f32x16 fused_multiply_add(f32x16 a, f32x16 b, f32x16 c) { return a * b + c; }
 CORVANE_INLINE f64x8 fused_multiply_add(f64x8 a, f64x8 b, f64x8 c) { return a * b + c; }
 #endif
+
+// 32 bytes of memory, and the same again.
+CORVANE_INLINE i32x16 load_twice(const void* from) {
+  using i32x8 = std::int32_t __attribute__((vector_size(32)));
+  const auto half = load_bytes<i32x8>(from);
+  return __builtin_shufflevector(half, half, 0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7);
+}
+
+// Lanes 0, 2, ... of a, then of b; and lanes 1, 3, ...
+CORVANE_INLINE i32x16 even_lanes(i32x16 a, i32x16 b) {
+  return __builtin_shuffle(a, b, (i32x16){0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30});
+}
+CORVANE_INLINE i32x16 odd_lanes(i32x16 a, i32x16 b) {
+  return __builtin_shuffle(a, b, (i32x16){1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31});
+}
+
+// Two neighbouring Halfs in memory, in the even and the odd lanes.
+CORVANE_INLINE f32x16 splat_two_halfs(const void* from) {
+  using u32x8 = std::uint32_t __attribute__((vector_size(32)));
+  return half_bits_to_float((u16x16)(u32x8{} + load_integer<std::uint32_t>(from)));
+}
 
 // Byte t of the result is bits from[t] to from[t] + 7 of the word, which is read round its end.
 CORVANE_INLINE i32x16 multishift(std::uint64_t word, u8x64 from) {
@@ -233,17 +335,50 @@ CORVANE_INLINE f32x16 round_to_bfloat16(f32x16 x) {
   return as_float(sum & static_cast<std::int32_t>(0xFFFF0000));
 }
 
-// Any float, also a not-a-number with low bits set.
-CORVANE_INLINE f32x16 round_any_to_bfloat16(f32x16 x) {
-  const f32x16 rounded = round_to_bfloat16(x);
+// Not-a-numbers as the framework's BFloat16 has them.
+CORVANE_INLINE f32x16 with_plain_nan(f32x16 x) {
   const i32x16 is_nan = (i32x16)(x != x);
-  return as_float((as_int(rounded) & ~is_nan) | (is_nan & 0x7FC00000));
+  return as_float((as_int(x) & ~is_nan) | (is_nan & 0x7FC00000));
 }
+
+// Any float, also a not-a-number with low bits set.
+CORVANE_INLINE f32x16 round_any_to_bfloat16(f32x16 x) { return round_to_bfloat16(with_plain_nan(x)); }
 
 CORVANE_INLINE u16x16 bfloat16_bits(f32x16 x) {  // x holds BFloat16 values
   const i32x16 is_nan = (i32x16)(x != x);
   const i32x16 bits = (as_int(x) & ~is_nan) | (is_nan & 0x7FC00000);
   return narrow_u16((i32x16)((u32x16)bits >> 16));
+}
+
+// The bits of any float lanes, each rounded to BFloat16.
+CORVANE_INLINE u16x16 float_to_bfloat16_bits(f32x16 x) { return bfloat16_bits(round_to_bfloat16(x)); }
+
+// 32 float lanes to consecutive memory in one store, rounded to Half or BFloat16. (The conversion to Half that writes to
+// memory itself takes twice the cycles, 2.0 for 16 lanes against 1.0.)
+CORVANE_INLINE void store_as_half(f32x16 low, f32x16 high, void* to) {
+#ifdef CORVANE_AVX512
+  const __m512i joined = _mm512_inserti64x4(_mm512_castsi256_si512((__m256i)float_to_half_bits(low)),
+                                            (__m256i)float_to_half_bits(high), 1);
+  _mm512_storeu_si512(to, joined);
+#else
+  const u16x16 bits[2] = {float_to_half_bits(low), float_to_half_bits(high)};
+  std::memcpy(to, bits, sizeof(bits));
+#endif
+}
+CORVANE_INLINE void store_as_bfloat16(f32x16 low, f32x16 high, void* to) {
+  const auto upper_halves = [](f32x16 x) {  // each lane's BFloat16 in its upper 16 bits
+    const i32x16 is_nan = (i32x16)(x != x);
+    return (as_int(round_to_bfloat16(x)) & ~is_nan) | (is_nan & 0x7FC00000);
+  };
+#ifdef CORVANE_AVX512
+  const __m512i odd_words = (__m512i)(i32x16{0x00030001, 0x00070005, 0x000B0009, 0x000F000D, 0x00130011, 0x00170015,
+                                             0x001B0019, 0x001F001D, 0x00230021, 0x00270025, 0x002B0029, 0x002F002D,
+                                             0x00330031, 0x00370035, 0x003B0039, 0x003F003D});
+  _mm512_storeu_si512(to, _mm512_permutex2var_epi16((__m512i)upper_halves(low), odd_words, (__m512i)upper_halves(high)));
+#else
+  const u16x16 bits[2] = {float_to_bfloat16_bits(low), float_to_bfloat16_bits(high)};
+  std::memcpy(to, bits, sizeof(bits));
+#endif
 }
 
 // --- simd<T, N> ----------------------------------------------------------------------------------------------------
@@ -273,6 +408,10 @@ CORVANE_INLINE Reg rounded(Reg x) {
 }
 
 }  // namespace detail
+
+// What a lane is held as.
+template <class T>
+using lane_of = std::conditional_t<std::is_same_v<T, double>, double, float>;
 
 template <class T, unsigned N>
 struct simd {
@@ -349,6 +488,21 @@ struct simd {
     }
   }
 
+  // Values of T that are held as lanes already.
+  static CORVANE_INLINE simd load_lanes(const lane_of<T>* from) {
+    simd v;
+    for (unsigned i = 0; i < regs; ++i) v.r[i] = load_bytes<reg>(from + reg_lanes * i);
+    return v;
+  }
+  CORVANE_INLINE void store_lanes(lane_of<T>* to) const {
+    for (unsigned i = 0; i < regs; ++i) std::memcpy(to + reg_lanes * i, &r[i], sizeof(reg));
+  }
+  static CORVANE_INLINE simd broadcast_lane(lane_of<T> x) {
+    simd v;
+    for (unsigned i = 0; i < regs; ++i) v.r[i] = x - reg{};
+    return v;
+  }
+
   // 16 lanes from number 16 i on, set from floats that T holds exactly.
   CORVANE_INLINE void set_part(unsigned i, f32x16 x) {
     if constexpr (std::is_same_v<T, double>) {
@@ -362,6 +516,16 @@ struct simd {
     simd<T, 16> v;
     for (unsigned j = 0; j < simd<T, 16>::regs; ++j) v.r[j] = r[i * simd<T, 16>::regs + j];
     return v;
+  }
+
+  // The lanes as float; only of double are any rounded.
+  CORVANE_INLINE f32x16 to_float() const {
+    static_assert(N == 16);
+    if constexpr (std::is_same_v<T, double>) {
+      return narrow_to_float(r[0], r[1]);
+    } else {
+      return r[0];
+    }
   }
 
   CORVANE_INLINE T lane(unsigned i) const { return static_cast<T>(r[i / reg_lanes][i % reg_lanes]); }

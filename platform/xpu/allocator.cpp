@@ -31,7 +31,8 @@ std::size_t physical_memory() {
 
 #ifdef CORVANE_GUARDED_ALLOCATOR
 
-// Each block is an allocation of its own and of exactly the size asked for, so that a sanitizer sees an overrun by one byte.
+// Each block is an allocation of its own and of exactly the size asked for, so that a sanitizer sees an overrun by one
+// byte.
 void* acquire(std::size_t bytes) {
   void* block = nullptr;
   if (bytes > physical_memory() || posix_memalign(&block, alignment, bytes) != 0) out_of_memory(bytes);
@@ -44,7 +45,8 @@ void drop_cached_blocks() {}
 
 #else
 
-// Eight classes to each doubling, so a block is at most an eighth larger than asked for; the smallest is one cache line.
+// Eight classes to each doubling, so a block is at most an eighth larger than asked for; the smallest is one cache
+// line.
 struct size_class {
   std::size_t index;
   std::size_t bytes;
@@ -77,6 +79,7 @@ class block_cache {
       void* block = blocks.back();
       blocks.pop_back();
       cached_bytes_ -= wanted.bytes;
+      used_bytes_ += wanted.bytes;
       return block;
     }
     void* block = from_system(wanted.bytes);
@@ -86,6 +89,7 @@ class block_cache {
     }
     if (block == nullptr) out_of_memory(bytes);
     home_.emplace(block, wanted);
+    used_bytes_ += wanted.bytes;
     return block;
   }
 
@@ -93,6 +97,7 @@ class block_cache {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto home = home_.find(block);
     const size_class kind = home->second;
+    used_bytes_ -= kind.bytes;
     if (cached_bytes_ + kind.bytes <= physical_memory() / 4) {
       free_[kind.index].push_back(block);
       cached_bytes_ += kind.bytes;
@@ -108,7 +113,9 @@ class block_cache {
   }
 
  private:
-  static void* from_system(std::size_t bytes) {
+  // Memory beyond the machine's would be promised all the same, and the process killed when it is touched.
+  void* from_system(std::size_t bytes) const {
+    if (used_bytes_ + cached_bytes_ + bytes > physical_memory()) return nullptr;
     const bool huge = bytes >= huge_page;
     void* block = nullptr;
     if (posix_memalign(&block, huge ? huge_page : alignment, bytes) != 0) return nullptr;
@@ -130,7 +137,7 @@ class block_cache {
   std::mutex mutex_;
   std::unordered_map<void*, size_class> home_;  // of every block, in use or cached
   std::array<std::vector<void*>, class_count> free_;
-  std::size_t cached_bytes_ = 0;
+  std::size_t cached_bytes_ = 0, used_bytes_ = 0;
 };
 
 block_cache& cache() {

@@ -1,5 +1,5 @@
-// The framework's view of the device: current device, streams and events of the XPU type. There is one device, and queues
-// are synchronous, so an event is complete as soon as it is recorded.
+// The framework's view of the device: current device, streams and events of the XPU type. There is one device, and
+// queues are synchronous, so an event is complete as soon as it is recorded.
 #include <c10/core/impl/DeviceGuardImplInterface.h>
 #include <c10/util/Exception.h>
 

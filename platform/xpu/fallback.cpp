@@ -1,5 +1,8 @@
-// Every operator that the XPU device has no kernel for: the CPU kernel runs on the same memory. Tensors are re-labelled,
-// `device` arguments name the CPU while it runs, and results are labelled back; in-place operators and views share storage.
+// Every operator that the XPU device has no kernel for: the CPU kernel runs on the same memory. Tensors are
+// re-labelled, `device` arguments name the CPU while it runs, and results are labelled back; in-place operators and
+// views share storage.
+#include "platform/xpu/fallback.hpp"
+
 #include <ATen/core/LegacyTypeDispatch.h>
 #include <ATen/core/dispatch/Dispatcher.h>
 #include <ATen/core/ivalue.h>
@@ -7,9 +10,10 @@
 #include <torch/library.h>
 
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <string>
-#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "platform/xpu/relabel.hpp"
@@ -21,21 +25,21 @@ namespace {
 using c10::Argument;
 using c10::IValue;
 
-// Operators known to lack a CPU kernel for a 16-bit type. They get their inputs widened to float.
+// Operators found to lack a CPU kernel for a 16-bit type. They get inputs of that type widened to float.
 class widened_operators {
  public:
-  bool has(const c10::FunctionSchema& schema) const {
+  bool has(const c10::FunctionSchema& schema, at::ScalarType type) const {
     const std::shared_lock<std::shared_mutex> lock(mutex_);
-    return known_.count(&schema) != 0;
+    return known_.count({&schema, type}) != 0;
   }
-  void add(const c10::FunctionSchema& schema) {
+  void add(const c10::FunctionSchema& schema, at::ScalarType type) {
     const std::unique_lock<std::shared_mutex> lock(mutex_);
-    known_.insert(&schema);
+    known_.emplace(&schema, type);
   }
 
  private:
   mutable std::shared_mutex mutex_;
-  std::unordered_set<const c10::FunctionSchema*> known_;
+  std::set<std::pair<const c10::FunctionSchema*, at::ScalarType>> known_;
 };
 
 widened_operators& widened() {
@@ -64,9 +68,12 @@ bool is_dtype(const Argument& argument) {
 // The arguments of one call on their way to the CPU kernel, and its results on their way back.
 class call {
  public:
-  call(const c10::OperatorHandle& op, const std::vector<IValue>& arguments) : op_(op), arguments_(arguments) { survey(); }
+  call(const c10::OperatorHandle& op, const std::vector<IValue>& arguments) : op_(op), arguments_(arguments) {
+    survey();
+  }
 
-  bool has_narrow_inputs() const { return narrow_ != at::ScalarType::Undefined; }
+  // The 16-bit floating type among the tensors and `dtype` arguments, else Undefined.
+  at::ScalarType narrow_type() const { return narrow_; }
 
   // Pushes the results on the stack. `widen`: 16-bit floating tensors take part as float.
   void run(torch::jit::Stack* stack, bool widen) {
@@ -100,8 +107,8 @@ class call {
     }
   }
 
-  // Finds the dtypes and refuses tensors of two devices: a CPU tensor may take part as a number (no dimensions, not written)
-  // or as an index.
+  // Finds the dtypes and refuses tensors of two devices: a CPU tensor may take part as a number (no dimensions, not
+  // written) or as an index.
   void survey() {
     const auto& formal = op_.schema().arguments();
     bool any_xpu = false, all_narrow = true;
@@ -127,10 +134,12 @@ class call {
         }
       });
     }
-    if (!dtype_ && has_narrow_inputs() && all_narrow) dtype_ = narrow_;
+    if (dtype_ && is_narrow(*dtype_)) narrow_ = *dtype_;
+    if (!dtype_ && narrow_ != at::ScalarType::Undefined && all_narrow) dtype_ = narrow_;
     TORCH_CHECK(!any_xpu || stranger == nullptr,
                 "Expected all tensors to be on the same device, but found at least two devices, ", device(),
-                " and cpu! (argument '", stranger != nullptr ? stranger->name() : "", "' of ", op_.operator_name(), ")");
+                " and cpu! (argument '", stranger != nullptr ? stranger->name() : "", "' of ", op_.operator_name(),
+                ")");
   }
 
   static at::Tensor to_cpu(const at::Tensor& tensor, bool written, relabelling& labels, bool widen) {
@@ -183,11 +192,13 @@ class call {
 
   const c10::OperatorHandle& op_;
   const std::vector<IValue>& arguments_;
-  std::vector<at::Tensor> outside_;                         // CPU tensors among the arguments
-  at::ScalarType narrow_ = at::ScalarType::Undefined;       // the 16-bit floating type among them
-  c10::optional<at::ScalarType> dtype_;                     // of results, where it is asked for or plain
-  bool results_stay_ = false;                               // a `device` argument asks for the CPU
+  std::vector<at::Tensor> outside_;  // CPU tensors among the arguments
+  at::ScalarType narrow_ = at::ScalarType::Undefined;
+  c10::optional<at::ScalarType> dtype_;  // of results, where it is asked for or plain
+  bool results_stay_ = false;            // a `device` argument asks for the CPU
 };
+
+}  // namespace
 
 void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
   const at::AutoDispatchBelowADInplaceOrView below_autograd;
@@ -197,22 +208,33 @@ void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
   stack->erase(first, stack->end());
 
   call c(op, arguments);
-  const bool widen = c.has_narrow_inputs() && widened().has(schema);
-  if (widen || !c.has_narrow_inputs()) return c.run(stack, widen);
+  const at::ScalarType narrow = c.narrow_type();
+  if (narrow == at::ScalarType::Undefined) return c.run(stack, /*widen=*/false);
+  if (widened().has(schema, narrow)) return c.run(stack, /*widen=*/true);
   try {
-    c.run(stack, false);
+    c.run(stack, /*widen=*/false);
   } catch (const c10::Error& error) {
-    const std::string text = error.what_without_backtrace();
-    const bool lacks_type = text.find("not implemented for 'Half'") != std::string::npos ||
-                            text.find("not implemented for 'BFloat16'") != std::string::npos;
-    if (!lacks_type) throw;
-    c.run(stack, true);
-    widened().add(schema);
+    const std::string lacks = std::string("not implemented for '") + c10::toString(narrow) + "'";
+    if (std::string(error.what_without_backtrace()).find(lacks) == std::string::npos) throw;
+    c.run(stack, /*widen=*/true);
+    widened().add(schema, narrow);
   }
 }
 
-}  // namespace
+namespace {
 
 TORCH_LIBRARY_IMPL(_, XPU, library) { library.fallback(torch::CppFunction::makeFromBoxedFunction<&fallback>()); }
 
+// Operators whose composition for any device stands before the fallback. Those of convolution choose by device and do
+// not know this one; the others are what the CPU's own kernels replace, and group_norm's divides by a batch of 0.
+constexpr const char* composed[] = {
+    "convolution", "convolution_backward", "native_group_norm", "native_layer_norm", "_stack", "_stack.out", "addr",
+    "addr.out",
+};
+
+TORCH_LIBRARY_IMPL(aten, XPU, library) {
+  for (const char* name : composed) library.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
+}
+
+}  // namespace
 }  // namespace xpu

@@ -1,5 +1,5 @@
-// The operators that the XPU device brings itself: making tensors, views, resizing, copies, reading one element. Everything
-// else but `linear` goes through the fallback.
+// The operators that the XPU device brings itself: making tensors, views, resizing, copies, reading one element.
+// Everything else but `linear` goes through the fallback.
 #include <ATen/EmptyTensor.h>
 #include <ATen/core/LegacyTypeDispatch.h>
 #include <ATen/ops/_local_scalar_dense.h>
@@ -49,7 +49,8 @@ bool same_layout(const at::Tensor& a, const at::Tensor& b) {
          a.is_non_overlapping_and_dense() && a.is_conj() == b.is_conj() && a.is_neg() == b.is_neg();
 }
 
-// Copies between any two of CPU and XPU tensors, with broadcasting and conversion. Copies of one layout are plain bytes.
+// Copies between any two of CPU and XPU tensors, with broadcasting and conversion. Copies of one layout are plain
+// bytes.
 at::Tensor copy_from(const at::Tensor& source, const at::Tensor& target, bool /*non_blocking*/) {
   for (const at::Tensor& tensor : {source, target}) {
     TORCH_CHECK(tensor.is_cpu() || tensor.is_xpu(), "the XPU device cannot copy from or to ", tensor.device());
@@ -61,8 +62,9 @@ at::Tensor copy_from(const at::Tensor& source, const at::Tensor& target, bool /*
     auto* to = static_cast<char*>(target.data_ptr());
     if (from == to) return target;
     if (from + source.nbytes() <= to || to + source.nbytes() <= from) {
-      host::parallel_for(source.nbytes(), worth_dividing / 2,
-                         [&](std::size_t begin, std::size_t end) { std::memcpy(to + begin, from + begin, end - begin); });
+      host::parallel_for(source.nbytes(), worth_dividing / 2, [&](std::size_t begin, std::size_t end) {
+        std::memcpy(to + begin, from + begin, end - begin);
+      });
       return target;
     }
   }
@@ -84,23 +86,25 @@ at::Scalar local_scalar_dense(const at::Tensor& tensor) {
   return at::_local_scalar_dense(labels.to_cpu(tensor));
 }
 
+// The framework's own functions go in as pointers: in a sanitized build their addresses are no constants, as TORCH_FN
+// needs.
 TORCH_LIBRARY_IMPL(aten, XPU, library) {
   library.impl("empty.memory_format", TORCH_FN(empty));
   library.impl("empty_strided", TORCH_FN(empty_strided));
-  library.impl("as_strided", TORCH_FN(at::native::as_strided_tensorimpl));
-  library.impl("view", TORCH_FN(at::native::view));
-  library.impl("_reshape_alias", TORCH_FN(at::native::_reshape_alias));
-  library.impl("resize_", TORCH_FN(at::native::resize_));
-  library.impl("set_.source_Storage", TORCH_FN(static_cast<at::Tensor& (*)(at::Tensor&, at::Storage)>(at::native::set_)));
-  library.impl("set_.source_Storage_storage_offset", TORCH_FN(at::native::set_storage_cpu_));
-  library.impl("set_.source_Tensor", TORCH_FN(at::native::set_tensor_));
+  library.impl("as_strided", &at::native::as_strided_tensorimpl);
+  library.impl("view", &at::native::view);
+  library.impl("_reshape_alias", &at::native::_reshape_alias);
+  library.impl("resize_", &at::native::resize_);
+  library.impl("set_.source_Storage", static_cast<at::Tensor& (*)(at::Tensor&, at::Storage)>(&at::native::set_));
+  library.impl("set_.source_Storage_storage_offset", &at::native::set_storage_cpu_);
+  library.impl("set_.source_Tensor", &at::native::set_tensor_);
   library.impl("_copy_from", TORCH_FN(copy_from));
   library.impl("_copy_from_and_resize", TORCH_FN(copy_from_and_resize));
   library.impl("_local_scalar_dense", TORCH_FN(local_scalar_dense));
 }
 
-// copy_ sees to conjugation, negation and names itself, and reaches the device through _copy_from: resolving them once more
-// on the way would copy, and so recurse without end.
+// copy_ sees to conjugation, negation and names itself, and reaches the device through _copy_from: resolving them once
+// more on the way would copy, and so recurse without end.
 void pass_copies_through(torch::Library& library) {
   library.impl("_copy_from", torch::CppFunction::makeFallthrough());
   library.impl("_copy_from_and_resize", torch::CppFunction::makeFallthrough());

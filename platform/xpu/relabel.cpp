@@ -11,17 +11,18 @@ namespace {
 
 const c10::Device cpu(c10::DeviceType::CPU);
 
-void drop_storage(void* storage) { c10::intrusive_ptr<c10::StorageImpl>::reclaim(static_cast<c10::StorageImpl*>(storage)); }
+void drop_storage(void* storage) {
+  c10::intrusive_ptr<c10::StorageImpl>::reclaim(static_cast<c10::StorageImpl*>(storage));
+}
 
 // A storage on `device` over the memory of another, which it keeps alive.
 c10::Storage share(const c10::Storage& storage, c10::Device device, c10::Allocator* allocator, bool resizable) {
   void* memory = storage.data();
   const std::size_t bytes = storage.nbytes();
   void* owner = c10::Storage(storage).unsafeReleaseStorageImpl();
-  return c10::Storage(c10::make_intrusive<c10::StorageImpl>(c10::StorageImpl::use_byte_size_t(),
-                                                            static_cast<int64_t>(bytes),
-                                                            c10::DataPtr(memory, owner, &drop_storage, device), allocator,
-                                                            resizable));
+  return c10::Storage(
+      c10::make_intrusive<c10::StorageImpl>(c10::StorageImpl::use_byte_size_t(), static_cast<int64_t>(bytes),
+                                            c10::DataPtr(memory, owner, &drop_storage, device), allocator, resizable));
 }
 
 // A tensor with everything of `like` but the device and the storage.
@@ -44,8 +45,7 @@ c10::Storage relabelling::cpu_storage(const c10::Storage& storage) {
   for (const storage_pair& p : storages_) {
     if (p.xpu.is_alias_of(storage)) return p.cpu;
   }
-  c10::Storage twin =
-      share(storage, cpu, relabelled_allocator(), storage.unsafeGetStorageImpl()->resizable());
+  c10::Storage twin = share(storage, cpu, relabelled_allocator(), storage.unsafeGetStorageImpl()->resizable());
   storages_.push_back({storage, twin});
   return twin;
 }
@@ -71,8 +71,10 @@ at::Tensor relabelling::to_cpu(const at::Tensor& tensor) {
 }
 
 at::Tensor relabelling::to_cpu_widened(const at::Tensor& tensor, at::ScalarType wider, bool written) {
-  for (const pair& p : tensors_) {
-    if (p.xpu.is_same(tensor)) return p.cpu;
+  for (pair& p : tensors_) {
+    if (!p.xpu.is_same(tensor)) continue;
+    p.written |= written;  // one tensor may be both input and output
+    return p.cpu;
   }
   const at::Tensor twin = to_cpu(tensor).to(wider);
   tensors_.back() = {tensor, twin, /*widened=*/true, written};
@@ -80,6 +82,13 @@ at::Tensor relabelling::to_cpu_widened(const at::Tensor& tensor, at::ScalarType 
 }
 
 void relabelling::finish() {
+  for (pair& p : tensors_) {
+    if (!p.widened || !p.written) continue;
+    const at::Tensor narrow = same_view(p.xpu, cpu_storage(p.xpu.storage()), c10::DispatchKey::CPU);
+    if (narrow.sizes() != p.cpu.sizes()) narrow.resize_(p.cpu.sizes());
+    narrow.copy_(p.cpu);
+    p.narrow = narrow;
+  }
   for (const storage_pair& p : storages_) {
     c10::StorageImpl* of_xpu = p.xpu.unsafeGetStorageImpl();
     c10::StorageImpl* of_cpu = p.cpu.unsafeGetStorageImpl();
@@ -89,25 +98,24 @@ void relabelling::finish() {
   }
   for (const pair& p : tensors_) {
     if (!p.widened) {
-      finish(p);
+      follow(p.xpu, p.cpu);
     } else if (p.written) {
-      pair narrow{p.xpu, same_view(p.xpu, cpu_storage(p.xpu.storage()), c10::DispatchKey::CPU)};
-      if (narrow.cpu.sizes() != p.cpu.sizes()) narrow.cpu.resize_(p.cpu.sizes());
-      narrow.cpu.copy_(p.cpu);
-      finish(narrow);
+      follow(p.xpu, p.narrow);
     }
   }
 }
 
-void relabelling::finish(const pair& p) {
-  c10::TensorImpl* impl = p.xpu.unsafeGetTensorImpl();
-  const c10::Storage storage = xpu_storage(p.cpu.storage());
-  if (!storage.is_alias_of(p.xpu.storage())) impl->set_storage_keep_dtype(storage);
-  if (p.cpu.sizes() != p.xpu.sizes() || p.cpu.strides() != p.xpu.strides() ||
-      p.cpu.storage_offset() != p.xpu.storage_offset()) {
-    impl->set_sizes_and_strides(p.cpu.sizes(), p.cpu.strides());
-    impl->set_storage_offset(p.cpu.storage_offset());
+void relabelling::follow(const at::Tensor& tensor, const at::Tensor& twin) {
+  c10::TensorImpl* impl = tensor.unsafeGetTensorImpl();
+  const c10::Storage storage = xpu_storage(twin.storage());
+  if (!storage.is_alias_of(tensor.storage())) impl->set_storage_keep_dtype(storage);
+  if (twin.sizes() != tensor.sizes() || twin.strides() != tensor.strides() ||
+      twin.storage_offset() != tensor.storage_offset()) {
+    impl->set_sizes_and_strides(twin.sizes(), twin.strides());
+    impl->set_storage_offset(twin.storage_offset());
   }
+  if (twin.is_conj() != tensor.is_conj()) impl->_set_conj(twin.is_conj());
+  if (twin.is_neg() != tensor.is_neg()) impl->_set_neg(twin.is_neg());
 }
 
 at::Tensor relabelling::to_xpu(const at::Tensor& result) {

@@ -1,5 +1,5 @@
-// Streams of the XPU device and the queues behind them, and the profiler's record of an event. For launchers and for the
-// device guard; includes no tensor header.
+// Streams of the XPU device and the queues behind them, and the profiler's record of an event. For launchers and for
+// the device guard; includes no tensor header.
 #pragma once
 
 #include <c10/core/Stream.h>

@@ -1,0 +1,158 @@
+// The host device's own promises: pool, queue, events, launch log, phases of a group.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <numeric>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "platform/sycl/group.hpp"
+#include "platform/sycl/parallel.hpp"
+#include "platform/sycl/queue.hpp"
+
+namespace {
+
+constexpr sycl::detail::code_location here{"a_source", "a_kernel"};
+
+TEST(pool, covers_every_index_once) {
+  for (const size_t n : {0u, 1u, 7u, 1000u, 100000u}) {
+    std::vector<std::atomic<int>> seen(n);
+    const auto visit = [&](size_t begin, size_t end) {
+      for (size_t i = begin; i < end; ++i) ++seen[i];
+    };
+    host::parallel_for(n, 13, visit);
+    host::run_adaptively(n, visit);
+    for (const auto& count : seen) ASSERT_EQ(count, 2);
+  }
+}
+
+TEST(pool, adaptive_run_calls_in_other_cores_for_long_work_and_not_for_short) {
+  const auto threads_of = [](size_t n, int spin) {
+    std::mutex mutex;
+    std::set<std::thread::id> threads;
+    host::run_adaptively(n, [&](size_t begin, size_t end) {
+      volatile int work = 0;
+      for (size_t i = begin; i < end; ++i) {
+        for (int j = 0; j < spin; ++j) work = work + j;
+      }
+      const std::lock_guard<std::mutex> lock(mutex);
+      threads.insert(std::this_thread::get_id());
+    });
+    return threads;
+  };
+  EXPECT_EQ(threads_of(16, 1), std::set<std::thread::id>{std::this_thread::get_id()});
+  if (host::concurrency() > 1) EXPECT_GT(threads_of(2000, 100000).size(), 1u);
+}
+
+TEST(pool, exceptions_reach_the_caller) {
+  const auto throws_late = [](size_t, size_t end) {
+    if (end == 1000) throw std::runtime_error("late");
+  };
+  EXPECT_THROW(host::parallel_for(1000, 10, throws_late), std::runtime_error);
+}
+
+TEST(queue, runs_in_order_and_event_remembers_waits) {
+  sycl::queue queue(3);
+  int step = 0;
+  sycl::event first = queue.submit(
+      [&](sycl::handler& h) {
+        h.parallel_for(sycl::nd_range<1>{{1}, {1}}, sycl::sub_group_size{16}, [&](sycl::group<1>) { step = 1; });
+      },
+      here);
+  EXPECT_EQ(step, 1);  // synchronous
+  EXPECT_FALSE(first.record().waited);
+  first.wait();
+  EXPECT_TRUE(first.record().waited);
+  EXPECT_EQ(first.record().kernel, "a_kernel");
+  EXPECT_EQ(first.record().source, "a_source");
+  EXPECT_EQ(first.record().sub_group_size, 16);
+  EXPECT_EQ(first.record().queue, 3);
+  EXPECT_FALSE(first.record().labelled);
+}
+
+TEST(queue, log_fills_between_begin_and_end_alone) {
+  sycl::queue queue(0);
+  const auto submit = [&] {
+    queue.submit([](sycl::handler& h) { h.parallel_for(sycl::range3{2, 3, 4}, sycl::range3{1, 2, 3}, [](const sycl::item_box&) {}); }, here);
+  };
+  const auto outer = std::make_shared<sycl::launch_log::list>(), inner = std::make_shared<sycl::launch_log::list>();
+  submit();
+  sycl::launch_log::begin(outer);
+  submit();
+  sycl::launch_log::begin(inner);
+  submit();
+  sycl::launch_log::end(inner);
+  submit();
+  sycl::launch_log::end(outer);
+  submit();
+  EXPECT_EQ(outer->size(), 3u);
+  EXPECT_EQ(inner->size(), 1u);
+  EXPECT_EQ((*outer)[0]->global_size, (std::vector<size_t>{2, 3, 4}));
+  EXPECT_TRUE((*outer)[0]->local_size.empty());
+}
+
+TEST(group, ids_of_a_two_dimensional_launch) {
+  sycl::queue queue(0);
+  std::vector<std::atomic<int>> seen(6 * 4);
+  queue.submit(
+      [&](sycl::handler& h) {
+        h.parallel_for(sycl::nd_range<2>{{12, 4}, {2, 1}}, sycl::sub_group_size{}, [&](const sycl::group<2>& group) {
+          EXPECT_EQ(group.count(0), 6u);
+          EXPECT_EQ(group.count(1), 4u);
+          EXPECT_EQ(group.local(0), 2u);
+          ++seen[group.id(0) * 4 + group.id(1)];
+        });
+      },
+      here);
+  for (const auto& count : seen) EXPECT_EQ(count, 1);
+}
+
+TEST(group, empty_range_launches_nothing) {
+  sycl::queue queue(0);
+  queue.submit(
+      [&](sycl::handler& h) {
+        h.parallel_for(sycl::nd_range<1>{{0}, {32}}, sycl::sub_group_size{}, [](sycl::group<1>) { FAIL(); });
+      },
+      here);
+}
+
+TEST(group, a_phase_sees_all_of_the_phase_before) {
+  constexpr size_t items = 32;
+  const sycl::group<1> group({0}, {1}, {items});
+  sycl::local_array<int, items> scratch(group);
+  sycl::per_item<int, items> mine(group);
+  group.for_each_item([&](uint32_t t) { scratch[t] = static_cast<int>(t); });
+  group.for_each_item([&](uint32_t t) { mine[t] = scratch[(t + 1) % items]; });
+  for (size_t t = 0; t < items; ++t) EXPECT_EQ(mine[t], static_cast<int>((t + 1) % items));
+}
+
+TEST(group, xor_exchange_gives_every_item_its_sub_groups_sum) {
+  const sycl::group<1> group({0}, {1}, {32});
+  sycl::per_item<int, 32> value(group);
+  group.for_each_item([&](uint32_t t) { value[t] = static_cast<int>(t); });
+  sycl::xor_exchange(value, 16, [](int a, int b) { return a + b; });
+  for (int t = 0; t < 32; ++t) EXPECT_EQ(value[t], t < 16 ? 120 : 376);
+}
+
+TEST(group_block, blocks_hold_every_group_once) {
+  std::array<std::array<std::atomic<int>, 3>, 7> seen{};
+  std::atomic<int> items{0};
+  const auto kernel = [&](const sycl::group_block<2>& groups) {
+    EXPECT_EQ(groups.total(0), 7u);
+    EXPECT_EQ(groups.total(1), 3u);
+    for (size_t i = 0; i < groups.count(0); ++i) {
+      for (size_t j = 0; j < groups.count(1); ++j) ++seen[groups.first(0) + i][groups.first(1) + j];
+    }
+    groups.for_each_item([&](uint32_t) { ++items; });
+  };
+  sycl::run_groups(sycl::nd_range<2>{{7 * 8, 3}, {8, 1}}, sycl::block_kernel<2, decltype(kernel)>{{4, 2}, kernel});
+  for (const auto& row : seen) {
+    for (const auto& count : row) EXPECT_EQ(count, 1);
+  }
+  EXPECT_EQ(items, 2 * 2 * 8) << "the items of a group, for each of four blocks";
+}
+
+}  // namespace
