@@ -13,6 +13,16 @@
 //   decode<T>(raw, v)           codes of elements 16v to 16v + 15 of the unit as T, unscaled, in element order; v < 4
 //   scale<T>(planes, unit, v)   their scale, in all lanes, where there is one
 //   offset<T>(planes, unit, v)  their offset, where there is one
+//   scales<T>(planes, unit, n), offsets<T>(planes, unit, n)   those of n <= 16 units from `unit` on, one to a lane, the
+//                               other lanes zero, where all 64 elements share them
+//
+// A format whose units have at most sixteen different values each says so by three more functions, for outputs of 16
+// bits, where a look-up of values beats decoding:
+//
+//   value_index(raw, h)               numbers of the values of elements 32 h to 32 h + 31 in the low four bits of 32
+//                                     words; h < 2
+//   value_codes<T>()                  code of value n in lane n
+//   value_scales<T>(planes, unit), value_offsets<T>(planes, unit)   its scale; its offset, where there is one
 //
 // Decoded codes are exact in T: table entries are rounded to T where the table is made.
 #pragma once
@@ -38,6 +48,24 @@ CORVANE_INLINE simd<T, 16> splat_half_as(const uint8_t* at) {
   } else {
     return simd<T, 16>::exact(sycl::splat_half(at));
   }
+}
+
+// `count` of at most 16 neighbouring entries as lanes, converted to T; the other lanes are zero.
+template <class T>
+CORVANE_INLINE simd<T, 16> half_lanes(sycl::u16x16 bits) {
+  if constexpr (std::is_same_v<T, BFloat16>) {
+    return simd<T, 16>::from_float(sycl::half_bits_to_float(bits));
+  } else {
+    return simd<T, 16>::exact(sycl::half_bits_to_float(bits));
+  }
+}
+template <class T>
+CORVANE_INLINE simd<T, 16> half_lanes(const uint8_t* at, unsigned count) {
+  return half_lanes<T>(sycl::load_some<sycl::u16x16>(at, count * sizeof(Half)));
+}
+template <class T>
+CORVANE_INLINE simd<T, 16> float_lanes(const uint8_t* at, unsigned count) {
+  return simd<T, 16>::from_float(sycl::load_some<sycl::f32x16>(at, count * sizeof(float)));
 }
 
 template <class T>

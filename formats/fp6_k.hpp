@@ -1,0 +1,119 @@
+// fp6_k: the codes of fp6, a signed byte scale for every 16 elements, over a Half scale for 256. Planar.
+//
+//   4-bit plane        128 bytes a block: 16 units of block_base_fp6_k_ql, two little-endian words each
+//   2-bit plane        64 bytes a block: 16 units of block_base_fp6_k_qh, one word each
+//   sub-block scales   16 signed bytes a block
+//   super-block scale  one Half a block
+//
+// Codes stand in the words as in fp6, byte order 1, 3, 0, 2 included.   y = value * (d * sc), the factor taken in Half
+#pragma once
+
+#include "formats/fp6.hpp"
+#include "formats/k_block.hpp"
+
+namespace corvane {
+
+struct block_base_fp6_k_ql {  // of 16 elements
+  uint32_t words[2];
+};
+struct block_base_fp6_k_qh {
+  uint32_t words[1];
+};
+struct block_fp6_k_scales {
+  int8_t sc[16];
+};
+
+struct fp6_k_reader {
+  static constexpr int32_t id = qtype_fp6_k;
+  static constexpr unsigned shared_scale = 16;
+  static constexpr bool has_offset = false;
+  static constexpr uint32_t low_bytes = 16 * sizeof(block_base_fp6_k_ql), high_bytes = 16 * sizeof(block_base_fp6_k_qh);
+  static_assert(low_bytes + high_bytes + sizeof(block_fp6_k_scales) + sizeof(Half) == registry[id].block_bytes,
+                "planes make up the block");
+
+  struct planes {
+    const uint8_t* low;
+    const uint8_t* high;
+    const uint8_t* sub_scales;
+    const uint8_t* scales;
+  };
+
+  static planes locate(const uint8_t* weight, uint64_t state_size, uint64_t output_size) {
+    const auto plane = [&](uint32_t at) { return weight + plane_offset(state_size, output_size, 256, at); };
+    return {weight, plane(low_bytes), plane(low_bytes + high_bytes),
+            plane(low_bytes + high_bytes + sizeof(block_fp6_k_scales))};
+  }
+
+  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) {
+    const raw at = fetch(p, unit);
+    sycl::prefetch(at.low);
+    sycl::prefetch(at.high);
+  }
+
+  using raw = fp6_codes::raw;
+  static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {
+    return {p.low + uint64_t{unit} * (low_bytes / detail::block_units),
+            p.high + uint64_t{unit} * (high_bytes / detail::block_units)};
+  }
+
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
+    return fp6_codes::decode<T>(codes, v);
+  }
+
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> scale(const planes& p, uint32_t unit, unsigned v) {
+    const uint64_t block = detail::block_of(unit);
+    const uint8_t* sub = p.sub_scales + block * sizeof(block_fp6_k_scales) + 4 * detail::quarter_of(unit);
+    const sycl::f32x16 d = sycl::splat_half(p.scales + block * sizeof(Half));
+    const sycl::f32x16 factors = detail::product_in<Half>(d, sycl::to_float(detail::four_signed(sub)));
+    return detail::splat_lane<T>(converted<T>(factors).to_float(), static_cast<int>(v));
+  }
+
+  // A chunk is a unit of 16 elements. Its codes are put together four at a time, one to a byte: the sign on top, a bit
+  // that does not count, then the other bits at the bottom.
+  static constexpr unsigned chunk_element(unsigned c, unsigned j) { return 16 * c + j; }
+  struct chunks {
+    sycl::i32x16 codes[4];  // elements 4 n to 4 n + 3 of each chunk, in bytes 1, 3, 0, 2
+  };
+  static CORVANE_INLINE chunks fetch_chunks(const planes& p, uint32_t block) {
+    const uint8_t* low = p.low + uint64_t{block} * low_bytes;
+    const auto a = sycl::load_bytes<sycl::i32x16>(low), b = sycl::load_bytes<sycl::i32x16>(low + 64);
+    const auto high = sycl::load_bytes<sycl::i32x16>(p.high + uint64_t{block} * high_bytes);
+    const sycl::i32x16 first = sycl::even_lanes(a, b), second = sycl::odd_lanes(a, b);
+    const auto join = [](sycl::i32x16 low4, sycl::i32x16 high2) {
+      return (low4 & 0x0F0F0F0F) | (high2 & static_cast<int32_t>(0x80808080)) | ((high2 >> 2) & 0x10101010);
+    };
+    return {{join(first >> 4, high), join(first, high << 2), join(second >> 4, high << 4), join(second, high << 6)}};
+  }
+  template <class T, unsigned J>
+  static CORVANE_INLINE simd<T, 16> chunk_code(const chunks& c) {
+    constexpr unsigned byte = fp6_codes::byte_of[J % 4];
+    return fp6_codes::value<T>(c.codes[J / 4] >> (8 * byte), c.codes[J / 4] << (24 - 8 * byte));
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {
+    const sycl::f32x16 sc = sycl::to_float(sycl::widen_s8(p.sub_scales + uint64_t{block} * sizeof(block_fp6_k_scales)));
+    const sycl::f32x16 d = sycl::splat_half(p.scales + uint64_t{block} * sizeof(Half));
+    return converted<T>(detail::product_in<Half>(d, sc));
+  }
+  static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
+    const uint8_t* low = p.low + uint64_t{block} * low_bytes;
+    sycl::prefetch(low);
+    sycl::prefetch(low + 64);
+    sycl::prefetch(p.high + uint64_t{block} * high_bytes);
+  }
+
+ private:
+  // Half values as T, rounded where T is BFloat16.
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> converted(sycl::f32x16 halfs) {
+    if constexpr (std::is_same_v<T, BFloat16>) {
+      return simd<T, 16>::from_float(halfs);
+    } else {
+      return simd<T, 16>::exact(halfs);
+    }
+  }
+};
+
+}  // namespace corvane

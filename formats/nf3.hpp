@@ -1,0 +1,43 @@
+// nf3: codes into 8 values of NormalFloat, one Half scale for 64 elements. Planar.
+//
+//   codes   24 bytes a block, block_nf3_qs   bit e of qh: top bit of the code of element e
+//     ql[j]:  | element 4j | 4j + 1 | 4j + 2 | 4j + 3 |   low two bits of the codes
+//              7          6 5      4 3      2 1      0
+//   scales  one Half a block   y = table[code] * d
+#pragma once
+
+#include <cstddef>
+
+#include "formats/code_tables.hpp"
+#include "formats/two_planes.hpp"
+
+namespace corvane {
+
+struct block_nf3_qs {
+  uint8_t qh[8];
+  uint8_t ql[16];
+};
+
+struct nf3_reader : two_planes<qtype_nf3, block_nf3_qs, Half> {
+  // The low two bits of a code look up one half of the table, which is repeated so that the bits above them do not
+  // matter; the top bits are the mask that chooses the half.
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> decode(raw block, unsigned v) {
+    static constexpr auto lower = table_of<T>(repeated(0)), upper = table_of<T>(repeated(4));
+    static constexpr sycl::i32x16 place = {6, 4, 2, 0, 14, 12, 10, 8, 22, 20, 18, 16, 30, 28, 26, 24};
+    const auto top = sycl::load_integer<uint16_t>(block + offsetof(block_nf3_qs, qh) + 2 * v);
+    const auto low = sycl::load_integer<int32_t>(block + offsetof(block_nf3_qs, ql) + 4 * v);
+    const sycl::i32x16 code = sycl::splat(low) >> place;
+    return simd<T, 16>::exact(
+        sycl::lookup32(sycl::load_bytes<sycl::f32x16>(&lower), sycl::load_bytes<sycl::f32x16>(&upper), code, top));
+  }
+
+ private:
+  static constexpr std::array<float, 16> repeated(unsigned first) {
+    std::array<float, 16> t{};
+    for (unsigned i = 0; i < 16; ++i) t[i] = nf3_values[first + i % 4];
+    return t;
+  }
+};
+
+}  // namespace corvane

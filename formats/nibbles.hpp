@@ -1,0 +1,51 @@
+// Codes of four bits, which q4_0, q4_1, nf4 and fp4 have in common: two nibbles to a byte, each the number of a value.
+#pragma once
+
+#include "formats/code_tables.hpp"
+
+namespace corvane {
+
+struct block_q4_0_qs {  // 64 elements
+  uint8_t qs[32];       // one nibble of qs[j] is element j, the other element j + 32
+};
+
+template <const std::array<float, 16>& Values,
+          bool HighNibbleFirst>  // element j is the high nibble of qs[j]
+struct nibble_codes {
+  // The look-up takes the low four bits of a lane, so that nothing is masked. In double two look-ups of eight doubles
+  // cost less than converting 16 floats: measured 2.4 against 3.8 ns for 64 elements. Nibbles of q4_0 as the last bits
+  // of 2^23, or for high ones of 2^19, less 2^23 + 8 or 2^19 + 8, took 1.40 against 1.27 ns in float, 5.1 against 4.6
+  // in BFloat16.
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> decode(const uint8_t* qs, unsigned v) {
+    static constexpr auto table = table_of<T, sycl::lane_of<T>>(Values);
+    const uint8_t* bytes = qs + 16 * (v % 2);
+    const bool high = (v < 2) == HighNibbleFirst;
+    if constexpr (std::is_same_v<T, double>) {
+      const auto lower = sycl::load_bytes<sycl::f64x8>(table.entry);
+      const auto upper = sycl::load_bytes<sycl::f64x8>(table.entry + 8);
+      simd<double, 16> values;
+      for (unsigned i = 0; i < 2; ++i) {
+        const sycl::i64x8 codes = sycl::widen_u8_to_i64(bytes + 8 * i);
+        values.r[i] = sycl::lookup16(lower, upper, high ? codes >> 4 : codes);
+      }
+      return values;
+    } else {
+      const auto values = sycl::load_bytes<sycl::f32x16>(table.entry);
+      const sycl::i32x16 codes = sycl::widen_u8(bytes);
+      return simd<T, 16>::exact(sycl::lookup16(values, high ? codes >> 4 : codes));
+    }
+  }
+
+  static CORVANE_INLINE sycl::u16x32 value_index(const uint8_t* qs, unsigned h) {
+    const sycl::u16x32 codes = sycl::widen_32_u8_to_u16(qs);
+    return (h == 0) == HighNibbleFirst ? codes >> 4 : codes;
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> value_codes() {
+    static constexpr auto table = table_of<T>(Values);
+    return simd<T, 16>::exact(sycl::load_bytes<sycl::f32x16>(table.entry));
+  }
+};
+
+}  // namespace corvane

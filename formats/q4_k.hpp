@@ -1,0 +1,124 @@
+// q4_k: 4-bit codes, a scale and a minimum of eight bits for every 32 elements, over two Half scales for 256. Planar.
+//
+//   codes              128 bytes a block, block_q4_K_qs   qs[16 i + j]: | element 32 i + j + 16 | element 32 i + j |
+//                                                                       7                  4   3             0
+//   sub-block scales   16 bytes a block                   sc[0] m[0] sc[1] m[1] ... sc[7] m[7]
+//   super-block scales two Halfs a block                  d dmin
+//
+//   y = d * sc[i] * code - dmin * m[i], sub-block i = element / 32
+#pragma once
+
+#include "formats/k_block.hpp"
+
+namespace corvane {
+
+struct block_q4_K_qs {
+  uint8_t qs[128];
+};
+struct block_q4_K_scales {
+  struct {
+    uint8_t sc, m;
+  } sub[8];
+};
+struct block_q4_K_d {
+  Half d, dmin;
+};
+
+struct q4_k_reader {
+  static constexpr int32_t id = qtype_q4_k;
+  static constexpr unsigned shared_scale = 32;
+  static constexpr bool has_offset = true;
+  static_assert(sizeof(block_q4_K_qs) + sizeof(block_q4_K_scales) + sizeof(block_q4_K_d) == registry[id].block_bytes,
+                "planes make up the block");
+
+  struct planes {
+    const uint8_t* codes;
+    const uint8_t* sub_scales;
+    const uint8_t* scales;
+  };
+
+  static planes locate(const uint8_t* weight, uint64_t state_size, uint64_t output_size) {
+    return {weight, weight + plane_offset(state_size, output_size, 256, sizeof(block_q4_K_qs)),
+            weight + plane_offset(state_size, output_size, 256, sizeof(block_q4_K_qs) + sizeof(block_q4_K_scales))};
+  }
+
+  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
+
+  using raw = const uint8_t*;  // two sub-blocks of 16 bytes
+  static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {
+    return p.codes + uint64_t{unit} * (sizeof(block_q4_K_qs) / detail::block_units);
+  }
+
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
+    const sycl::i32x16 bytes = sycl::widen_u8(qs + 16 * (v / 2));
+    if (v % 2 == 0) return simd<T, 16>::exact(sycl::as_float((bytes & 0x0F) | 0x4B000000) - 8388608.0f);
+    return simd<T, 16>::exact(sycl::as_float((bytes & 0xF0) | 0x49000000) - 524288.0f);
+  }
+
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> scale(const planes& p, uint32_t unit, unsigned v) {
+    return detail::splat_lane<T>(factors<T>(p, unit), static_cast<int>(v & 2));
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> offset(const planes& p, uint32_t unit, unsigned v) {
+    return detail::splat_lane<T>(factors<T>(p, unit), static_cast<int>(v & 2) + 1);
+  }
+
+  // A chunk is eight neighbouring bytes: elements 8 (c % 2) to 8 (c % 2) + 7 of a sub-block, and those 16 further on.
+  static constexpr unsigned chunk_element(unsigned c, unsigned j) {
+    return 32 * (c / 2) + 8 * (c % 2) + j / 2 + 16 * (j % 2);
+  }
+  struct chunks {
+    sycl::i32x16 bytes[2];  // bytes 0 to 3 of each chunk, bytes 4 to 7
+  };
+  static CORVANE_INLINE chunks fetch_chunks(const planes& p, uint32_t block) {
+    const uint8_t* qs = p.codes + uint64_t{block} * sizeof(block_q4_K_qs);
+    const auto a = sycl::load_bytes<sycl::i32x16>(qs), b = sycl::load_bytes<sycl::i32x16>(qs + 64);
+    return {{sycl::even_lanes(a, b), sycl::odd_lanes(a, b)}};
+  }
+  // The nibble is looked up rather than converted: the permute needs no mask.
+  template <class T, unsigned J>
+  static CORVANE_INLINE simd<T, 16> chunk_code(const chunks& c) {
+    static constexpr sycl::f32x16 number = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+    return simd<T, 16>::exact(sycl::lookup16(number, c.bytes[J / 8] >> (4 * (J % 8))));
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {
+    const sycl::i32x16 pairs = sub_scales_of(p, block);
+    const sycl::f32x16 sc = sycl::to_float(__builtin_shuffle(pairs, even_twice));
+    return simd<T, 16>::exact(detail::product_in<T>(sycl::splat_half(scales_of(p, block)), sc));
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> chunk_offset(const planes& p, uint32_t block) {
+    const sycl::i32x16 pairs = sub_scales_of(p, block);
+    const sycl::f32x16 m = sycl::to_float(__builtin_shuffle(pairs, even_twice + 1));
+    return simd<T, 16>::exact(detail::product_in<T>(-sycl::splat_half(scales_of(p, block) + sizeof(Half)), m));
+  }
+  static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
+    const uint8_t* qs = p.codes + uint64_t{block} * sizeof(block_q4_K_qs);
+    sycl::prefetch(qs);
+    sycl::prefetch(qs + 64);
+  }
+
+ private:
+  static constexpr sycl::i32x16 even_twice = {0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10, 12, 12, 14, 14};
+
+  static CORVANE_INLINE const uint8_t* scales_of(const planes& p, uint64_t block) {
+    return p.scales + block * sizeof(block_q4_K_d);
+  }
+  static CORVANE_INLINE sycl::i32x16 sub_scales_of(const planes& p, uint64_t block) {
+    return sycl::widen_u8(p.sub_scales + block * sizeof(block_q4_K_scales));
+  }
+
+  // Lanes d * sc, -dmin * m of the unit's first sub-block, then of its second.
+  template <class T>
+  static CORVANE_INLINE sycl::f32x16 factors(const planes& p, uint32_t unit) {
+    const uint8_t* sub =
+        p.sub_scales + detail::block_of(unit) * sizeof(block_q4_K_scales) + 4 * detail::quarter_of(unit);
+    const sycl::f32x16 d = detail::scale_and_minus_minimum(scales_of(p, detail::block_of(unit)));
+    return detail::product_in<T>(d, sycl::to_float(detail::four_unsigned(sub)));
+  }
+};
+
+}  // namespace corvane

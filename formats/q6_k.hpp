@@ -1,0 +1,147 @@
+// q6_k: 6-bit codes around 32, a signed byte scale for every 16 elements, over a Half scale for 256. Planar.
+//
+//   high bits          64 bytes a block, block_q6_K_qh: sixteen little-endian words, one to a sub-block
+//   low bits           128 bytes a block, block_q6_K_ql: 32 words, two to a sub-block
+//   sub-block scales   16 signed bytes a block
+//   super-block scale  one Half a block
+//
+// Bytes 3 to 0 of the words of a sub-block; numbers are its elements:
+//
+//   low word 0   |  3 |  7 |   |  2 |  6 |   |  1 |  5 |   |  0 |  4 |
+//   low word 1   | 11 | 15 |   | 10 | 14 |   |  9 | 13 |   |  8 | 12 |
+//                 7-4  3-0
+//   high word    |3|7|11|15|   |2|6|10|14|   |1|5| 9|13|   |0|4| 8|12|
+//                 7       0
+//   y = d * sc * (code - 32)
+//
+// fp6_k has planes of these widths too, but the low bits first, another order of bytes, and small floats for codes.
+#pragma once
+
+#include <array>
+
+#include "formats/k_block.hpp"
+
+namespace corvane {
+
+struct block_q6_K_qh {
+  uint32_t words[16];
+};
+struct block_q6_K_ql {
+  uint32_t words[32];
+};
+struct block_q6_K_scales {
+  int8_t sc[16];
+};
+
+struct q6_k_reader {
+  static constexpr int32_t id = qtype_q6_k;
+  static constexpr unsigned shared_scale = 16;
+  static constexpr bool has_offset = false;
+  static_assert(sizeof(block_q6_K_qh) + sizeof(block_q6_K_ql) + sizeof(block_q6_K_scales) + sizeof(Half) ==
+                    registry[id].block_bytes,
+                "planes make up the block");
+
+  struct planes {
+    const uint8_t* high;
+    const uint8_t* low;
+    const uint8_t* sub_scales;
+    const uint8_t* scales;
+  };
+
+  static planes locate(const uint8_t* weight, uint64_t state_size, uint64_t output_size) {
+    constexpr uint32_t low_at = sizeof(block_q6_K_qh), sub_at = low_at + sizeof(block_q6_K_ql);
+    const auto plane = [&](uint32_t at) { return weight + plane_offset(state_size, output_size, 256, at); };
+    return {weight, plane(low_at), plane(sub_at), plane(sub_at + sizeof(block_q6_K_scales))};
+  }
+
+  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) {
+    const raw at = fetch(p, unit);
+    sycl::prefetch(at.low);
+    sycl::prefetch(at.high);
+  }
+
+  struct raw {
+    const uint8_t* low;   // 32 bytes, a unit's
+    const uint8_t* high;  // 16 bytes
+  };
+  static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {
+    return {p.low + uint64_t{unit} * (sizeof(block_q6_K_ql) / detail::block_units),
+            p.high + uint64_t{unit} * (sizeof(block_q6_K_qh) / detail::block_units)};
+  }
+
+  // The two parts of a code meet in the last bits of 2^23.
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
+    static constexpr auto low_from = make_low_from(), high_from = make_high_from();
+    const auto low_words = sycl::load_integer<uint64_t>(codes.low + 8 * v);
+    const auto high_word = uint64_t{sycl::load_integer<uint32_t>(codes.high + 4 * v)};
+    const sycl::i32x16 low = sycl::multishift(low_words, sycl::load_bytes<sycl::u8x64>(&low_from));
+    const sycl::i32x16 high = sycl::multishift(high_word, sycl::load_bytes<sycl::u8x64>(&high_from));
+    const sycl::i32x16 bits = ((low & 0x0F) | 0x4B000000) | (high & 0x30);
+    return simd<T, 16>::exact(sycl::as_float(bits) - (8388608.0f + 32.0f));
+  }
+
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> scale(const planes& p, uint32_t unit, unsigned v) {
+    const uint64_t block = detail::block_of(unit);
+    const uint8_t* sub = p.sub_scales + block * sizeof(block_q6_K_scales) + 4 * detail::quarter_of(unit);
+    const sycl::f32x16 d = sycl::splat_half(p.scales + block * sizeof(Half));
+    const sycl::f32x16 factors = detail::product_in<T>(d, sycl::to_float(detail::four_signed(sub)));
+    return detail::splat_lane<T>(factors, static_cast<int>(v));
+  }
+
+  // A chunk is a sub-block. Its codes are put together four at a time, one to a byte.
+  static constexpr unsigned chunk_element(unsigned c, unsigned j) { return 16 * c + j; }
+  struct chunks {
+    sycl::i32x16 codes[4];  // elements 4 n to 4 n + 3 of each chunk
+  };
+  static CORVANE_INLINE chunks fetch_chunks(const planes& p, uint32_t block) {
+    const uint8_t* low = p.low + uint64_t{block} * sizeof(block_q6_K_ql);
+    const auto a = sycl::load_bytes<sycl::i32x16>(low), b = sycl::load_bytes<sycl::i32x16>(low + 64);
+    const auto high = sycl::load_bytes<sycl::i32x16>(p.high + uint64_t{block} * sizeof(block_q6_K_qh));
+    const sycl::i32x16 first = sycl::even_lanes(a, b), second = sycl::odd_lanes(a, b);
+    const auto join = [](sycl::i32x16 low4, sycl::i32x16 high2) { return (low4 & 0x0F0F0F0F) | (high2 & 0x30303030); };
+    return {{join(first >> 4, high >> 2), join(first, high), join(second >> 4, high << 2), join(second, high << 4)}};
+  }
+  template <class T, unsigned J>
+  static CORVANE_INLINE simd<T, 16> chunk_code(const chunks& c) {
+    const sycl::i32x16 bits = ((c.codes[J / 4] >> (8 * (J % 4))) & 0xFF) | 0x4B000000;
+    return simd<T, 16>::exact(sycl::as_float(bits) - (8388608.0f + 32.0f));
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {
+    const sycl::f32x16 sc = sycl::to_float(sycl::widen_s8(p.sub_scales + uint64_t{block} * sizeof(block_q6_K_scales)));
+    const sycl::f32x16 d = sycl::splat_half(p.scales + uint64_t{block} * sizeof(Half));
+    return simd<T, 16>::exact(detail::product_in<T>(d, sc));
+  }
+  static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
+    const uint8_t* low = p.low + uint64_t{block} * sizeof(block_q6_K_ql);
+    sycl::prefetch(low);
+    sycl::prefetch(low + 64);
+    sycl::prefetch(p.high + uint64_t{block} * sizeof(block_q6_K_qh));
+  }
+
+ private:
+  struct alignas(64) bit_positions {
+    uint8_t from[64];
+  };
+
+  // Byte 0 of lane t: the nibble of element t, in the two low words of its sub-block.
+  static constexpr bit_positions make_low_from() {
+    bit_positions p{};
+    for (unsigned t = 0; t < 16; ++t) {
+      p.from[4 * t] = static_cast<uint8_t>(32 * (t / 8) + 8 * (t % 4) + (t / 4 % 2 == 0 ? 4 : 0));
+    }
+    return p;
+  }
+  // Of the high word: the element's two bits to bits 5 and 4 of lane t.
+  static constexpr bit_positions make_high_from() {
+    bit_positions p{};
+    for (unsigned t = 0; t < 16; ++t) {
+      p.from[4 * t] = static_cast<uint8_t>((8 * (t % 4) + 6 - 2 * (t / 4) - 4) & 63);
+    }
+    return p;
+  }
+};
+
+}  // namespace corvane

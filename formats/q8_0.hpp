@@ -1,0 +1,22 @@
+// q8_0: signed 8-bit codes, one float scale for 64 elements. Planar.
+//
+//   codes   64 bytes a block   byte j is element j, two's complement
+//   scales  one float a block  y = d * code
+#pragma once
+
+#include "formats/two_planes.hpp"
+
+namespace corvane {
+
+struct block_fp8_qs {  // the codes of q8_0, fp8_e4m3 and fp8_e5m2
+  uint8_t qs[64];
+};
+
+struct q8_0_reader : two_planes<qtype_q8_0, block_fp8_qs, float> {
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
+    return simd<T, 16>::exact(sycl::to_float(sycl::widen_s8(qs + 16 * v)));
+  }
+};
+
+}  // namespace corvane
