@@ -1,0 +1,73 @@
+// The tiles of one systolic step sequence, 64 elements of K deep: 8 input rows, 32 weight columns, and the block result
+// that they add to. For sysdot_forward_kernel.
+#pragma once
+
+#include <cstdint>
+
+#include "formats/registry.hpp"
+#include "platform/sycl/systolic.hpp"
+
+namespace corvane {
+
+using sycl::BFloat16;
+using sycl::f32x16;
+using sycl::Half;
+
+constexpr unsigned QK = 64;            // elements of a K block, under one scale
+constexpr unsigned tile_rows = 8;      // rows of a full row tile
+constexpr unsigned tile_columns = 32;  // columns that the host expands together: two registers
+constexpr unsigned strips = tile_columns / 16;
+
+// A cell is what one lane of a step's operand holds: one Half, widened, or two BFloat16 (elements 2d and 2d + 1, the
+// lower one in the lower half).
+template <class WT>
+struct cell_of;
+template <>
+struct cell_of<Half> {
+  using type = float;
+  static constexpr unsigned elements = 1;
+};
+template <>
+struct cell_of<BFloat16> {
+  using type = int32_t;
+  static constexpr unsigned elements = 2;
+};
+template <class WT>
+constexpr unsigned depth = QK / cell_of<WT>::elements;  // cells along K
+
+template <class WT>
+struct input_tile {
+  alignas(64) typename cell_of<WT>::type row[tile_rows][depth<WT>];
+  bool tiny;  // BFloat16: holds values so small that sums could be subnormal
+};
+
+template <class WT>
+struct weight_tile {
+  alignas(64) typename cell_of<WT>::type cell[depth<WT>][tile_columns];
+  f32x16 scale[strips];
+};
+
+// Bytes of the codes of a K block; 0 for a format that the systolic path does not read.
+constexpr uint32_t code_bytes(int32_t qtype) {
+  if (qtype == qtype_q4_0) return 32;
+  return qtype == qtype_q8_0 || qtype == qtype_fp8_e4m3 || qtype == qtype_fp8_e5m2 ? 64 : 0;
+}
+
+// Bytes of its scale: a Half or a float.
+constexpr uint32_t scale_bytes(int32_t qtype) { return qtype == qtype_q4_0 ? 2 : 4; }
+
+// Where the packed blocks of 32 columns lie.
+struct weight_columns {
+  const uint8_t* codes[tile_columns];   // first code block of each column
+  const uint8_t* scales[tile_columns];  // its scale
+};
+
+// Expands block b of the columns, unscaled, and collects their scales.
+template <class WT>
+void expand_weights(int32_t qtype, const weight_columns& columns, uint64_t b, weight_tile<WT>& tile);
+
+// running[r][i] += scale[i] * sum over the block of x[r][k] * w[k][i], in float, for R rows.
+template <class WT, unsigned R>
+void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, float (*running)[tile_columns]);
+
+}  // namespace corvane
