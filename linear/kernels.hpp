@@ -17,4 +17,38 @@ template <class T, unsigned SG_SIZE, unsigned WG_SIZE, unsigned ROWS_PER_WG>
 void qlinear_xpu_kernel_q4_0_2x16(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
                                   uint64_t output_size, c10::Device device);
 
+// One input row on the other formats of 64-element blocks: arguments as above, two rows to a group.
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_q4_1_2x16(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
+                                  uint64_t output_size, c10::Device device);
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_nf4_2x16(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
+                                 uint64_t output_size, c10::Device device);
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_fp4_2x16(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
+                                 uint64_t output_size, c10::Device device);
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_nf3_2x16(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
+                                 uint64_t output_size, c10::Device device);
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE, unsigned ROWS_PER_WG>
+void qlinear_xpu_kernel_fp6_2x16(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
+                                 uint64_t output_size, c10::Device device);
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_q8_0_2x8(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
+                                 uint64_t output_size, c10::Device device);
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_fp8_e4m3_2x8(const T* input, const uint8_t* weight, T* output, uint64_t rows,
+                                     uint64_t state_size, uint64_t output_size, c10::Device device);
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_fp8_e5m2_2x8(const T* input, const uint8_t* weight, T* output, uint64_t rows,
+                                     uint64_t state_size, uint64_t output_size, c10::Device device);
+
+// One row to a group.
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_q5_0(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
+                             uint64_t output_size, c10::Device device);
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void qlinear_xpu_kernel_q5_1(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,
+                             uint64_t output_size, c10::Device device);
+
 }  // namespace corvane

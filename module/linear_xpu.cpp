@@ -7,6 +7,8 @@
 
 #include "linear/forward.hpp"
 #include "module/frame/check.hpp"
+#include "ops/bmm.hpp"
+#include "ops/dequantize.hpp"
 
 namespace corvane {
 namespace {
@@ -47,6 +49,23 @@ at::Tensor linear_forward_new(const at::Tensor& input, const at::Tensor& weight,
   check_tensors("linear_forward_new", {{input, "input"}, {weight, "weights"}});
   return recorded_call("vorel_qlinear_forward", input,
                        [&] { return linear_forward(input, weight, qtype, row_hint); });
+}
+
+at::Tensor dequant(const at::Tensor& input, const at::Tensor& weight, int32_t qtype) {
+  check_tensors("dequant", {{input, "input"}, {weight, "weight"}});
+  return recorded_call("vorel_xpu_dequant", weight, [&] { return dequant_body(input, weight, qtype); });
+}
+
+at::Tensor bmm(const at::Tensor& a, const at::Tensor& b, const at::Tensor& c) {
+  check_tensors("bmm", {{a, "A"}, {b, "B"}, {c, "C"}});
+  return recorded_call("vorel_bmm", a, [&] { return bmm_xpu(a, b, c); });
+}
+
+at::Tensor dequantize_rows(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t state_size,
+                           int64_t output_size) {
+  check_tensors("dequantize_rows", {{input, "input"}, {weight, "weight"}});
+  return recorded_call("vorel_dequantize_rows", input,
+                       [&] { return dequantize_rows_body(input, weight, qtype, state_size, output_size); });
 }
 
 }  // namespace corvane

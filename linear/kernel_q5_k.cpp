@@ -1,0 +1,68 @@
+// One input row against q5_k. Products are formed in T, two at a time; everything after them is in float.
+#include "formats/q5_k.hpp"
+#include "linear/kernels_k.hpp"
+#include "linear/matvec_blocks.hpp"
+
+namespace corvane {
+namespace {
+
+// x[e] * code[e] + x[e + 16] * code[e + 16] is a value of T; so is x[e] + x[e + 16], which the minimums multiply.
+template <class T>
+struct pair_product {
+  using reader = q5_k_reader;
+  using sum = simd<float, 16>;
+
+  struct staged {
+    simd<T, 16> x[16];
+    simd<float, 16> sum_x;  // over each chunk
+  };
+
+  static void stage(const T* x, staged& s) {
+    s.sum_x = simd<float, 16>::zero();
+    for (unsigned j = 0; j < 16; j += 2) {
+      s.x[j] = detail::chunk_input<reader>(x, j);
+      s.x[j + 1] = detail::chunk_input<reader>(x, j + 1);
+      s.sum_x = s.sum_x + simd<float, 16>::exact((s.x[j] + s.x[j + 1]).to_float());
+    }
+  }
+
+  template <unsigned Rows>
+  static CORVANE_INLINE void add_blocks(const staged& input, const reader::planes& planes,
+                                        const uint32_t (&block)[Rows], sum (&total)[Rows]) {
+    reader::chunks codes[Rows];
+    for (unsigned r = 0; r < Rows; ++r) codes[r] = reader::fetch_chunks(planes, block[r]);
+    sum dot[Rows];
+    for (unsigned r = 0; r < Rows; ++r) dot[r] = sum::zero();
+    sycl::unroll<8>([&](auto pair) {
+      constexpr unsigned j = 2 * pair;
+      for (unsigned r = 0; r < Rows; ++r) {
+        const simd<T, 16> first = input.x[j] * reader::chunk_code<T, j>(codes[r]);
+        const simd<T, 16> both = multiply_add(input.x[j + 1], reader::chunk_code<T, j + 1>(codes[r]), first);
+        dot[r] = dot[r] + sum::exact(both.to_float());
+      }
+    });
+    for (unsigned r = 0; r < Rows; ++r) {
+      total[r] = multiply_add(dot[r], reader::chunk_scale<float>(planes, block[r]), total[r]);
+      total[r] = multiply_add(input.sum_x, reader::chunk_offset<float>(planes, block[r]), total[r]);
+    }
+  }
+};
+
+}  // namespace
+
+template <class T>
+void qlinear_xpu_kernel_q5_k(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size,
+                             uint64_t output_size, c10::Device device) {
+  const origin where{"linear_xpu_kernel", "qlinear_xpu_kernel_q5_k"};
+  check_multiple(state_size, 64, where);
+  matvec_blocks<pair_product<T>, 8, 32, 2>(where, input, weight, output, state_size, output_size, device);
+}
+
+#define INSTANCE(T) \
+  template void qlinear_xpu_kernel_q5_k<T>(const T*, const uint8_t*, T*, uint64_t, uint64_t, uint64_t, c10::Device);
+INSTANCE(Half)
+INSTANCE(float)
+INSTANCE(double)
+INSTANCE(BFloat16)
+
+}  // namespace corvane
