@@ -1,0 +1,182 @@
+"""Benchmarks of corvane, as ratios to a plain read or fill of the same bytes and to the dense product.
+
+Weights are streamed: calls go round copies of more than the caches hold. Results are checked before they are timed.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import platform
+import subprocess
+from collections.abc import Callable
+
+import bench_memory
+import corvane
+import host_xpu
+import numpy as np
+import torch
+from measure import Timing, alternate
+from reference.formats import decode
+from reference.random_weights import random_weight
+from reference.registry import FORMATS
+
+K = N = 4096
+STREAMED = 256 << 20  # bytes that a round of copies takes
+DTYPES = {"float": torch.float, "half": torch.half, "bfloat16": torch.bfloat16, "double": torch.double}
+
+rows: list[dict] = []
+
+
+def report(section: str, name: str, timing: Timing, against: dict[str, float], gigabytes: float | None = None) -> None:
+    """Prints one line and keeps it for --json. `against`: ratios by what they are to."""
+    rate = "" if gigabytes is None else f"{gigabytes / timing.median:7.1f} GB/s"
+    ratios = "  ".join(f"{ratio:5.2f} x {what}" for what, ratio in against.items())
+    spread = f"{timing.median * 1e3:8.3f} ms ({timing.low * 1e3:.3f}-{timing.high * 1e3:.3f})"
+    print(f"{section:10} {name:26} {spread:32} {rate:13} {ratios}", flush=True)
+    rows.append({"section": section, "name": name, **timing._asdict(), "gigabytes": gigabytes, "against": against})
+
+
+class Copies:
+    """A packed weight, often enough in memory that no cache holds it when its turn comes again."""
+
+    def __init__(self, name: str, n: int = N, k: int = K):
+        self.format = FORMATS[name]
+        self.data = random_weight(name, n, k, 0)
+        count = max(2, -(-STREAMED // self.data.size))
+        self.tensors = [torch.from_numpy(self.data).to("xpu") for _ in range(count)]
+        self.gigabytes = self.data.size / 1e9
+
+    def __call__(self, i: int) -> torch.Tensor:
+        return self.tensors[i % len(self.tensors)]
+
+    def read(self, i: int) -> None:
+        tensor = self(i)
+        bench_memory.read(tensor.data_ptr(), tensor.numel())
+
+
+def check(y: torch.Tensor, x: torch.Tensor, copies: Copies, n: int = N, k: int = K) -> None:
+    """A result must be what the bytes say, roughly: the tests do it exactly."""
+    expected = x.cpu().double().numpy() @ decode(copies.format.name, copies.data, n, k).T
+    error = np.abs(y.cpu().double().numpy() - expected).max() / max(np.abs(expected).max(), 1e-9)
+    assert error < 0.2, f"{copies.format.name}: wrong result, relative error {error}"
+
+
+def bench_one_row() -> None:
+    """One input row on every format and dtype, against a plain read of the packed bytes."""
+    for name, fmt in FORMATS.items():
+        copies = Copies(name)
+        for dtype_name, dtype in DTYPES.items():
+            x = torch.randn(1, K).to(dtype).to("xpu")
+            check(corvane.forward_new(x, copies(0), fmt.qtype, 1), x, copies)
+            times = alternate(
+                {"read": copies.read, "call": lambda i, x=x: corvane.forward_new(x, copies(i + 7), fmt.qtype, 1)}
+            )
+            ratio = times["call"].median / times["read"].median
+            report("one-row", f"{name} {dtype_name}", times["call"], {"read": ratio}, copies.gigabytes)
+
+
+def bench_call() -> None:
+    """What a call costs when there is next to nothing to compute."""
+    x, w = torch.randn(1, 64).to("xpu"), torch.from_numpy(random_weight("q4_0", 64, 64, 0)).to("xpu")
+
+    def thousand(_: int) -> None:
+        for _ in range(1000):
+            corvane.forward_new(x, w, 2, 1)
+
+    times = alternate({"call": thousand})
+    report("call", "1000 calls, 64 x 64", times["call"], {})
+
+
+def dense(row_count: int, weight: torch.Tensor) -> Callable[[int], object]:
+    """CPU PyTorch's float product on as many threads as the device has."""
+    x = torch.randn(row_count, weight.size(1))
+    return lambda _: torch.nn.functional.linear(x, weight)
+
+
+def bench_linear() -> None:
+    """The framework's linear on XPU tensors against CPU PyTorch's float product."""
+    weight = torch.randn(N, K) * 0.02
+    for row_count in (8, 32, 128):
+        candidates = {"dense": dense(row_count, weight)}
+        for name, dtype in DTYPES.items():
+            x, w = torch.randn(row_count, K).to(dtype).to("xpu"), weight.to(dtype).to("xpu")
+            candidates[name] = lambda _, x=x, w=w: torch.nn.functional.linear(x, w)
+        times = alternate(candidates)
+        for name in DTYPES:
+            ratio = times[name].median / times["dense"].median
+            report("linear", f"{name} {row_count} rows", times[name], {"dense float": ratio})
+
+
+def bench_rows() -> None:
+    """Several rows on q4_0: whichever path this device class takes, against the dense float product."""
+    copies, weight = Copies("q4_0"), torch.randn(N, K) * 0.02
+    one_row = {}
+    for dtype_name in ("float", "half", "bfloat16"):
+        dtype = DTYPES[dtype_name]
+        for row_count in (1, 2, 4, 7, 8, 16, 32, 64, 128, 256):
+            x = torch.randn(row_count, K).to(dtype).to("xpu")
+            check(corvane.forward_new(x, copies(0), 2, row_count), x, copies)
+            with host_xpu.record_launches() as records:
+                corvane.forward_new(x, copies(0), 2, row_count)
+            kernel = "_".join(records[0].kernel.split("_")[:3])
+            times = alternate(
+                {
+                    "dense": dense(row_count, weight),
+                    "call": lambda i, x=x: corvane.forward_new(x, copies(i), 2, x.size(0)),
+                }
+            )
+            call = times["call"].median
+            one_row.setdefault(dtype_name, call)
+            against = {"dense float": call / times["dense"].median, "one row": call / one_row[dtype_name]}
+            report("rows", f"{dtype_name} {row_count} rows, {kernel}", times["call"], against)
+
+
+def bench_expand() -> None:
+    """Expansion into memory used before, against a plain fill of the output; dequant's formats."""
+    for name in ("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e5m2", "iq2_xxs"):
+        copies = Copies(name)
+        for dtype_name in ("float", "half"):
+            like = torch.zeros(1, K, dtype=DTYPES[dtype_name], device="xpu")
+            out = torch.empty(N, K, dtype=DTYPES[dtype_name], device="xpu")
+            size = out.numel() * out.element_size()
+            times = alternate(
+                {
+                    "fill": lambda _, out=out, size=size: bench_memory.fill(out.data_ptr(), size),
+                    "call": lambda i, like=like: corvane.dequant(like, copies(i), copies.format.qtype),
+                }
+            )
+            speed = times["fill"].median / times["call"].median
+            report("expand", f"{name} to {dtype_name}", times["call"], {"fill speed": speed}, size / 1e9)
+
+
+SECTIONS = {
+    "call": bench_call,
+    "one-row": bench_one_row,
+    "rows": bench_rows,
+    "linear": bench_linear,
+    "expand": bench_expand,
+}
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--json", metavar="FILE", help="write the measurements there too")
+    parser.add_argument("--only", nargs="+", choices=SECTIONS, default=list(SECTIONS), metavar="SECTION",
+                        help=f"of {', '.join(SECTIONS)}")  # fmt: skip
+    arguments = parser.parse_args()
+    torch.set_num_threads(bench_memory.threads())
+    commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], capture_output=True, text=True).stdout.strip()
+    about = {"commit": commit, "device": host_xpu.device_name(), "processor": platform.processor(),
+             "threads": bench_memory.threads(), "shape": [N, K]}  # fmt: skip
+    print(" ".join(f"{key} {value}" for key, value in about.items()))
+    print("ratios are times (less is faster); 'fill speed' is a speed (more is faster); spread: quartiles\n")
+    for section in arguments.only:
+        SECTIONS[section]()
+    if arguments.json:
+        with open(arguments.json, "w") as file:
+            json.dump({"about": about, "rows": rows}, file, indent=1)
+
+
+if __name__ == "__main__":
+    main()

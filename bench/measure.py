@@ -1,0 +1,35 @@
+"""Timing for the benchmarks: candidates in alternation, medians with their spread."""
+
+from __future__ import annotations
+
+import statistics
+import time
+from collections.abc import Callable
+from typing import NamedTuple
+
+
+class Timing(NamedTuple):
+    """Seconds of one call: median, and the quartiles around it."""
+
+    median: float
+    low: float
+    high: float
+
+
+def alternate(candidates: dict[str, Callable[[int], object]], runs: int = 25, seconds: float = 2.0) -> dict[str, Timing]:
+    """Times each candidate(i) in turn, i counting up, so that noise of the machine meets all of them alike.
+
+    Stops after `runs` rounds, or after `seconds` once five rounds are there. The first round is not counted.
+    """
+    taken: dict[str, list[float]] = {name: [] for name in candidates}
+    start = time.perf_counter()
+    for i in range(runs + 1):
+        for name, call in candidates.items():
+            before = time.perf_counter()
+            call(i)
+            if i:
+                taken[name].append(time.perf_counter() - before)
+        if i >= 5 and time.perf_counter() - start > seconds:
+            break
+    quartiles = {name: statistics.quantiles(times, n=4) for name, times in taken.items()}
+    return {name: Timing(q[1], q[0], q[2]) for name, q in quartiles.items()}

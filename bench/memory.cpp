@@ -1,0 +1,48 @@
+// The Python module bench_memory: reading and filling memory on all cores, the measures that kernels are held against.
+#include <pybind11/pybind11.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+
+#include "platform/sycl/parallel.hpp"
+#include "platform/sycl/simd.hpp"
+
+namespace {
+
+constexpr size_t piece = 1 << 18;  // bytes that a core takes at a time
+
+// Reads `bytes` bytes at `address` once; returns a word that depends on all of them, so that nothing is left out.
+uint64_t read_all(uint64_t address, size_t bytes) {
+  const auto* data = reinterpret_cast<const char*>(address);
+  std::atomic<uint64_t> mixed{0};
+  host::parallel_for(bytes / 256, piece / 256, [&](size_t begin, size_t end) {
+    sycl::i32x16 a{}, b{}, c{}, d{};
+    for (size_t i = begin; i < end; ++i) {
+      const char* line = data + 256 * i;
+      a ^= sycl::load_bytes<sycl::i32x16>(line);
+      b ^= sycl::load_bytes<sycl::i32x16>(line + 64);
+      c ^= sycl::load_bytes<sycl::i32x16>(line + 128);
+      d ^= sycl::load_bytes<sycl::i32x16>(line + 192);
+    }
+    const sycl::i32x16 all = a ^ b ^ c ^ d;
+    uint64_t word = 0;
+    for (int i = 0; i < 16; ++i) word = word * 31 + static_cast<uint32_t>(all[i]);
+    mixed ^= word;
+  });
+  return mixed;
+}
+
+void fill_all(uint64_t address, size_t bytes) {
+  auto* data = reinterpret_cast<char*>(address);
+  host::parallel_for(bytes, piece, [&](size_t begin, size_t end) { std::memset(data + begin, 0x3C, end - begin); });
+}
+
+}  // namespace
+
+PYBIND11_MODULE(bench_memory, module) {
+  module.doc() = "Plain reading and filling of memory, on all cores, for comparison with kernels.";
+  module.def("read", &read_all, "read(address: int, bytes: int) -> int\n\nReads the bytes once.");
+  module.def("fill", &fill_all, "fill(address: int, bytes: int)\n\nWrites the bytes once.");
+  module.def("threads", &host::concurrency, "threads() -> int\n\nCores that the device uses.");
+}
