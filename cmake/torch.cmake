@@ -5,14 +5,24 @@ if(NOT Python3_EXECUTABLE)
 endif()
 find_package(Python3 REQUIRED COMPONENTS Interpreter Development.Module)
 
-execute_process(
-  COMMAND ${Python3_EXECUTABLE} -c "import torch, torch.utils.cpp_extension as e; print(torch.__version__, \
-int(torch._C._GLIBCXX_USE_CXX11_ABI), '|'.join(e.include_paths()), '|'.join(e.library_paths()), sep=';')"
-  OUTPUT_VARIABLE torch_facts ERROR_VARIABLE torch_error OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE torch_missing)
+# Asked as things stand, and then past the build environment of a package installer, which hides the packages of the
+# interpreter that it installs into.
+foreach(environment "" "--unset=PYTHONPATH;--unset=PYTHONNOUSERSITE")
+  execute_process(
+    COMMAND ${CMAKE_COMMAND} -E env ${environment} ${Python3_EXECUTABLE} -c "import torch, torch.utils.cpp_extension as e; \
+print(torch.__version__, int(torch._C._GLIBCXX_USE_CXX11_ABI), '|'.join(e.include_paths()), '|'.join(e.library_paths()), \
+sep=';')"
+    OUTPUT_VARIABLE torch_facts ERROR_VARIABLE torch_error OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE torch_missing)
+  if(NOT torch_missing)
+    break()
+  endif()
+endforeach()
 if(torch_missing)
   message(FATAL_ERROR "corvane needs PyTorch 1.13 or newer in ${Python3_EXECUTABLE}, which cannot import it.\n"
     "  Debian: apt-get install python3-torch libtorch-dev (scripts/setup.sh does it)\n"
-    "  another interpreter: -DPython3_EXECUTABLE=...\n${torch_error}")
+    "  virtual environment: make it with --system-site-packages, or install PyTorch into it\n"
+    "  another interpreter: -DPython3_EXECUTABLE=..., or the pip of that interpreter\n"
+    "  building in an isolated interpreter (python -m build): --no-isolation\n${torch_error}")
 endif()
 list(GET torch_facts 0 torch_version)
 list(GET torch_facts 1 torch_cxx11_abi)

@@ -63,11 +63,40 @@ struct iq1_s_reader {
     return simd<T, 16>::exact(sycl::to_float(n) + iq1_s_delta(h));
   }
 
+  // A group has three values: their numbers are n, and n + 8 where the bit of delta is set.
+  static CORVANE_INLINE sycl::u16x32 value_index(raw groups, unsigned h) {
+    using u64x4 = uint64_t __attribute__((vector_size(32)));
+    const auto bits = sycl::load_integer<uint16_t>(groups.qh + 2 * h);
+    const uint64_t row = sycl::deposit_bits(bits, 0x0700070007000700) |  // 16 bits for each run
+                         sycl::deposit_bits(sycl::load_integer<uint32_t>(groups.qs + 4 * h), 0x00FF00FF00FF00FF);
+    const u64x4 rows = {iq1s_grid[row & 0xFFFF], iq1s_grid[row >> 16 & 0xFFFF], iq1s_grid[row >> 32 & 0xFFFF],
+                        iq1s_grid[row >> 48]};
+    const u64x4 n = (rows | rows << 28) & 0x0F0F0F0F0F0F0F0F;
+    return sycl::widen_32_u8_to_u16(&n) | static_cast<uint16_t>(bits >> 15 << 3);
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> value_codes() {
+    constexpr float plus = iq1_s_delta(0), minus = iq1_s_delta(0x8000);
+    return simd<T, 16>::exact(sycl::f32x16{plus, 1 + plus, 2 + plus, 0, 0, 0, 0, 0, minus, 1 + minus, 2 + minus});
+  }
+
   template <class T>
   static CORVANE_INLINE simd<T, 16> scale(const planes& p, uint32_t unit, unsigned v) {
     static_assert(std::is_same_v<T, float>, "the scales of iq1_s enter in float");
     const unsigned h = sycl::load_integer<uint16_t>(fetch(p, unit).qh + 2 * (v / 2));
     return simd<T, 16>::exact(sycl::splat_half(block(p, unit)) * iq1_s_scale(h));
+  }
+
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {
+    static_assert(std::is_same_v<T, float>, "the scales of iq1_s enter in float");
+    const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_iq1_s);
+    // The last 32 bytes of the block end with qh, two groups to a word.
+    const auto words = sycl::load_twice(at + sizeof(block_iq1_s) - 32);
+    static constexpr sycl::i32x16 word = {4, 4, 4, 4, 5, 5, 5, 5, 6, 6, 6, 6, 7, 7, 7, 7};
+    static constexpr sycl::i32x16 down = {12, 12, 28, 28, 12, 12, 28, 28, 12, 12, 28, 28, 12, 12, 28, 28};
+    const sycl::i32x16 scale = (__builtin_shuffle(words, word) >> down) & 7;
+    return simd<T, 16>::exact(sycl::splat_half(at) * sycl::to_float(2 * scale + 1));
   }
 
  private:

@@ -32,6 +32,30 @@ struct nf3_reader : two_planes<qtype_nf3, block_nf3_qs, Half> {
         sycl::lookup32(sycl::load_bytes<sycl::f32x16>(&lower), sycl::load_bytes<sycl::f32x16>(&upper), code, top));
   }
 
+  static CORVANE_INLINE sycl::u16x32 value_index(raw block, unsigned h) {
+    struct alignas(64) bit_positions {
+      uint8_t from[64];
+    };
+    static constexpr bit_positions to_word_bottom = [] {  // the low two bits of element 32 h + t to word t
+      bit_positions p{};
+      for (unsigned t = 0; t < 32; ++t) p.from[2 * t] = static_cast<uint8_t>(8 * (t / 4) + 6 - 2 * (t % 4));
+      return p;
+    }();
+    const auto top = sycl::load_integer<uint32_t>(block + offsetof(block_nf3_qs, qh) + 4 * h);
+    const auto low = sycl::load_integer<uint64_t>(block + offsetof(block_nf3_qs, ql) + 8 * h);
+    const sycl::i32x16 code = sycl::multishift(low, sycl::load_bytes<sycl::u8x64>(&to_word_bottom));
+    return ((sycl::u16x32)code & uint16_t{3}) | sycl::splat_where(top, 4);
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> value_codes() {
+    static constexpr auto table = table_of<T>([] {
+      std::array<float, 16> t{};
+      for (unsigned i = 0; i < 16; ++i) t[i] = nf3_values[i % 8];
+      return t;
+    }());
+    return simd<T, 16>::exact(sycl::load_bytes<sycl::f32x16>(&table));
+  }
+
  private:
   static constexpr std::array<float, 16> repeated(unsigned first) {
     std::array<float, 16> t{};

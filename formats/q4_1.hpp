@@ -52,15 +52,6 @@ struct q4_1_reader : nibble_codes<q4_1_values, false> {
     return half_lanes<T>(sycl::narrow_u16(pairs_of(p, unit, count) >> 16));
   }
 
-  template <class T>
-  static CORVANE_INLINE simd<T, 16> value_scales(const planes& p, uint32_t unit) {
-    return scale<T>(p, unit, 0);
-  }
-  template <class T>
-  static CORVANE_INLINE simd<T, 16> value_offsets(const planes& p, uint32_t unit) {
-    return offset<T>(p, unit, 0);
-  }
-
  private:
   // One pair to a lane, d in its low half.
   static CORVANE_INLINE sycl::i32x16 pairs_of(const planes& p, uint32_t unit, unsigned count) {

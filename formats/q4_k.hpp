@@ -56,6 +56,15 @@ struct q4_k_reader {
     return simd<T, 16>::exact(sycl::as_float((bytes & 0xF0) | 0x49000000) - 524288.0f);
   }
 
+  static CORVANE_INLINE sycl::u16x32 value_index(raw qs, unsigned h) {
+    const sycl::u16x16 codes = sycl::widen_u8_to_u16(qs + 16 * h);
+    return sycl::join(codes, codes >> 4);
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> value_codes() {
+    return simd<T, 16>::exact(sycl::f32x16{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15});
+  }
+
   template <class T>
   static CORVANE_INLINE simd<T, 16> scale(const planes& p, uint32_t unit, unsigned v) {
     return detail::splat_lane<T>(factors<T>(p, unit), static_cast<int>(v & 2));

@@ -16,13 +16,18 @@
 //   scales<T>(planes, unit, n), offsets<T>(planes, unit, n)   those of n <= 16 units from `unit` on, one to a lane, the
 //                               other lanes zero, where all 64 elements share them
 //
-// A format whose units have at most sixteen different values each says so by three more functions, for outputs of 16
+// A format whose units, or halves of units, have at most sixteen different values each says so by three more functions, for outputs of 16
 // bits, where a look-up of values beats decoding:
 //
 //   value_index(raw, h)               numbers of the values of elements 32 h to 32 h + 31 in the low four bits of 32
 //                                     words; h < 2
 //   value_codes<T>()                  code of value n in lane n
-//   value_scales<T>(planes, unit), value_offsets<T>(planes, unit)   its scale; its offset, where there is one
+//   value_scales<T>(planes, unit), value_offsets<T>(planes, unit)   its scale; its offset, where there is one. Left out
+//                               where the 32 elements share scale and offset: then the sixteen values are theirs
+//
+// A format of super-blocks of 256 elements may give all their scales in one register:
+//
+//   chunk_scale<T>(planes, block), chunk_offset<T>(planes, block)   those of elements 16 t to 16 t + 15 in lane t
 //
 // Decoded codes are exact in T: table entries are rounded to T where the table is made.
 #pragma once

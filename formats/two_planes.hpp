@@ -46,10 +46,6 @@ struct two_planes {
       return float_lanes<T>(at, count);
     }
   }
-  template <class T>
-  static CORVANE_INLINE simd<T, 16> value_scales(const planes& p, uint32_t unit) {
-    return scale<T>(p, unit, 0);
-  }
 };
 
 }  // namespace corvane

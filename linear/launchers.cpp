@@ -8,6 +8,7 @@
 #include "linear/expansion_path.hpp"
 #include "linear/one_row.hpp"
 #include "linear/path.hpp"
+#include "linear/q8_1.hpp"
 #include "linear/small_batch.hpp"
 #include "module/frame/device_class.hpp"
 #include "module/frame/dispatch.hpp"
@@ -21,10 +22,32 @@ at::Tensor empty_result(const at::Tensor& input, const at::Tensor& weight, int64
   return at::empty({rows, output_size}, weight.options().dtype(input.scalar_type()));
 }
 
+// The 8-bit activations live until the kernel that reads them has been waited for.
+template <int32_t Id>
+at::Tensor one_quantised_row(const at::Tensor& input, const at::Tensor& weight, int64_t state_size,
+                             int64_t output_size) {
+  return dispatch_floating(input.scalar_type(), linear_dispatch_label, here, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    const at::Tensor activations = at::empty({q8_1_bytes(state_size)}, input.options().dtype(at::kByte));
+    auto* blocks = activations.data_ptr<uint8_t>();
+    quantize_xpu_kernel_q8_1(input.data_ptr<T>(), blocks, 1, state_size, input.device());
+    at::Tensor output = empty_result(input, weight, 1, output_size);
+    const auto* bytes = weight.data_ptr<uint8_t>();
+    if constexpr (Id == qtype_iq2_xxs) {
+      qlinear_xpu_kernel_iq2_xxs_q8_1(bytes, blocks, output.data_ptr<T>(), 1, state_size, output_size, weight.device());
+    } else if constexpr (Id == qtype_q2_k) {
+      qlinear_xpu_kernel_q2_k_q8_1(bytes, blocks, output.data_ptr<T>(), 1, state_size, output_size, weight.device());
+    } else {
+      qlinear_xpu_kernel_iq1_s_q8_1(bytes, blocks, output.data_ptr<T>(), 1, state_size, output_size, weight.device());
+    }
+    return output;
+  });
+}
+
 template <int32_t Id, unsigned SG, unsigned WG, unsigned Q4Rows>
 at::Tensor one_row(const at::Tensor& input, const at::Tensor& weight, int64_t state_size, int64_t output_size) {
   if constexpr (quantises_input(Id)) {
-    fail(here, std::string("one input row of ") + registry[Id].name + " has no kernel yet");
+    return one_quantised_row<Id>(input, weight, state_size, output_size);
   } else {
     at::Tensor output = empty_result(input, weight, 1, output_size);
     dispatch_floating(input.scalar_type(), linear_dispatch_label, here, [&](auto tag) {

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "formats/k_block.hpp"
+#include "linear/row_sums.hpp"
 #include "module/frame/launch.hpp"
 
 namespace corvane {
@@ -42,32 +43,34 @@ void matvec_blocks(const origin& where, const T* input, const uint8_t* weight, T
   const auto prepare = [&staged, input, blocks] {
     for (uint32_t b = 0; b < blocks; ++b) Product::stage(input + detail::block_elements * b, staged[b]);
   };
-  const auto kernel = [staged = staged.get(), planes, output, output_size, blocks](sycl::group<1> group) {
-    const uint64_t first_row = group.id() * ROWS_PER_WG;
-    uint32_t first_block[ROWS_PER_WG];
-    typename Product::sum sums[ROWS_PER_WG];
-    for (unsigned r = 0; r < ROWS_PER_WG; ++r) {
-      // A row past the end reads the last row again, so that nothing beyond the weight is touched; it is not written.
-      first_block[r] = static_cast<uint32_t>(std::min(first_row + r, output_size - 1)) * blocks;
-      sums[r] = Product::sum::zero();
-    }
-    for (uint32_t b = 0; b < blocks; ++b) {
-      uint32_t block[ROWS_PER_WG];
+  const auto kernel = [staged = staged.get(), planes, output, output_size, blocks](const sycl::group_block<1>& groups) {
+    typename Product::sum sums[tree_rows];
+    for (auto& sum : sums) sum = Product::sum::zero();
+    const uint64_t first_row = groups.first(0) * ROWS_PER_WG;
+    for (unsigned g = 0; g < groups.count(0); ++g) {
+      uint32_t first_block[ROWS_PER_WG];
+      typename Product::sum sum[ROWS_PER_WG];
       for (unsigned r = 0; r < ROWS_PER_WG; ++r) {
-        block[r] = first_block[r] + b;
-        // Two streams lose half the speed of one unless the next group's blocks are asked for ahead.
-        reader::prefetch_block(planes, block[r] + ROWS_PER_WG * blocks);
+        // A row past the end reads the last row again, so that nothing beyond the weight is touched; it is not written.
+        const uint64_t row = std::min(first_row + g * ROWS_PER_WG + r, output_size - 1);
+        first_block[r] = static_cast<uint32_t>(row) * blocks;
+        sum[r] = Product::sum::zero();
       }
-      Product::add_blocks(staged[b], planes, block, sums);
+      for (uint32_t b = 0; b < blocks; ++b) {
+        uint32_t block[ROWS_PER_WG];
+        for (unsigned r = 0; r < ROWS_PER_WG; ++r) {
+          block[r] = first_block[r] + b;
+          // Two streams lose half the speed of one unless the next group's blocks are asked for ahead.
+          reader::prefetch_block(planes, block[r] + ROWS_PER_WG * blocks);
+        }
+        Product::add_blocks(staged[b], planes, block, sum);
+      }
+      for (unsigned r = 0; r < ROWS_PER_WG; ++r) sums[g * ROWS_PER_WG + r] = sum[r];
     }
-    T row_sum[ROWS_PER_WG];
-    for (unsigned r = 0; r < ROWS_PER_WG; ++r) row_sum[r] = static_cast<T>(sum_tree(sums[r]));
-    group.single([&] {
-      for (unsigned r = 0; r < ROWS_PER_WG && first_row + r < output_size; ++r) output[first_row + r] = row_sum[r];
-    });
+    store_rows(sum_trees(sums), output, first_row, output_size);
   };
   launch<1>(device, where, {{groups * WG_SIZE}, {WG_SIZE}}, sycl::sub_group_size{SG_SIZE},
-            sycl::prepared_kernel{prepare, kernel});
+            sycl::prepared_kernel{prepare, sycl::block_kernel<1, decltype(kernel)>{{tree_rows / ROWS_PER_WG}, kernel}});
 }
 
 namespace detail {

@@ -30,47 +30,67 @@ constexpr unsigned staged_chains = sizeof(T) == 2 ? 8 : 2;
 template <class T, unsigned Units>
 constexpr unsigned sums_of_row = sizeof(T) == 2 && Units > 1 ? 2 : 1;
 
-template <class T>
-CORVANE_INLINE simd<T, 16> input_lanes(const T* input, uint64_t element) {
-  return simd<T, 16>::load(input + element);
-}
-template <class T>
-CORVANE_INLINE simd<T, 16> input_lanes(const row_input<T>& input, uint64_t element) {
-  return simd<T, 16>::load_lanes(input.lanes + element);
-}
-
 // Units u to u + Units - 1 of all rows against all inputs, the units of a row in turn to its Sums sums. A code is
 // decoded once for all inputs. `scales` begins with that of unit u of row 0; rows lie batch_units apart.
-template <class Reader, class T, unsigned Inputs, unsigned Rows, unsigned Units, unsigned Sums, class Input>
-CORVANE_INLINE void accumulate_units(const Input& input, uint64_t stride, const typename Reader::planes& weight,
-                                     const row_list<Rows>& rows, uint32_t u, const sycl::lane_of<T>* scales,
-                                     simd<T, 16>* sum) {
+template <class Reader, class T,
+          bool Pairs,  // BFloat16 products and sums of a unit are rounded in pairs: row_input.hpp
+          unsigned Inputs, unsigned Rows, unsigned Units, unsigned Sums>
+CORVANE_INLINE void accumulate_units(const sycl::lane_of<T>* input, uint64_t stride,
+                                     const typename Reader::planes& weight, const row_list<Rows>& rows, uint32_t u,
+                                     const sycl::lane_of<T>* scales, simd<T, 16>* sum) {
   constexpr unsigned chains = Rows * Units;  // chain c: row c % Rows, unit u + c / Rows
-  const auto unit = [&](unsigned c) { return rows.first_unit[c % Rows] + u + c / Rows; };
+  const auto unit = [&](unsigned c) CORVANE_INLINE_LAMBDA { return rows.first_unit[c % Rows] + u + c / Rows; };
   if constexpr (Rows > 1) {
     for (unsigned c = 0; c < chains; ++c) Reader::prefetch(weight, unit(c) + rows.ahead);
   }
+  const auto x = [&](unsigned i, unsigned c, unsigned v) CORVANE_INLINE_LAMBDA {
+    return simd<T, 16>::load_lanes(input + i * stride + unit_elements * (u + c / Rows) + 16 * v);
+  };
+  const auto code = [&](unsigned c, unsigned v) CORVANE_INLINE_LAMBDA {
+    const typename Reader::raw codes = Reader::fetch(weight, unit(c));
+    return Reader::template decode<T>(codes, v);
+  };
   simd<T, 16> dot[Inputs * chains];
-  sycl::unroll<4>([&](auto v) CORVANE_INLINE_LAMBDA {
-    sycl::unroll<chains>([&](auto c) CORVANE_INLINE_LAMBDA {
-      const simd<T, 16> code = Reader::template decode<T>(Reader::fetch(weight, unit(c)), v);
-      sycl::unroll<Inputs>([&](auto i) CORVANE_INLINE_LAMBDA {
-        const simd<T, 16> x = input_lanes(input, i * stride + unit_elements * (u + c / Rows) + 16 * v);
-        simd<T, 16>& to = dot[i * chains + c];
-        if constexpr (v == 0) {
-          to = x * code;
-        } else {
-          to = multiply_add(x, code, to);
-        }
+  if constexpr (Pairs) {
+    simd<T, 16> product[4][Inputs * chains];
+    sycl::unroll<2>([&](auto half) CORVANE_INLINE_LAMBDA {
+      sycl::unroll<chains>([&](auto c) CORVANE_INLINE_LAMBDA {
+        constexpr unsigned v = 2 * half;
+        const simd<T, 16> first = code(c, v), second = code(c, v + 1);
+        sycl::unroll<Inputs>([&](auto i) CORVANE_INLINE_LAMBDA {
+          constexpr unsigned n = i * chains + c;
+          product[v][n].r[0] = x(i, c, v).r[0] * first.r[0];
+          product[v + 1][n].r[0] = x(i, c, v + 1).r[0] * second.r[0];
+          sycl::round_pair_to_bfloat16(product[v][n].r[0], product[v + 1][n].r[0]);
+        });
       });
     });
-  });
+    sycl::unroll<Inputs * chains>([&](auto n) CORVANE_INLINE_LAMBDA {
+      sycl::f32x16 a = product[0][n].r[0] + product[2][n].r[0], b = product[1][n].r[0] + product[3][n].r[0];
+      sycl::round_pair_to_bfloat16(a, b);
+      dot[n] = simd<T, 16>::exact(a) + simd<T, 16>::exact(b);
+    });
+  } else {
+    sycl::unroll<4>([&](auto v) CORVANE_INLINE_LAMBDA {
+      sycl::unroll<chains>([&](auto c) CORVANE_INLINE_LAMBDA {
+        const simd<T, 16> w = code(c, v);
+        sycl::unroll<Inputs>([&](auto i) CORVANE_INLINE_LAMBDA {
+          simd<T, 16>& to = dot[i * chains + c];
+          if constexpr (v == 0) {
+            to = x(i, c, v) * w;
+          } else {
+            to = multiply_add(x(i, c, v), w, to);
+          }
+        });
+      });
+    });
+  }
   sycl::unroll<chains>([&](auto c) CORVANE_INLINE_LAMBDA {
     sycl::unroll<Inputs>([&](auto i) CORVANE_INLINE_LAMBDA {
-      simd<T, 16>& to = sum[i * Rows * Sums + c % (Rows * Sums)];
+      simd<T, 16>& to = sum[c / Rows % Sums * (Inputs * Rows) + i * Rows + c % Rows];
       if constexpr (Reader::shared_scale != 0) {
-        to = multiply_add(dot[i * chains + c], simd<T, 16>::broadcast_lane(scales[c % Rows * batch_units + c / Rows]),
-                          to);
+        const auto scale = simd<T, 16>::broadcast_lane(scales[c % Rows * batch_units + c / Rows]);
+        to = multiply_add(dot[i * chains + c], scale, to);
       } else {
         to = to + dot[i * chains + c];
       }
@@ -78,30 +98,18 @@ CORVANE_INLINE void accumulate_units(const Input& input, uint64_t stride, const 
   });
 }
 
-}  // namespace detail
+template <class Reader, bool Pairs, unsigned Inputs, class T, unsigned Rows>
+CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader::planes& weight,
+                               const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs * Rows],
+                               uint64_t stride) {
+  constexpr unsigned step = std::max(staged_chains<T> / (Rows * Inputs), 1u);
+  constexpr unsigned spread = sums_of_row<T, step>;
+  constexpr unsigned results = Inputs * Rows;
 
-// Adds to sums[i * Rows + r], for each input i and row r, input . row in T: lane t takes elements t, t + 16, t + 32, t
-// + 48 of every unit. A unit is summed first and scaled once. `units` units of 64 elements make a row; an input holds
-// 64 * units, as a row_input<T> or, where the format has no offset, a plain const T*; the next input begins `stride`
-// elements on.
-template <class Reader, unsigned Inputs = 1, class T, unsigned Rows, class Input>
-CORVANE_INLINE void accumulate_rows(const Input& input, const typename Reader::planes& weight,
-                                    const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs * Rows],
-                                    uint64_t stride = 0) {
-  static_assert(Reader::shared_scale == unit_elements || Reader::shared_scale == 0, "a unit has one scale, or none");
-  static_assert(!Reader::has_offset || (std::is_same_v<Input, row_input<T>> && Inputs == 1),
-                "unit sums are made once a launch, for one input");
-  using detail::batch_units;
-  constexpr unsigned step = std::max(detail::staged_chains<T> / (Rows * Inputs), 1u);
-  constexpr unsigned spread = detail::sums_of_row<T, step>;
-
-  simd<T, 16> sum[Inputs * spread * Rows];  // of input i, sum s of row r: number (i * spread + s) * Rows + r
-  sycl::unroll<Inputs * spread * Rows>([&](auto n) CORVANE_INLINE_LAMBDA {
-    if constexpr (n / Rows % spread == 0) {
-      sum[n] = sums[n / (spread * Rows) * Rows + n % Rows];
-    } else {
-      sum[n] = simd<T, 16>::zero();
-    }
+  simd<T, 16> sum[spread * results];
+  sycl::unroll<results>([&](auto k) CORVANE_INLINE_LAMBDA {
+    sum[k] = sums[k];
+    if constexpr (spread == 2) sum[results + k] = simd<T, 16>::zero();
   });
   alignas(64) sycl::lane_of<T> scales[Rows * batch_units];
   for (uint32_t first = 0; first < units; first += batch_units) {
@@ -118,26 +126,37 @@ CORVANE_INLINE void accumulate_rows(const Input& input, const typename Reader::p
     });
     uint32_t n = 0;
     for (; n + step <= count; n += step) {
-      detail::accumulate_units<Reader, T, Inputs, Rows, step, spread>(input, stride, weight, rows, first + n,
-                                                                      scales + n, sum);
+      accumulate_units<Reader, T, Pairs, Inputs, Rows, step, spread>(input.lanes, stride, weight, rows, first + n,
+                                                                     scales + n, sum);
     }
     if constexpr (step > 1) {
       for (; n < count; ++n) {
-        simd<T, 16> rest[Inputs * Rows];
-        sycl::unroll<Inputs * Rows>([&](auto k)
-                                        CORVANE_INLINE_LAMBDA { rest[k] = sum[k / Rows * spread * Rows + k % Rows]; });
-        detail::accumulate_units<Reader, T, Inputs, Rows, 1, 1>(input, stride, weight, rows, first + n, scales + n,
-                                                                rest);
-        sycl::unroll<Inputs * Rows>([&](auto k)
-                                        CORVANE_INLINE_LAMBDA { sum[k / Rows * spread * Rows + k % Rows] = rest[k]; });
+        accumulate_units<Reader, T, Pairs, Inputs, Rows, 1, 1>(input.lanes, stride, weight, rows, first + n, scales + n,
+                                                               sum);
       }
     }
   }
-  sycl::unroll<Inputs * Rows>([&](auto k) CORVANE_INLINE_LAMBDA {
-    const simd<T, 16>* of_row = sum + k / Rows * spread * Rows + k % Rows;
-    sums[k] = *of_row;
-    if constexpr (spread == 2) sums[k] = sums[k] + of_row[Rows];
+  sycl::unroll<results>([&](auto k) CORVANE_INLINE_LAMBDA {
+    sums[k] = sum[k];
+    if constexpr (spread == 2) sums[k] = sums[k] + sum[results + k];
   });
+}
+
+}  // namespace detail
+
+// Adds to sums[i * Rows + r], for each input i and row r, input . row in T, a part of it to each lane. A lane adds up
+// four products of a unit of 64 elements and scales them once. `units` units make a row; an input holds 64 * units
+// elements, and the next one begins `stride` elements behind it.
+template <class Reader, unsigned Inputs = 1, class T, unsigned Rows>
+CORVANE_INLINE void accumulate_rows(const row_input<T>& input, const typename Reader::planes& weight,
+                                    const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs * Rows],
+                                    uint64_t stride = 0) {
+  static_assert(Reader::shared_scale == unit_elements || Reader::shared_scale == 0, "a unit has one scale, or none");
+  static_assert(!Reader::has_offset || Inputs == 1, "unit sums are those of one input");
+  if constexpr (std::is_same_v<T, BFloat16>) {
+    if (input.pairable) return detail::accumulate<Reader, true, Inputs>(input, weight, rows, units, sums, stride);
+  }
+  detail::accumulate<Reader, false, Inputs>(input, weight, rows, units, sums, stride);
 }
 
 }  // namespace corvane

@@ -4,50 +4,78 @@
 // rows to a group that is a fifth of a kernel's work. Formats with an offset need the sums of the input over each unit.
 #pragma once
 
-#include <algorithm>
 #include <memory>
 
 #include "formats/reader.hpp"
 
 namespace corvane {
 
+// BFloat16 products and sums can be rounded in pairs, at three quarters of the cost, but what is below 2^-126 may then
+// be lost. Nothing is where every input is 0 or reaches this magnitude: no weight but 0 is below 2^-24, a product keeps
+// 8 bits, and a sum is a multiple of the last of them.
+constexpr float smallest_pairable = 0x1p-90f;
+
 template <class T>
 struct row_input {
   const sycl::lane_of<T>* lanes;      // (state_size)
   const sycl::lane_of<T>* unit_sums;  // (units, rounded up to 16), zero behind the last unit; formats with an offset
+  bool pairable;                      // BFloat16: rounding in pairs loses nothing
 };
 
-// Owns what row_input points to, as far as it is not the input itself.
+// The input row of one launch, and what row_input points to beside it.
 template <class T>
 class prepared_row {
  public:
-  prepared_row(const T* input, uint32_t units, bool with_sums) {
-    using lanes = simd<T, 16>;
+  prepared_row(const T* input, uint32_t units, bool with_sums = false) : input_(input), units_(units) {
     if constexpr (sizeof(T) == 2) {
       widened_ = std::make_unique_for_overwrite<line[]>(uint64_t{4} * units);
-      for (uint64_t i = 0; i < uint64_t{4} * units; ++i) lanes::load(input + 16 * i).store_lanes(widened_[i].lane);
-      view_.lanes = widened_[0].lane;
+      view_.lanes = widened_.get()->lane;
     } else {
       view_.lanes = input;
     }
-    if (!with_sums) return;
-    const uint32_t padded = (units + 15) / 16 * 16;
-    sums_ = std::make_unique<line[]>(padded / 16);
-    for (uint32_t u = 0; u < units; ++u) {
-      const auto* x = view_.lanes + uint64_t{unit_elements} * u;
+    if (with_sums) {
+      sums_ = std::make_unique<line[]>((units + 15) / 16);
+      view_.unit_sums = sums_.get()->lane;
+    }
+  }
+
+  // To be called before the first work-group reads view().
+  void prepare() {
+    if constexpr (sizeof(T) == 2) widen();
+    if (sums_) add_up();
+  }
+
+  const row_input<T>& view() const { return view_; }
+  uint32_t units() const { return units_; }
+
+ private:
+  using lanes = simd<T, 16>;
+  struct alignas(64) line {
+    sycl::lane_of<T> lane[16];
+  };
+
+  void widen() {
+    sycl::i32x16 tiny{};
+    for (uint64_t i = 0; i < uint64_t{4} * units_; ++i) {
+      const lanes x = lanes::load(input_ + 16 * i);
+      x.store_lanes(widened_[i].lane);
+      const sycl::f32x16 v = x.r[0];
+      tiny |= (sycl::i32x16)((v < smallest_pairable) & (v > -smallest_pairable) & (v != 0.0f));
+    }
+    view_.pairable = std::is_same_v<T, BFloat16> && !sycl::any_lane(tiny);
+  }
+
+  void add_up() {
+    for (uint32_t u = 0; u < units_; ++u) {
+      const sycl::lane_of<T>* x = view_.lanes + uint64_t{unit_elements} * u;
       const lanes sum =
           (lanes::load_lanes(x) + lanes::load_lanes(x + 16)) + (lanes::load_lanes(x + 32) + lanes::load_lanes(x + 48));
       sums_[u / 16].lane[u % 16] = static_cast<sycl::lane_of<T>>(sum_tree(sum));
     }
-    view_.unit_sums = sums_[0].lane;
   }
 
-  row_input<T> view() const { return view_; }
-
- private:
-  struct alignas(64) line {
-    sycl::lane_of<T> lane[16];
-  };
+  const T* input_;
+  uint32_t units_;
   std::unique_ptr<line[]> widened_, sums_;
   row_input<T> view_{};
 };

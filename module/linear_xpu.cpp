@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "fused/projections.hpp"
 #include "linear/forward.hpp"
 #include "module/frame/check.hpp"
 #include "ops/bmm.hpp"
@@ -49,6 +50,43 @@ at::Tensor linear_forward_new(const at::Tensor& input, const at::Tensor& weight,
   check_tensors("linear_forward_new", {{input, "input"}, {weight, "weights"}});
   return recorded_call("vorel_qlinear_forward", input,
                        [&] { return linear_forward(input, weight, qtype, row_hint); });
+}
+
+std::vector<at::Tensor> linear_xpu_qkv(const at::Tensor& input, const at::Tensor& weight_q, const at::Tensor& weight_k,
+                                       const at::Tensor& weight_v, const at::Tensor& position_ids,
+                                       const at::Tensor& cache_k, const at::Tensor& cache_v, int32_t src_0_qtype,
+                                       int32_t src_0_vtype, int64_t kv_seq_len, int64_t head_size, float rope_base) {
+  check_tensors("linear_xpu_qkv",
+                {{input, "input"}, {weight_q, "weight_q"}, {weight_k, "weight_k"}, {weight_v, "weight_v"}});
+  return recorded_call("vorel_qkv_forward", input, [&] {
+    return forward_qkv_body(input, weight_q, weight_k, weight_v, {}, position_ids, cache_k, cache_v, src_0_qtype,
+                            src_0_vtype, kv_seq_len, head_size, rope_base);
+  });
+}
+
+std::vector<at::Tensor> linear_xpu_qkv_bias(const at::Tensor& input, const at::Tensor& weight_q,
+                                            const at::Tensor& weight_k, const at::Tensor& weight_v,
+                                            const at::Tensor& bias_q, const at::Tensor& bias_k,
+                                            const at::Tensor& bias_v, const at::Tensor& position_ids,
+                                            const at::Tensor& cache_k, const at::Tensor& cache_v, int32_t src_0_qtype,
+                                            int32_t src_0_vtype, int64_t kv_seq_len, int64_t head_size,
+                                            float rope_base) {
+  check_tensors("linear_xpu_qkv_bias",
+                {{input, "input"}, {weight_q, "weight_q"}, {weight_k, "weight_k"}, {weight_v, "weight_v"}});
+  return recorded_call("vorel_qkv_bias_forward", input, [&] {
+    return forward_qkv_body(input, weight_q, weight_k, weight_v, {bias_q, bias_k, bias_v}, position_ids, cache_k,
+                            cache_v, src_0_qtype, src_0_vtype, kv_seq_len, head_size, rope_base);
+  });
+}
+
+std::vector<at::Tensor> linear_xpu_qk(const at::Tensor& input, const at::Tensor& weight_q, const at::Tensor& weight_k,
+                                      const at::Tensor& position_ids, const at::Tensor& cache_k, int32_t src_0_qtype,
+                                      int64_t kv_seq_len, int64_t head_size, float rope_base) {
+  check_tensors("linear_xpu_qk", {{input, "input"}, {weight_q, "weight_q"}, {weight_k, "weight_k"}});
+  return recorded_call("vorel_qk_forward", input, [&] {
+    return forward_qk_body(input, weight_q, weight_k, position_ids, cache_k, src_0_qtype, kv_seq_len, head_size,
+                           rope_base);
+  });
 }
 
 at::Tensor dequant(const at::Tensor& input, const at::Tensor& weight, int32_t qtype) {

@@ -34,17 +34,31 @@ CORVANE_INLINE auto scaled(const simd<A, 16>& code, const simd<A, 16>& scale, co
   return last_operation<Out>([](const auto& a, const auto& b) { return a + b; }, code * scale, offset);
 }
 
+// Where a format's scales and offsets come from: asked for by unit, or the sixteen of a super-block at once.
+template <class Reader, class A>
+struct unit_scales {
+  const typename Reader::planes& weight;
+  uint32_t unit;
+  CORVANE_INLINE simd<A, 16> scale(unsigned v) const { return Reader::template scale<A>(weight, unit, v); }
+  CORVANE_INLINE simd<A, 16> offset(unsigned v) const { return Reader::template offset<A>(weight, unit, v); }
+};
+template <class A>
+struct run_scales {
+  const float *scales, *offsets;  // of the unit's runs of 16 elements, as values of A
+  CORVANE_INLINE simd<A, 16> scale(unsigned v) const { return simd<A, 16>::exact(sycl::splat(scales[v])); }
+  CORVANE_INLINE simd<A, 16> offset(unsigned v) const { return simd<A, 16>::exact(sycl::splat(offsets[v])); }
+};
+
 // Elements 16 v to 16 v + 15 of a unit.
-template <class Reader, class A, class Out>
-CORVANE_INLINE auto expanded(const typename Reader::planes& weight, uint32_t unit, typename Reader::raw codes,
-                             unsigned v) {
+template <class Reader, class A, class Out, class Scales>
+CORVANE_INLINE auto expanded(const Scales& scales, typename Reader::raw codes, unsigned v) {
   const simd<A, 16> code = Reader::template decode<A>(codes, v);
   if constexpr (Reader::shared_scale == 0) {
     return code;
   } else if constexpr (Reader::has_offset) {
-    return scaled<Out>(code, Reader::template scale<A>(weight, unit, v), Reader::template offset<A>(weight, unit, v));
+    return scaled<Out>(code, scales.scale(v), scales.offset(v));
   } else {
-    return scaled<Out>(code, Reader::template scale<A>(weight, unit, v));
+    return scaled<Out>(code, scales.scale(v));
   }
 }
 
@@ -64,63 +78,92 @@ CORVANE_INLINE void store_pair(const simd<A, 16>& first, const simd<A, 16>& seco
   }
 }
 
-// A format of Halfs as they are, to Half.
+CORVANE_INLINE void store_words(const sycl::u16x32& first, const sycl::u16x32& second, void* to) {
+  std::memcpy(to, &first, sizeof(first));
+  std::memcpy(static_cast<char*>(to) + sizeof(first), &second, sizeof(second));
+}
+
+// A format of Halfs as they are.
 template <class Reader>
 concept plain_halves = requires(typename Reader::raw codes) {
   Reader::halves(codes, 0U);
 };
 
-template <class Reader>
-CORVANE_INLINE void expand_unit_of_halves(const typename Reader::planes& weight, uint32_t unit, Half* out) {
-  const typename Reader::raw codes = Reader::fetch(weight, unit);
-  const sycl::u16x32 first = Reader::halves(codes, 0), second = Reader::halves(codes, 1);
-  std::memcpy(static_cast<void*>(out), &first, sizeof(first));
-  std::memcpy(static_cast<void*>(out + 32), &second, sizeof(second));
-}
-
-template <class Reader, class A, class Out>
-CORVANE_INLINE void expand_unit(const typename Reader::planes& weight, uint32_t unit, Out* out) {
-  const typename Reader::raw codes = Reader::fetch(weight, unit);
-  const auto value = [&](unsigned v) { return expanded<Reader, A, Out>(weight, unit, codes, v); };
-  // All values before the first store, which might, for all the compiler knows, change the codes.
-  const auto a = value(0), b = value(1), c = value(2), d = value(3);
-  store_pair(a, b, out);
-  store_pair(c, d, out + 32);
-}
-
+// A format with at most sixteen values under a scale; with scales of their own for the values.
 template <class Reader>
 concept few_values = requires(typename Reader::raw codes) {
   Reader::value_index(codes, 0U);
 };
+template <class Reader>
+concept scales_by_value = requires(typename Reader::planes p) {
+  Reader::template value_scales<float>(p, 0U);
+};
 
-// The unit's sixteen values, value n in lane n.
-template <class Reader, class A, class Out>
-CORVANE_INLINE auto unit_values(const typename Reader::planes& weight, uint32_t unit) {
-  const simd<A, 16> codes = Reader::template value_codes<A>(), scales = Reader::template value_scales<A>(weight, unit);
-  if constexpr (Reader::has_offset) {
-    return scaled<Out>(codes, scales, Reader::template value_offsets<A>(weight, unit));
+// The values of elements 32 h to 32 h + 31 as bits of Out, value n in word n.
+template <class Reader, class A, class Out, class Scales>
+CORVANE_INLINE sycl::u16x16 value_bits(const typename Reader::planes& weight, uint32_t unit, const Scales& scales,
+                                       unsigned h) {
+  const simd<A, 16> codes = Reader::template value_codes<A>();
+  const auto values = [&] {
+    if constexpr (scales_by_value<Reader>) {
+      return scaled<Out>(codes, Reader::template value_scales<A>(weight, unit),
+                         Reader::template value_offsets<A>(weight, unit));
+    } else if constexpr (Reader::has_offset) {
+      return scaled<Out>(codes, scales.scale(2 * h), scales.offset(2 * h));
+    } else {
+      return scaled<Out>(codes, scales.scale(2 * h));
+    }
+  }();
+  return std::is_same_v<Out, Half> ? sycl::float_to_half_bits(values.r[0]) : sycl::float_to_bfloat16_bits(values.r[0]);
+}
+
+template <class Reader, class A, class Out, class Scales>
+CORVANE_INLINE void expand_unit(const typename Reader::planes& weight, uint32_t unit, const Scales& scales, Out* out) {
+  const typename Reader::raw codes = Reader::fetch(weight, unit);
+  // All values before the first store, which might, for all the compiler knows, change the codes.
+  if constexpr (few_values<Reader> && sizeof(Out) == 2 && sycl::looks_up_words) {
+    // To 16 bits: the values are worked out once and looked up, 32 elements at a time.
+    constexpr bool own_values = Reader::shared_scale == 32;  // of each half
+    const sycl::u16x16 first = value_bits<Reader, A, Out>(weight, unit, scales, 0);
+    const sycl::u16x16 second = own_values ? value_bits<Reader, A, Out>(weight, unit, scales, 1) : first;
+    store_words(sycl::lookup16(first, Reader::value_index(codes, 0)),
+                sycl::lookup16(second, Reader::value_index(codes, 1)), out);
+  } else if constexpr (plain_halves<Reader> && std::is_same_v<Out, Half> && sycl::looks_up_words) {
+    store_words(Reader::halves(codes, 0), Reader::halves(codes, 1), out);
   } else {
-    return scaled<Out>(codes, scales);
+    const auto value = [&](unsigned v) { return expanded<Reader, A, Out>(scales, codes, v); };
+    const auto a = value(0), b = value(1), c = value(2), d = value(3);
+    store_pair(a, b, out);
+    store_pair(c, d, out + 32);
   }
 }
 
-// To 16 bits: the values are worked out once and looked up, 32 elements at a time.
+// A super-block: its scales as one register, from where they are picked up one by one.
+template <class Reader>
+concept scales_by_block = requires(typename Reader::planes p) {
+  Reader::template chunk_scale<float>(p, 0U);
+};
+
 template <class Reader, class A, class Out>
-CORVANE_INLINE void expand_unit_by_values(const typename Reader::planes& weight, uint32_t unit, Out* out) {
-  const typename Reader::raw codes = Reader::fetch(weight, unit);
-  const auto values = unit_values<Reader, A, Out>(weight, unit);
-  const sycl::u16x16 bits =
-      std::is_same_v<Out, Half> ? sycl::float_to_half_bits(values.r[0]) : sycl::float_to_bfloat16_bits(values.r[0]);
-  const sycl::u16x32 first = sycl::lookup16(bits, Reader::value_index(codes, 0));
-  const sycl::u16x32 second = sycl::lookup16(bits, Reader::value_index(codes, 1));
-  std::memcpy(static_cast<void*>(out), &first, sizeof(first));
-  std::memcpy(static_cast<void*>(out + 32), &second, sizeof(second));
+CORVANE_INLINE void expand_block(const typename Reader::planes& weight, uint32_t block, Out* out) {
+  constexpr uint32_t block_units = 4, unit_runs = 4;
+  const sycl::f32x16 scale = Reader::template chunk_scale<A>(weight, block).r[0];
+  alignas(64) float scales[16], offsets[16];
+  std::memcpy(scales, &scale, sizeof(scales));
+  if constexpr (Reader::has_offset) {
+    const sycl::f32x16 offset = Reader::template chunk_offset<A>(weight, block).r[0];
+    std::memcpy(offsets, &offset, sizeof(offsets));
+  }
+  sycl::unroll<block_units>([&](auto u) {
+    const run_scales<A> of_unit{scales + unit_runs * u, offsets + unit_runs * u};
+    expand_unit<Reader, A>(weight, block_units * block + u, of_unit, out + unit_elements * u);
+  });
 }
 
 }  // namespace detail
 
 // Units `unit` to `unit` + `units` - 1 of a weight, into 64 * units values at `out`: codes and scales are converted to
-// A, each operation is one of A, the result is converted to Out.
+// A, each operation is one of A, the result is converted to Out. Of super-block formats only whole blocks.
 //
 // Measured and dropped: stores past the caches (the same time, and what follows finds nothing in a cache), prefetching
 // codes or output (slower by a tenth), expanding into the first-level cache and copying (slower by half).
@@ -128,13 +171,12 @@ template <class Reader,
           class A,    // the arithmetic: Half, float, double, BFloat16
           class Out>  // the output: A itself; any type where A is float; float where A is Half
 CORVANE_INLINE void expand_units(const typename Reader::planes& weight, uint32_t unit, uint32_t units, Out* out) {
-  for (const uint32_t end = unit + units; unit < end; ++unit, out += unit_elements) {
-    if constexpr (detail::few_values<Reader> && sizeof(Out) == 2 && sycl::looks_up_words) {
-      detail::expand_unit_by_values<Reader, A>(weight, unit, out);
-    } else if constexpr (detail::plain_halves<Reader> && std::is_same_v<Out, Half> && sycl::looks_up_words) {
-      detail::expand_unit_of_halves<Reader>(weight, unit, out);
-    } else {
-      detail::expand_unit<Reader, A>(weight, unit, out);
+  const uint32_t end = unit + units;
+  if constexpr (detail::scales_by_block<Reader>) {
+    for (; unit < end; unit += 4, out += 4 * unit_elements) detail::expand_block<Reader, A>(weight, unit / 4, out);
+  } else {
+    for (; unit < end; ++unit, out += unit_elements) {
+      detail::expand_unit<Reader, A>(weight, unit, detail::unit_scales<Reader, A>{weight, unit}, out);
     }
   }
 }

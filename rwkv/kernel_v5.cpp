@@ -10,7 +10,6 @@
 namespace corvane {
 
 using sycl::f32x16;
-using sycl::load_bytes;
 
 template <unsigned HEAD, unsigned GS, unsigned SG_SIZE>
 void rwkv_linear_attention_kernel_v5(const float* time_decay, const float* time_first, const float* receptance,
@@ -25,31 +24,25 @@ void rwkv_linear_attention_kernel_v5(const float* time_decay, const float* time_
               const uint64_t b = group.id(0), n = group.id(1), column = group.id(2) * GS;
               const float* decay = time_decay + n * HEAD;
               const float* first = time_first + n * HEAD;
-              const uint64_t of_head = b * strides.batch + n * strides.head;
-              const float* r = receptance + of_head;
-              const float* k = key + of_head;
-              const float* v = value + of_head + column;
-              float* out = result + (b * tokens * heads + n) * HEAD + column;
               float* matrix = state + (b * heads + n) * HEAD * HEAD + column;
 
               f32x16 c[HEAD][parts];
               for (unsigned j = 0; j < HEAD; ++j) std::memcpy(c[j], matrix + j * HEAD, sizeof(c[j]));
 
-              for (uint64_t s = 0; s < tokens; ++s) {
-                f32x16 v_s[parts], sum[parts] = {};
-                std::memcpy(v_s, v, sizeof(v_s));
+              uint64_t at = b * strides.batch + n * strides.head;
+              uint64_t to = (b * tokens * heads + n) * HEAD + column;
+              for (uint64_t s = 0; s < tokens; ++s, at += strides.token, to += heads * HEAD) {
+                const float *r = receptance + at, *k = key + at;
+                f32x16 v[parts], sum[parts] = {};
+                std::memcpy(v, value + at + column, sizeof(v));
                 for (unsigned j = 0; j < HEAD; ++j) {
                   for (unsigned i = 0; i < parts; ++i) {
-                    const f32x16 x = k[j] * v_s[i];
+                    const f32x16 x = k[j] * v[i];
                     sum[i] += r[j] * (first[j] * x + c[j][i]);
                     c[j][i] = decay[j] * c[j][i] + x;
                   }
                 }
-                std::memcpy(out, sum, sizeof(sum));
-                r += strides.token;
-                k += strides.token;
-                v += strides.token;
-                out += heads * HEAD;
+                std::memcpy(result + to, sum, sizeof(sum));
               }
 
               for (unsigned j = 0; j < HEAD; ++j) std::memcpy(matrix + j * HEAD, c[j], sizeof(c[j]));

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "platform/sycl/check_order.hpp"
 #include "platform/sycl/parallel.hpp"
 
 namespace sycl {
@@ -36,12 +37,13 @@ class group {
   std::size_t count(int dimension = 0) const { return count_[dimension]; }  // groups of the launch
   std::size_t local(int dimension = 0) const { return local_[dimension]; }  // items of a group
 
-  // One phase: phase(t) for every work-item, t its linear local id.
+  // One phase: phase(t) for every work-item, t its linear local id. In no order that a kernel may rely on.
   template <class Phase>
   void for_each_item(const Phase& phase) const {
     std::size_t items = 1;
     for (const std::size_t n : local_) items *= n;
-    for (std::uint32_t t = 0; t < items; ++t) phase(t);
+    const std::uint32_t* order = host::order_check() ? host::item_order(items) : nullptr;
+    for (std::uint32_t t = 0; t < items; ++t) phase(order == nullptr ? t : order[t]);
   }
 
   // A phase of work-item 0 alone.
@@ -62,14 +64,18 @@ template <class T, std::size_t Size>
 class local_array {
  public:
   template <int D>
-  explicit local_array(const group<D>&) {}
+  explicit local_array(const group<D>&) : local_array() {}
   template <int D>
-  explicit local_array(const group_block<D>&) {}
+  explicit local_array(const group_block<D>&) : local_array() {}
   T& operator[](std::size_t i) { return data_[i]; }
   const T& operator[](std::size_t i) const { return data_[i]; }
   T* data() { return data_; }
 
  private:
+  static_assert(std::is_trivially_copyable_v<T>, "local memory is bytes");
+  local_array() {
+    if (host::order_check()) std::memset(static_cast<void*>(data_), 0xFF, sizeof(data_));
+  }
   alignas(64) std::remove_const_t<T> data_[Size];
 };
 
@@ -87,7 +93,8 @@ void xor_exchange(per_item<T, Items>& value, unsigned width, const Combine& comb
   }
 }
 
-// The work-groups of a launch, in pieces over all cores. The last dimension runs fastest.
+// The work-groups of a launch, in pieces over all cores. The last dimension runs fastest, which is good for the caches
+// and nothing that a kernel may rely on.
 template <int D, class Kernel>
 void run_groups(const nd_range<D>& range, const Kernel& kernel) {
   std::array<std::size_t, D> count;
@@ -96,10 +103,11 @@ void run_groups(const nd_range<D>& range, const Kernel& kernel) {
     count[d] = range.local[d] == 0 ? 0 : range.global[d] / range.local[d];
     total *= count[d];
   }
+  const host::launch_order order(total);
   host::run_adaptively(total, [&](std::size_t begin, std::size_t end) {
-    for (std::size_t linear = begin; linear < end; ++linear) {
+    for (std::size_t i = begin; i < end; ++i) {
       std::array<std::size_t, D> id;
-      std::size_t rest = linear;
+      std::size_t rest = order.start_group(i);
       for (int d = D - 1; d > 0; --d) {
         id[d] = rest % count[d];
         rest /= count[d];
@@ -121,6 +129,7 @@ struct prepared_kernel {
 template <int D, class Prepare, class Kernel>
 void run_groups(const nd_range<D>& range, const prepared_kernel<Prepare, Kernel>& prepared) {
   prepared.prepare();
+  if (host::order_check()) prepared.prepare();  // as each group would: again has to change nothing
   run_groups(range, prepared.kernel);
 }
 

@@ -117,9 +117,12 @@ class handler {
     record_.global_size.assign(range.begin(), range.end());
     range3 boxes;
     for (int d = 0; d < 3; ++d) boxes[d] = (range[d] + piece[d] - 1) / piece[d];
-    host::run_adaptively(boxes[0] * boxes[1] * boxes[2], [&](std::size_t begin, std::size_t end) {
+    const std::size_t total = boxes[0] * boxes[1] * boxes[2];
+    const host::launch_order order(total);
+    host::run_adaptively(total, [&](std::size_t begin, std::size_t end) {
       for (std::size_t i = begin; i < end; ++i) {
-        const range3 id{i / boxes[2] / boxes[1], i / boxes[2] % boxes[1], i % boxes[2]};
+        const std::size_t number = order.start_group(i);
+        const range3 id{number / boxes[2] / boxes[1], number / boxes[2] % boxes[1], number % boxes[2]};
         item_box box;
         for (int d = 0; d < 3; ++d) {
           box.begin[d] = id[d] * piece[d];

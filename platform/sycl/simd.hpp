@@ -119,6 +119,10 @@ CORVANE_INLINE u16x32 lookup16(u16x16 table, u16x32 index) {
 CORVANE_INLINE u16x32 widen_32_u8_to_u16(const void* from) {
   return (u16x32)_mm512_cvtepu8_epi16(_mm256_loadu_si256(static_cast<const __m256i*>(from)));
 }
+// `bits` in the words whose bit in the mask is set, 0 in the others.
+CORVANE_INLINE u16x32 splat_where(std::uint32_t mask, std::int16_t bits) {
+  return (u16x32)_mm512_maskz_set1_epi16(mask, bits);
+}
 CORVANE_INLINE f64x8 low_to_double(f32x16 x) { return (f64x8)_mm512_cvtps_pd(_mm512_castps512_ps256((__m512)x)); }
 CORVANE_INLINE f64x8 high_to_double(f32x16 x) {
   return (f64x8)_mm512_cvtps_pd((__m256)_mm512_extractf64x4_pd((__m512d)x, 1));
@@ -227,6 +231,11 @@ CORVANE_INLINE u16x32 widen_32_u8_to_u16(const void* from) {
   for (int t = 0; t < 32; ++t) words[t] = static_cast<const std::uint8_t*>(from)[t];
   return words;
 }
+CORVANE_INLINE u16x32 splat_where(std::uint32_t mask, std::int16_t bits) {
+  u16x32 words;
+  for (int t = 0; t < 32; ++t) words[t] = (mask >> t & 1) != 0 ? static_cast<std::uint16_t>(bits) : 0;
+  return words;
+}
 CORVANE_INLINE f64x8 low_to_double(f32x16 x) {
   f64x8 y;
   for (int i = 0; i < 8; ++i) y[i] = x[i];
@@ -298,6 +307,14 @@ CORVANE_INLINE i32x16 odd_lanes(i32x16 a, i32x16 b) {
   return __builtin_shuffle(a, b, (i32x16){1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31});
 }
 
+// The lowest bits of the number, in order, where the mask has its bits set.
+CORVANE_INLINE std::uint64_t deposit_bits(std::uint64_t bits, std::uint64_t mask) { return _pdep_u64(bits, mask); }
+
+CORVANE_INLINE u16x32 join(u16x16 low, u16x16 high) {
+  return __builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20,
+                                 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31);
+}
+
 // Two neighbouring Halfs in memory, in the even and the odd lanes.
 CORVANE_INLINE f32x16 splat_two_halfs(const void* from) {
   using u32x8 = std::uint32_t __attribute__((vector_size(32)));
@@ -317,6 +334,12 @@ CORVANE_INLINE i32x16 multishift(std::uint64_t word, u8x64 from) {
 #endif
 }
 
+CORVANE_INLINE bool any_lane(i32x16 mask) {
+  std::int32_t any = 0;
+  for (int t = 0; t < 16; ++t) any |= mask[t];
+  return any != 0;
+}
+
 // --- rounding to the 16-bit types, and their bits -----------------------------------------------------------------
 
 CORVANE_INLINE f32x16 round_to_half(f32x16 x) { return half_bits_to_float(float_to_half_bits(x)); }
@@ -326,7 +349,8 @@ CORVANE_INLINE f32x16 round_to_half(f32x16 x) { return half_bits_to_float(float_
 CORVANE_INLINE f32x16 round_to_bfloat16(f32x16 x) {
   const i32x16 bits = as_int(x);
 #ifdef CORVANE_AVX512_VNNI
-  // bits + 0x7FFF + bit 16, in one dot product of bytes: 255 * 127 + 191 * 2 = 0x7FFF, and bit 16 is byte 2 once masked.
+  // bits + 0x7FFF + bit 16, in one dot product of bytes: 255 * 127 + 191 * 2 = 0x7FFF, and bit 16 is byte 2 once
+  // masked.
   const i32x16 bytes = (bits & 0x00010000) | 0x0000BFFF;
   const i32x16 sum = (i32x16)_mm512_dpbusd_epi32((__m512i)bits, (__m512i)bytes, _mm512_set1_epi32(0x0001027F));
 #else
@@ -344,6 +368,19 @@ CORVANE_INLINE f32x16 with_plain_nan(f32x16 x) {
 // Any float, also a not-a-number with low bits set.
 CORVANE_INLINE f32x16 round_any_to_bfloat16(f32x16 x) { return round_to_bfloat16(with_plain_nan(x)); }
 
+// Two results of arithmetic at once, for sums over all lanes: the lanes of a and b change places among the two, the
+// first half of each then coming from a. A result below 2^-126 in magnitude may become 0.
+CORVANE_INLINE void round_pair_to_bfloat16(f32x16& a, f32x16& b) {
+#ifdef __AVX512BF16__
+  const i32x16 both = (i32x16)_mm512_cvtne2ps_pbh((__m512)b, (__m512)a);
+  a = as_float(both << 16);
+  b = as_float(both & static_cast<std::int32_t>(0xFFFF0000));
+#else
+  a = round_to_bfloat16(a);
+  b = round_to_bfloat16(b);
+#endif
+}
+
 CORVANE_INLINE u16x16 bfloat16_bits(f32x16 x) {  // x holds BFloat16 values
   const i32x16 is_nan = (i32x16)(x != x);
   const i32x16 bits = (as_int(x) & ~is_nan) | (is_nan & 0x7FC00000);
@@ -351,10 +388,12 @@ CORVANE_INLINE u16x16 bfloat16_bits(f32x16 x) {  // x holds BFloat16 values
 }
 
 // The bits of any float lanes, each rounded to BFloat16.
-CORVANE_INLINE u16x16 float_to_bfloat16_bits(f32x16 x) { return bfloat16_bits(round_to_bfloat16(x)); }
+CORVANE_INLINE u16x16 float_to_bfloat16_bits(f32x16 x) {
+  return narrow_u16((i32x16)((u32x16)as_int(round_any_to_bfloat16(x)) >> 16));
+}
 
-// 32 float lanes to consecutive memory in one store, rounded to Half or BFloat16. (The conversion to Half that writes to
-// memory itself takes twice the cycles, 2.0 for 16 lanes against 1.0.)
+// 32 float lanes to consecutive memory in one store, rounded to Half or BFloat16. (The conversion to Half that writes
+// to memory itself takes twice the cycles, 2.0 for 16 lanes against 1.0.)
 CORVANE_INLINE void store_as_half(f32x16 low, f32x16 high, void* to) {
 #ifdef CORVANE_AVX512
   const __m512i joined = _mm512_inserti64x4(_mm512_castsi256_si512((__m256i)float_to_half_bits(low)),
@@ -371,10 +410,11 @@ CORVANE_INLINE void store_as_bfloat16(f32x16 low, f32x16 high, void* to) {
     return (as_int(round_to_bfloat16(x)) & ~is_nan) | (is_nan & 0x7FC00000);
   };
 #ifdef CORVANE_AVX512
-  const __m512i odd_words = (__m512i)(i32x16{0x00030001, 0x00070005, 0x000B0009, 0x000F000D, 0x00130011, 0x00170015,
-                                             0x001B0019, 0x001F001D, 0x00230021, 0x00270025, 0x002B0029, 0x002F002D,
-                                             0x00330031, 0x00370035, 0x003B0039, 0x003F003D});
-  _mm512_storeu_si512(to, _mm512_permutex2var_epi16((__m512i)upper_halves(low), odd_words, (__m512i)upper_halves(high)));
+  const __m512i odd_words =
+      (__m512i)(i32x16{0x00030001, 0x00070005, 0x000B0009, 0x000F000D, 0x00130011, 0x00170015, 0x001B0019, 0x001F001D,
+                       0x00230021, 0x00270025, 0x002B0029, 0x002F002D, 0x00330031, 0x00370035, 0x003B0039, 0x003F003D});
+  _mm512_storeu_si512(to,
+                      _mm512_permutex2var_epi16((__m512i)upper_halves(low), odd_words, (__m512i)upper_halves(high)));
 #else
   const u16x16 bits[2] = {float_to_bfloat16_bits(low), float_to_bfloat16_bits(high)};
   std::memcpy(to, bits, sizeof(bits));
@@ -466,8 +506,7 @@ struct simd {
     if constexpr (std::is_same_v<T, Half>) {
       for (unsigned i = 0; i < regs; ++i) v.r[i] = half_bits_to_float(load_bytes<u16x16>(from + 16 * i));
     } else if constexpr (std::is_same_v<T, BFloat16>) {
-      for (unsigned i = 0; i < regs; ++i)
-        v.r[i] = as_float(widen_u16(load_bytes<u16x16>(from + 16 * i)) << 16);
+      for (unsigned i = 0; i < regs; ++i) v.r[i] = as_float(widen_u16(load_bytes<u16x16>(from + 16 * i)) << 16);
     } else {
       for (unsigned i = 0; i < regs; ++i) v.r[i] = load_bytes<reg>(from + reg_lanes * i);
     }
@@ -594,6 +633,48 @@ CORVANE_INLINE T sum_tree(const simd<T, 16>& v) {
     x = detail::tree_step<T, 1>(x);
     return static_cast<T>(x[0]);
   }
+}
+
+namespace detail {
+
+// Two registers of runs of 2 * Stride lanes, each run a tree after some steps, become one of runs of Stride lanes: the
+// runs of a, then those of b, all one step further.
+template <class T, unsigned Stride, class Reg>
+CORVANE_INLINE Reg tree_step(Reg a, Reg b) {
+  using index = std::conditional_t<std::is_same_v<Reg, f64x8>, i64x8, i32x16>;
+  constexpr int lanes = lane_type<T>::lanes, stride = Stride;
+  index low;
+  for (int t = 0; t < lanes; ++t) low[t] = t / stride * 2 * stride + t % stride;
+  return rounded<T>(__builtin_shuffle(a, b, low) + __builtin_shuffle(a, b, low + stride));
+}
+
+}  // namespace detail
+
+// Lane r: the scratch tree of rows[r]. Sixteen trees together take a step of one tree for each, not four, and none
+// waits for another.
+template <class T>
+CORVANE_INLINE simd<T, 16> sum_trees(const simd<T, 16> (&rows)[16]) {
+  using reg = typename simd<T, 16>::reg;
+  reg r[16];
+  const auto halve = [&](auto stride, unsigned count) {
+    for (unsigned i = 0; i < count / 2; ++i) r[i] = detail::tree_step<T, stride>(r[2 * i], r[2 * i + 1]);
+  };
+  simd<T, 16> sums;
+  if constexpr (std::is_same_v<T, double>) {
+    for (unsigned i = 0; i < 16; ++i) r[i] = rows[i].r[0] + rows[i].r[1];
+    halve(std::integral_constant<unsigned, 4>{}, 16);
+    halve(std::integral_constant<unsigned, 2>{}, 8);
+    halve(std::integral_constant<unsigned, 1>{}, 4);
+    sums.r[1] = r[1];
+  } else {
+    for (unsigned i = 0; i < 16; ++i) r[i] = rows[i].r[0];
+    halve(std::integral_constant<unsigned, 8>{}, 16);
+    halve(std::integral_constant<unsigned, 4>{}, 8);
+    halve(std::integral_constant<unsigned, 2>{}, 4);
+    halve(std::integral_constant<unsigned, 1>{}, 2);
+  }
+  sums.r[0] = r[0];
+  return sums;
 }
 
 }  // namespace sycl

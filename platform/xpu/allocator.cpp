@@ -7,10 +7,12 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
 
+#include "platform/sycl/check_order.hpp"
 #include "platform/xpu/stream.hpp"
 
 namespace xpu {
@@ -160,6 +162,7 @@ class allocator final : public c10::Allocator {
   c10::DataPtr allocate(std::size_t bytes) const override {
     if (bytes == 0) return {nullptr, label_};
     void* block = acquire(bytes);
+    if (host::order_check()) std::memset(block, 0xFF, bytes);
     return {block, block, &release, label_};
   }
   c10::DeleterFnPtr raw_deleter() const override { return &release; }

@@ -34,7 +34,9 @@ TYPED_TEST(simd_16_bit, load_and_store_keep_every_pattern) {
     simd<T, 16>::load(in).store(out);
     for (unsigned i = 0; i < 16; ++i) {
       ASSERT_TRUE(same(in[i], out[i])) << std::hex << first + i;
-      if (std::is_same_v<T, c10::BFloat16> && std::isnan(static_cast<float>(in[i]))) ASSERT_EQ(out[i].x, 0x7FC0);
+      if (std::is_same_v<T, c10::BFloat16> && std::isnan(static_cast<float>(in[i]))) {
+        ASSERT_EQ(out[i].x, 0x7FC0);
+      }
     }
   }
 }

@@ -44,7 +44,9 @@ TEST(pool, adaptive_run_calls_in_other_cores_for_long_work_and_not_for_short) {
     return threads;
   };
   EXPECT_EQ(threads_of(16, 1), std::set<std::thread::id>{std::this_thread::get_id()});
-  if (host::concurrency() > 1) EXPECT_GT(threads_of(2000, 100000).size(), 1u);
+  if (host::concurrency() > 1) {
+    EXPECT_GT(threads_of(2000, 100000).size(), 1u);
+  }
 }
 
 TEST(pool, exceptions_reach_the_caller) {

@@ -1,0 +1,230 @@
+// Dot products of whole weight blocks with 8-bit activations, 16 lanes at a time. For the one-row kernels, the fused
+// projections and the gated MLP.
+//
+// The activations are laid out anew for the format, once a launch, so that the bytes that meet in an instruction lie
+// together. A format's struct has:
+//
+//   step                        weight blocks that one call of dots() takes
+//   staged, stage(y, n, staged) activations of `step` blocks, of which n exist
+//   dots(weight, staged)        16 floats whose sum is the product of `step` blocks with their activations. For iq2_xxs
+//                               and iq1_s lane g is what the vec_dot function gives for group g % 8 of block g / 8.
+//   tail(weight, staged)        for a step of two: the same when only the first is left; the other eight lanes are 0
+#pragma once
+
+#include <memory>
+
+#include "linear/q8_1.hpp"
+#include "platform/sycl/bytes.hpp"
+
+namespace corvane {
+
+namespace detail {
+
+// Value `first` in lanes 0 to 7, `second` in lanes 8 to 15, each a Half in memory.
+CORVANE_INLINE sycl::f32x16 two_halfs(const uint8_t* first, const uint8_t* second) {
+  return sycl::select(0xFF00, sycl::splat_half(second), sycl::splat_half(first));
+}
+
+// Activations of two weight blocks, as scalars in lanes: lane g belongs to group g.
+template <class Get>
+sycl::f32x16 of_groups(const block_q8_1* y, unsigned blocks, const Get& get) {
+  sycl::f32x16 lanes{};
+  for (unsigned g = 0; g < 8 * blocks; ++g) lanes[g] = static_cast<float>(get(y[g]));
+  return lanes;
+}
+
+struct alignas(64) byte_table {
+  uint8_t byte[64];
+  CORVANE_INLINE sycl::u8x64 value() const { return sycl::load_bytes<sycl::u8x64>(byte); }
+};
+template <class Entry>
+constexpr byte_table table_of_bytes(const Entry& entry) {
+  byte_table b{};
+  for (unsigned t = 0; t < 64; ++t) b.byte[t] = static_cast<uint8_t>(entry(t));
+  return b;
+}
+
+}  // namespace detail
+
+// A lane is a group of 32 elements, its four bytes the four runs. The runs' magnitudes of one position are looked up in
+// registers: 256 grid rows of two bits are 64 bytes. (Rows fetched from the grid in memory, eight bytes a run, and put
+// together to a register: 2.2 times slower.)
+struct iq2_xxs_dots {
+  static constexpr unsigned step = 2;
+  static constexpr unsigned block_bytes = sizeof(block_iq2_xxs);
+
+  struct staged {
+    sycl::u8x64 codes[8];    // [j]: byte 4 g + il is element 8 il + j of group g
+    sycl::f32x16 quarter_d;  // of each group
+  };
+
+  static void stage(const block_q8_1* y, unsigned blocks, staged& s) {
+    alignas(64) int8_t bytes[8][64] = {};
+    for (unsigned g = 0; g < 8 * blocks; ++g) {
+      for (unsigned e = 0; e < 32; ++e) bytes[e % 8][4 * g + e / 8] = y[g].qs[e];
+    }
+    for (unsigned j = 0; j < 8; ++j) s.codes[j] = sycl::load_bytes<sycl::u8x64>(bytes[j]);
+    s.quarter_d = detail::of_groups(y, blocks, [](const block_q8_1& b) { return static_cast<float>(b.d) * 0.25f; });
+  }
+
+  static CORVANE_INLINE sycl::f32x16 dots(const uint8_t* weight, const staged& s) {
+    return dots(weight, weight + block_bytes, s);
+  }
+  static CORVANE_INLINE sycl::f32x16 tail(const uint8_t* weight, const staged& s) {
+    return sycl::select(0x00FF, dots(weight, weight, s), sycl::f32x16{});
+  }
+
+ private:
+  static CORVANE_INLINE sycl::f32x16 dots(const uint8_t* first, const uint8_t* second, const staged& s) {
+    // Seven bits a run, four runs in either half of a 64-bit word.
+    static constexpr auto sign_index_from =
+        detail::table_of_bytes([](unsigned t) { return 32 * (t / 4 % 2) + 7 * (t % 4); });
+    static constexpr auto byte_place = detail::table_of_bytes([](unsigned t) { return 8 * (t % 8); });
+    // By the low two bits of a number alone.
+    static constexpr auto magnitude = detail::table_of_bytes([](unsigned t) { return iq2xxs_magnitudes[t % 4]; });
+    constexpr unsigned at = offsetof(block_iq2_xxs, qs);
+    const auto a = sycl::load_bytes<sycl::i32x16>(first + at), b = sycl::load_bytes<sycl::i32x16>(second + at);
+    const auto row = (sycl::u8x64)sycl::even_lanes(a, b);
+    const sycl::i32x16 w = sycl::odd_lanes(a, b);
+
+    const sycl::u8x64 sign_index = sycl::multishift_words((sycl::u8x64)w, sign_index_from.value());
+    const sycl::u8x64 signs = sycl::lookup128(sycl::load_bytes<sycl::u8x64>(ksigns_iq2xs.data()),
+                                              sycl::load_bytes<sycl::u8x64>(ksigns_iq2xs.data() + 64), sign_index);
+    // The low six bits of a row's number find a byte with the codes of four rows; the other two say which.
+    const sycl::u8x64 code_from = (sycl::u8x64)(((sycl::u16x32)row >> 5) & 0x0606) + byte_place.value();
+    sycl::i32x16 sumi{};
+    sycl::unroll<8>([&](auto j) {
+      const sycl::u8x64 four = sycl::lookup64(sycl::load_bytes<sycl::u8x64>(iq2xxs_codes[j].data()), row);
+      const sycl::u8x64 code = sycl::multishift_words(four, code_from);
+      const sycl::u8x64 g = sycl::lookup64(magnitude.value(), code);
+      sumi = sycl::add_products(sumi, g, sycl::negate_where(signs, kmask_iq2xs[j], s.codes[j]));
+    });
+    const sycl::f32x16 scale = sycl::to_float((sycl::i32x16)((sycl::u32x16)w >> 28)) + 0.5f;
+    return scale * detail::two_halfs(first, second) * s.quarter_d * sycl::to_float(sumi);
+  }
+};
+
+// A lane is a group of 32 elements. The grid, 8 kB, is read one run at a time; the words of a run of all groups then go
+// through the integer products together.
+struct iq1_s_dots {
+  static constexpr unsigned step = 2;
+  static constexpr unsigned block_bytes = sizeof(block_iq1_s);
+
+  struct staged {
+    sycl::u8x64 codes[4][2];  // [il][h]: byte 4 g + j is element 8 il + 4 h + j of group g
+    sycl::f32x16 d, s;        // of each group
+  };
+
+  static void stage(const block_q8_1* y, unsigned blocks, staged& s) {
+    alignas(64) int8_t bytes[8][64] = {};
+    for (unsigned g = 0; g < 8 * blocks; ++g) {
+      for (unsigned e = 0; e < 32; ++e) bytes[e / 4][4 * g + e % 4] = y[g].qs[e];
+    }
+    for (unsigned i = 0; i < 8; ++i) s.codes[i / 2][i % 2] = sycl::load_bytes<sycl::u8x64>(bytes[i]);
+    s.d = detail::of_groups(y, blocks, [](const block_q8_1& b) { return b.d; });
+    s.s = detail::of_groups(y, blocks, [](const block_q8_1& b) { return b.s; });
+  }
+
+  static CORVANE_INLINE sycl::f32x16 dots(const uint8_t* weight, const staged& s) {
+    return dots(weight, weight + block_bytes, s);
+  }
+  static CORVANE_INLINE sycl::f32x16 tail(const uint8_t* weight, const staged& s) {
+    return sycl::select(0x00FF, dots(weight, weight, s), sycl::f32x16{});
+  }
+
+ private:
+  static CORVANE_INLINE sycl::f32x16 dots(const uint8_t* first, const uint8_t* second, const staged& s) {
+    const sycl::i32x16 low = sycl::load_two(first + offsetof(block_iq1_s, qs), second + offsetof(block_iq1_s, qs));
+    const sycl::i32x16 h = sycl::widen_two_u16(first + offsetof(block_iq1_s, qh), second + offsetof(block_iq1_s, qh));
+    sycl::i32x16 sumi{};
+    sycl::unroll<4>([&](auto il) {
+      const sycl::i32x16 row = ((low >> (8 * il)) & 0xFF) | ((h >> (3 * il) << 8) & 0x700);
+      const sycl::i32x16 n = sycl::gather(iq1s_grid.data(), row);
+      sumi = sycl::add_products(sumi, (sycl::u8x64)(n & 0x0F0F0F0F), s.codes[il][0]);
+      sumi = sycl::add_products(sumi, (sycl::u8x64)((n >> 4) & 0x0F0F0F0F), s.codes[il][1]);
+    });
+    const sycl::f32x16 scale = sycl::to_float(((h >> 11) & 14) | 1);
+    const sycl::f32x16 dl = detail::two_halfs(first, second) * scale;
+    const sycl::f32x16 delta = sycl::to_float(h & 0x8000) * (-0.25f / 32768.0f) - 0.875f;
+    return dl * s.d * sycl::to_float(sumi) + dl * s.s * delta;
+  }
+};
+
+// A lane is four code bytes of a block, thus four elements of each of four runs of 32.
+struct q2_k_dots {
+  static constexpr unsigned step = 1;
+  static constexpr unsigned block_bytes = sizeof(block_q2_K);
+
+  struct staged {
+    sycl::u8x64 codes[4];  // [g]: elements 32 g to 32 g + 31 of one half of the block, then of the other
+    sycl::f32x16 d[4];     // of the lane's elements of run g
+    sycl::f32x16 sums;     // lane u: d times the sum of the codes of elements 16 u to 16 u + 15
+  };
+
+  static void stage(const block_q8_1* y, unsigned, staged& s) {
+    for (unsigned g = 0; g < 4; ++g) {
+      for (unsigned t = 0; t < 64; ++t) s.codes[g][t] = static_cast<uint8_t>(y[4 * (t / 32) + g].qs[t % 32]);
+      for (unsigned t = 0; t < 16; ++t) s.d[g][t] = static_cast<float>(y[4 * (t / 8) + g].d);
+    }
+    for (unsigned u = 0; u < 16; ++u) {
+      int sum = 0;
+      for (unsigned e = 0; e < 16; ++e) sum += y[u / 2].qs[16 * (u % 2) + e];
+      s.sums[u] = static_cast<float>(y[u / 2].d) * static_cast<float>(sum);
+    }
+  }
+
+  static CORVANE_INLINE sycl::f32x16 dots(const uint8_t* weight, const staged& s) {
+    const auto qs = sycl::load_bytes<sycl::i32x16>(weight + offsetof(block_q2_K, qs));
+    const sycl::i32x16 scales = sycl::widen_u8(weight + offsetof(block_q2_K, scales));
+    const sycl::f32x16 scale = sycl::to_float(scales & 15), minimum = sycl::to_float(scales >> 4);
+    sycl::f32x16 plus{};
+    sycl::unroll<4>([&](auto g) {
+      const auto codes = (sycl::u8x64)((qs >> (2 * g)) & 0x03030303);
+      const sycl::f32x16 dot = sycl::to_float(sycl::add_products(sycl::i32x16{}, codes, s.codes[g]));
+      const sycl::f32x16 factor = sycl::lookup16(scale, first_scale + static_cast<int32_t>(2 * g)) * s.d[g];
+      plus = sycl::fused_multiply_add(dot, factor, plus);
+    });
+    return plus * sycl::splat_half(weight + offsetof(block_q2_K, d)) -
+           minimum * s.sums * sycl::splat_half(weight + offsetof(block_q2_K, dmin));
+  }
+
+ private:
+  static constexpr sycl::i32x16 first_scale = {0, 0, 0, 0, 1, 1, 1, 1, 8, 8, 8, 8, 9, 9, 9, 9};  // of a lane's run 0
+};
+
+// The activations of a row, laid out for a format.
+template <class Dots>
+class staged_row {
+ public:
+  explicit staged_row(uint32_t blocks)
+      : blocks_(blocks), parts_(std::make_unique_for_overwrite<typename Dots::staged[]>(count())) {}
+
+  uint32_t count() const { return (blocks_ + Dots::step - 1) / Dots::step; }
+  const typename Dots::staged* data() const { return parts_.get(); }
+
+  void fill(const uint8_t* activations) {
+    const auto* y = reinterpret_cast<const block_q8_1*>(activations);
+    for (uint32_t b = 0; b < blocks_; b += Dots::step) {
+      Dots::stage(y + uint64_t{8} * b, blocks_ - b < Dots::step ? blocks_ - b : Dots::step, parts_[b / Dots::step]);
+    }
+  }
+
+ private:
+  uint32_t blocks_;
+  std::unique_ptr<typename Dots::staged[]> parts_;
+};
+
+// One weight row of `blocks` blocks with a staged row: add(lanes) for every 16 products.
+template <class Dots, class Add>
+CORVANE_INLINE void for_each_dot(const uint8_t* weight, const typename Dots::staged* input, uint32_t blocks,
+                                 const Add& add) {
+  uint32_t b = 0;
+  for (; b + Dots::step <= blocks; b += Dots::step, ++input, weight += Dots::step * Dots::block_bytes) {
+    add(Dots::dots(weight, *input));
+  }
+  if constexpr (Dots::step > 1) {
+    if (b < blocks) add(Dots::tail(weight, *input));
+  }
+}
+
+}  // namespace corvane
