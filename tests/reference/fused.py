@@ -7,9 +7,9 @@ from __future__ import annotations
 
 import numpy as np
 
-from .linear import matrix_vector
-from .q8_1 import matrix_vector_q8_1
-from .registry import FORMATS
+from .linear import matrix_vector, sum_tolerance
+from .q8_1 import group_dots, matrix_vector_q8_1, quantize_q8_1
+from .registry import FORMATS, block_count, plane_views
 from .rounding import UNDERFLOW, UNIT
 
 TANH_FACTOR = float(np.uint32(0x3F4C422A).view(np.float32))  # sqrt(2 / pi)
@@ -22,6 +22,23 @@ def _row_product(name: str, data, n: int, k: int, x, dtype: str):
         return matrix_vector_q8_1(name, data, n, k, np.asarray(x).reshape(-1), dtype)
     y, bound = matrix_vector(name, data, n, k, np.asarray(x).reshape(1, -1), dtype, scaled=True)
     return y[0], bound[0]
+
+
+def _rounded_dots(name: str, data, n: int, k: int, x, dtype: str):
+    """(n,) what it adds to the tolerance that a projection sums the dot products of the groups in `dtype`.
+
+    Minimums count apart: which of them meet which codes in a partial sum is free.
+    """
+    activations = quantize_q8_1(np.asarray(x).reshape(-1), dtype)
+    parts = [group_dots(name, data, n, k, activations)]
+    if name == "q2_k":
+        without = np.array(data)
+        plane_views(name, without, block_count(name, n, k))[0][:, 82:84] = 0  # dmin
+        codes = group_dots(name, without, n, k, activations)
+        parts = [codes, codes - parts[0]]
+    depth = k // 256 + 5  # blocks of a lane, then a tree over 32 lanes
+    sums = sum_tolerance([p.reshape(n, -1) for p in parts], dtype, depth, roundings=1)
+    return sums + parts[0][0].size * UNDERFLOW[dtype]
 
 
 def rotate(heads, bound, position: int, rope_base: float, dtype: str):
@@ -59,6 +76,8 @@ def projections(
         f = FORMATS[name]
         n = data.size // f.block_bytes * f.block_elements // k
         y, bound = _row_product(name, data, n, k, x, dtype)
+        if names[0] == "iq2_xxs":
+            bound = bound + _rounded_dots(name, data, n, k, x, dtype)
         if biases is not None and names[0] != "iq2_xxs":
             y = y + np.asarray(biases[m], dtype=np.float64)
             bound = bound + UNIT[dtype] * np.abs(y)

@@ -1,0 +1,20 @@
+// The gated MLP from fp8_e5m2 weights.
+#include "formats/fp8_e5m2.hpp"
+#include "fused/mlp_frame.hpp"
+
+namespace corvane {
+
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
+void mlp_forward_fp8_e5m2_kernel(const T* input, const mlp_arguments<T>& arguments, c10::Device device) {
+  gated_mlp<fp8_e5m2_scaled_reader, T, SG_SIZE, WG_SIZE, 2>(mlp_fp8_e5m2, input, arguments, device);
+}
+
+#define INSTANCE(T, SG, WG) \
+  template void mlp_forward_fp8_e5m2_kernel<T, SG, WG>(const T*, const mlp_arguments<T>&, c10::Device);
+#define INSTANCES(T) INSTANCE(T, 32, 64) INSTANCE(T, 16, 32)
+INSTANCES(Half)
+INSTANCES(float)
+INSTANCES(double)
+INSTANCES(BFloat16)
+
+}  // namespace corvane

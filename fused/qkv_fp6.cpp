@@ -1,0 +1,20 @@
+// Fused projections from fp6 weights.
+#include "formats/fp6.hpp"
+#include "fused/qkv_frame.hpp"
+
+namespace corvane {
+
+template <class T, unsigned SG_SIZE, unsigned WG_SIZE, bool BIAS>
+void qlinear_xpu_kernel_fp6_qkv(const T* input, const qkv_arguments<T>& arguments, c10::Device device) {
+  project_qkv<fp6_reader, T, SG_SIZE, WG_SIZE, BIAS>(fp6_qkv, input, arguments, device);
+}
+
+#define INSTANCE(T, SG, WG, BIAS) \
+  template void qlinear_xpu_kernel_fp6_qkv<T, SG, WG, BIAS>(const T*, const qkv_arguments<T>&, c10::Device);
+#define INSTANCES(T) INSTANCE(T, 32, 64, false) INSTANCE(T, 32, 64, true)
+INSTANCES(Half)
+INSTANCES(float)
+INSTANCES(double)
+INSTANCES(BFloat16)
+
+}  // namespace corvane
