@@ -7,6 +7,7 @@ import sys
 import threading
 import warnings
 
+import corvane
 import host_xpu
 import pytest
 import torch
@@ -72,11 +73,39 @@ def test_stream_is_restored_after_an_exception():
 
 def test_a_recorder_records_once_at_a_time():
     recorder = host_xpu.record_launches()
-    with recorder as launches:
-        with pytest.raises(ValueError, match="already recording"):
-            recorder.__enter__()
+    with recorder as launches, pytest.raises(ValueError, match="already recording"):
+        recorder.__enter__()
     assert isinstance(launches, collections.abc.Sequence) and len(launches) == 0 and launches == []
     host_xpu.synchronize()
+
+
+def test_nested_recorders_see_the_launches_of_all_threads_and_stop_at_their_end():
+    x, weight = torch.ones(1, 64, device="xpu"), torch.zeros(64 * 34, dtype=torch.uint8, device="xpu")
+
+    def launch():
+        for _ in range(20):
+            corvane.forward_new(x, weight, 2, 64)
+
+    def in_threads():
+        workers = [threading.Thread(target=launch) for _ in range(4)]
+        for worker in workers:
+            worker.start()
+        for worker in workers:
+            worker.join()
+
+    with host_xpu.record_launches() as outer:
+        launch()
+        with host_xpu.record_launches() as inner:
+            in_threads()
+        launch()
+    launch()
+    assert (len(outer), len(inner)) == (120, 80)
+    assert {r.kernel for r in outer} == {"qlinear_xpu_kernel_q4_0_2x16"} and {r.source for r in inner} == {
+        "linear_xpu_kernel"
+    }
+    last = outer[-1]
+    assert last.label == "lumen_kernel" and last.duration_ns > 0 and last.queue == 0
+    assert isinstance(last.global_size, tuple) and isinstance(last.waited, bool) and len(outer[:3]) == 3
 
 
 # --- making tensors ---------------------------------------------------------------------------------------------------
@@ -211,7 +240,7 @@ def test_printing_and_reading():
     assert "xpu:0" in repr(on_xpu) and repr(on_xpu.cpu()) == repr(on_cpu)
     assert on_xpu.tolist() == on_cpu.tolist() and on_xpu[1, 2].item() == on_cpu[1, 2].item()
     assert torch.allclose(on_xpu, on_xpu + 1e-9) and not torch.equal(on_xpu, on_xpu + 1)
-    assert bool((on_xpu == on_xpu).all())
+    assert bool((on_xpu == on_xpu.clone()).all())
 
 
 def test_gradients_flow_through_operators_and_linear():

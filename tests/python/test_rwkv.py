@@ -8,6 +8,7 @@ import numpy as np
 import pytest
 import torch
 from reference import rwkv
+from tensors import assert_close
 
 FLOATS = {torch.float: "float", torch.half: "half"}
 V4_NAMES = ("time_decay", "time_first", "key", "value", "num_state", "den_state", "max_state")
@@ -44,11 +45,6 @@ def arrays(tensors):
     return [t.cpu().float().numpy() for t in tensors]
 
 
-def assert_within(result, expected, tolerance):
-    error = np.abs(result.cpu().double().numpy() - expected)
-    assert (error <= tolerance).all(), f"{(error / tolerance).max():.2f} times the tolerance"
-
-
 # --- version 4 ---------------------------------------------------------------------------------------------------
 
 
@@ -59,9 +55,9 @@ def test_v4(shape, dtype):
     expected, tolerance, states, state_tolerances = rwkv.attention_v4(*arrays(arguments), FLOATS[dtype])
     result = corvane.rwkv_linear_attention_v4(*arguments)
     assert (result.shape, result.dtype, result.device.type) == (shape, dtype, "xpu")
-    assert_within(result, expected, tolerance)
+    assert_close(result, expected, tolerance)
     for state, wanted, bound in zip(arguments[4:], states, state_tolerances):
-        assert_within(state, wanted, bound)
+        assert_close(state, wanted, bound)
 
 
 def test_v4_first_tokens_by_hand():
@@ -128,8 +124,8 @@ def test_v5(shape, dense):
     result = corvane.rwkv_linear_attention_v5(*arguments)
     batch, heads, tokens = shape
     assert result.shape == (batch, tokens, heads, 64) and result.is_contiguous()
-    assert_within(result, expected, tolerance)
-    assert_within(arguments[5], state, state_tolerance)
+    assert_close(result, expected, tolerance)
+    assert_close(arguments[5], state, state_tolerance)
 
 
 def test_v5_halves_equal_whole():
@@ -165,7 +161,7 @@ def test_time_shift(shape, dtype):
         assert torch.equal(result.cpu(), torch.from_numpy(expected))
     else:  # a fused multiply-add spares the rounding of the product
         product = np.abs(mix.reshape(-1, 1, 1, shape[2]) * (hidden - shifted))
-        assert_within(result, expected, 2.0**-24 * product + 2.0**-23 * np.abs(expected))
+        assert_close(result, expected, 2.0**-24 * product + 2.0**-23 * np.abs(expected))
 
 
 def test_time_shift_by_hand():

@@ -1,0 +1,186 @@
+"""dequant and dequantize_rows: bit for bit against the reference, their launches, and what they refuse.
+
+The formats that dequant does not take are expanded on the way of forward_new; their kernels have tests in C++.
+"""
+
+import corvane
+import host_xpu
+import numpy as np
+import pytest
+import torch
+from reference import geometry
+from reference.expand import expand_general
+from reference.random_weights import random_weight
+from reference.registry import FORMATS
+from tensors import DTYPES, assert_launches, on_device, to_numpy
+
+DEQUANT = ("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e5m2", "iq2_xxs")
+ROWS = ("q2_k", "q4_k")
+ids = {name: FORMATS[name].qtype for name in FORMATS}
+origin = torch.zeros(1, 64, device="xpu")
+
+
+def dequant(name, data, k, dtype="float"):
+    return corvane.dequant(torch.empty(1, k, dtype=DTYPES[dtype], device="xpu"), on_device(data), ids[name])
+
+
+@pytest.mark.parametrize("dtype", DTYPES)
+@pytest.mark.parametrize("name", DEQUANT)
+def test_dequant_is_exact(name, dtype, device_class):
+    for n, k in ((1, 64), (3, 192), (4, 1024), (2, 2048)):
+        if name == "iq2_xxs" and n * k % 256 != 0:
+            continue
+        data = random_weight(name, n, k, 7, **({"full_range": True} if name == "fp8_e5m2" else {}))
+        with host_xpu.record_launches() as records:
+            found = dequant(name, data, k, dtype)
+        assert found.dtype == DTYPES[dtype] and found.device.type == "xpu"
+        np.testing.assert_array_equal(to_numpy(found), np.float64(expand_general(name, data, n, k, dtype)))
+        assert_launches(records, [geometry.dequant(device_class, ids[name], n, k)])
+        assert records[0].waited == (name in ("nf4", "iq2_xxs"))
+
+
+def test_dequant_keeps_not_a_numbers():
+    data = random_weight("fp8_e5m2", 4, 64, 1, nan_codes=True)
+    for dtype in DTYPES:
+        expected = np.float64(expand_general("fp8_e5m2", data, 4, 64, dtype))
+        np.testing.assert_array_equal(to_numpy(dequant("fp8_e5m2", data, 64, dtype)), expected)
+        assert np.isnan(expected).any()
+
+
+def test_dequant_takes_shape_and_dtype_of_the_input_alone():
+    data = on_device(random_weight("q4_0", 4, 64, 3))
+    first = corvane.dequant(torch.full((1, 64), float("nan"), device="xpu"), data, ids["q4_0"])
+    second = corvane.dequant(torch.randn(5, 64, 0).to("xpu"), data, ids["q4_0"])
+    assert torch.equal(first, second) and first.shape == (4, 64)
+
+
+def test_dequant_leaves_a_cut_block_and_a_cut_row_out():
+    data = random_weight("q8_0", 5, 64, 3)
+    extended = on_device(np.concatenate([data, np.zeros(67, np.uint8)]))
+    found = corvane.dequant(origin, extended, ids["q8_0"])
+    np.testing.assert_array_equal(to_numpy(found), np.float64(expand_general("q8_0", data, 5, 64, "float")))
+    # 5 blocks are 2 rows of 128 elements; the planes of such a weight are those of its 4 blocks
+    assert corvane.dequant(torch.zeros(1, 128, device="xpu"), on_device(data), ids["q8_0"]).shape == (2, 128)
+
+
+@pytest.mark.parametrize("name", sorted(set(FORMATS) - set(DEQUANT)))
+def test_dequant_of_other_formats_runs_nothing(name):
+    data = on_device(random_weight(name, 2, 256, 1))
+    with host_xpu.record_launches() as records:
+        found = corvane.dequant(torch.zeros(1, 256, device="xpu"), data, ids[name])
+    assert found.shape == (2, 256) and not records
+
+
+@pytest.mark.parametrize("qtype", [-1, 0, 1, 5, 9, 12, 22, 25, 31, 32, 2**31 - 1, -(2**31)])
+def test_ids_without_a_format_are_refused(qtype):
+    data = torch.zeros(4096, dtype=torch.uint8, device="xpu")
+    with pytest.raises(RuntimeError, match=f"qtype {qtype} does not name a weight format"):
+        corvane.dequant(origin, data, qtype)
+    with pytest.raises(RuntimeError, match=f"qtype {qtype} does not name a weight format"):
+        corvane.dequantize_rows(torch.zeros(1, 1, dtype=torch.long, device="xpu"), data, qtype, 256, 1)
+
+
+@pytest.mark.parametrize(
+    ("shape", "dtype", "weight", "text"),
+    [
+        ((1, 96), torch.float, (34 * 3,), "96 must be a multiple of 64"),
+        ((1, 0), torch.float, (34,), "state_size must be at least 1, found 0"),
+        ((64,), torch.float, (34,), "input must have two dimensions, found 1"),
+        ((), torch.float, (34,), "input must have two dimensions, found 0"),
+        ((1, 64), torch.int, (34,), "\"qlinear_forward_xpu\" not implemented for 'Int'"),
+        ((1, 64), torch.float, (), "weight must have at least one dimension"),
+        ((1, 64), torch.float, (34, 0), "weight must not have an empty dimension behind the first"),
+    ],
+)
+def test_dequant_refusals(shape, dtype, weight, text):
+    with pytest.raises(RuntimeError) as refused:
+        corvane.dequant(
+            torch.zeros(shape, dtype=dtype, device="xpu"), torch.zeros(weight, dtype=torch.uint8, device="xpu"), 2
+        )
+    assert str(refused.value).splitlines()[0] == text
+
+
+def test_a_weight_of_other_elements_is_refused():
+    weight = torch.zeros(4096, dtype=torch.int8, device="xpu")
+    with pytest.raises(RuntimeError, match="weight must be unsigned bytes, found Char"):
+        corvane.dequant(origin, weight, 2)
+    with pytest.raises(RuntimeError, match="weight must be unsigned bytes, found Char"):
+        corvane.dequantize_rows(torch.zeros(1, 1, dtype=torch.long, device="xpu"), weight, 23, 256, 1)
+
+
+def test_tensors_are_checked_one_after_the_other():
+    weight, rows = torch.zeros(34, dtype=torch.uint8), torch.zeros(2, 2, dtype=torch.long)
+    for call in (lambda x, w: corvane.dequant(x, w, 2), lambda x, w: corvane.dequantize_rows(x, w, 23, 256, 1)):
+        for x, w, text in (
+            (rows, weight, "input must be a XPU tensor"),
+            (rows.to("xpu").t(), weight, "input must be contiguous"),
+            (rows.to("xpu"), weight, "weight must be a XPU tensor"),
+            (rows.to("xpu"), weight.to("xpu")[::2], "weight must be contiguous"),
+        ):
+            with pytest.raises(RuntimeError, match=text):
+                call(x, w)
+
+
+@pytest.mark.parametrize("k", [256, 768])
+@pytest.mark.parametrize("name", ROWS)
+def test_dequantize_rows_is_exact(name, k):
+    n = 9
+    data = random_weight(name, n, k, 5)
+    numbers = np.array([[0, 8, 3], [3, 1, 8]])
+    with host_xpu.record_launches() as records:
+        found = corvane.dequantize_rows(on_device(numbers), on_device(data), ids[name], k, n)
+    assert found.dtype == torch.float and found.shape == (2, 3, k) and found.device.type == "xpu"
+    np.testing.assert_array_equal(found.cpu().numpy(), expand_general(name, data, n, k, "float")[numbers])
+    assert_launches(records, [geometry.dequantize_rows(ids[name], numbers.size, k)])
+    assert not records[0].waited
+
+
+@pytest.mark.parametrize("name", ROWS)
+@pytest.mark.parametrize("shape", [(0, 3), (2, 0)])
+def test_dequantize_rows_of_none(name, shape):
+    data = on_device(random_weight(name, 2, 256, 5))
+    none = torch.zeros(shape, dtype=torch.long, device="xpu")
+    assert corvane.dequantize_rows(none, data, ids[name], 256, 2).shape == (*shape, 256)
+
+
+@pytest.mark.parametrize("name", ROWS)
+@pytest.mark.parametrize("number", [-1, 4, 2**32, -(2**63), 2**63 - 1])
+def test_rows_outside_the_weight_are_refused(name, number):
+    data = on_device(random_weight(name, 4, 256, 5))
+    rows = torch.tensor([[0, number]], device="xpu")
+    with pytest.raises(RuntimeError, match=rf"must lie in 0 to output_size - 1 = 3, found {number}\b"):
+        corvane.dequantize_rows(rows, data, ids[name], 256, 4)
+
+
+@pytest.mark.parametrize("name", ROWS)
+@pytest.mark.parametrize(
+    ("k", "n", "text"),
+    [
+        (96, 4, "96 must be a multiple of 64"),
+        (0, 4, "state_size must be at least 1"),
+        (-256, -4, "state_size must be at least 1"),
+        (256, -1, "output_size at least 0"),
+        (2**16, 2**15, "product below 2147483648"),
+        (2**62, 4, "product below 2147483648"),
+        (256, 5, "weight must hold"),
+    ],
+)
+def test_dequantize_rows_refuses_sizes(name, k, n, text):
+    data = on_device(random_weight(name, 4, 256, 5))
+    with pytest.raises(RuntimeError, match=text):
+        corvane.dequantize_rows(torch.zeros(1, 1, dtype=torch.long, device="xpu"), data, ids[name], k, n)
+
+
+def test_dequantize_rows_wants_64_bit_row_numbers_in_two_dimensions():
+    data = on_device(random_weight("q2_k", 4, 256, 5))
+    with pytest.raises(RuntimeError, match="expected scalar type Long but found Int"):
+        corvane.dequantize_rows(torch.zeros(1, 1, dtype=torch.int, device="xpu"), data, 23, 256, 4)
+    with pytest.raises(RuntimeError, match="input must have two dimensions, found 1"):
+        corvane.dequantize_rows(torch.zeros(1, dtype=torch.long, device="xpu"), data, 23, 256, 4)
+
+
+def test_dequantize_rows_of_other_formats_runs_nothing():
+    data = on_device(random_weight("q4_0", 4, 256, 5))
+    with host_xpu.record_launches() as records:
+        found = corvane.dequantize_rows(torch.zeros(2, 3, dtype=torch.long, device="xpu"), data, 2, 256, 4)
+    assert found.shape == (2, 3, 256) and found.dtype == torch.float and not records
