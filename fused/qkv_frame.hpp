@@ -61,9 +61,9 @@ void launch_projections(const projection_kernel& which, const projection_argumen
   // On the host neighbouring groups of one matrix run after each other, not the matrices in turn: measured with 4096,
   // 1024 and 1024 rows of q4_0, one stream of weights at a time takes a tenth less time than three.
   constexpr std::size_t streamed_groups = 32;
-  const uint32_t half = a.head_size / 2;
   uint32_t most_rows = 0;
   for (const projection<T>& matrix : a.matrices) most_rows = std::max(most_rows, matrix.rows);
+  const uint32_t half = std::min(a.head_size, most_rows) / 2;  // no head, no angle
 
   const auto turns = std::make_unique_for_overwrite<rotation[]>(half);
   const auto prepare = [&a, &prepare_input, turns = turns.get(), half] {
