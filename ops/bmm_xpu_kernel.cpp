@@ -1,6 +1,6 @@
 // Batch product of float matrices. The work-items of a basic range, one an element of C, come in boxes of neighbours. A
-// box goes along k in steps; of each step it copies its part of B, which many rows read, into local memory, and then
-// makes small tiles of C whose sums stay in registers. Every sum runs over k in ascending order.
+// box goes along k in steps; of each step it gathers its part of B, which many rows read, in one place, and then makes
+// small tiles of C whose sums stay in registers. Every sum runs over k in ascending order.
 #include "ops/bmm_xpu_kernel.hpp"
 
 #include <algorithm>

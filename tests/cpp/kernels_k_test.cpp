@@ -152,7 +152,7 @@ scalar::weight all_ones(int32_t qtype) {
   switch (qtype) {
     case qtype_q4_k:
       for (unsigned i = 0; i < 8; ++i) set(128 + 2 * i, {1, 0});
-      set(144, {0x00, 0x3C});
+      set(144, {0x00, 0x3C, 0x00, 0x3C});
       break;
     case qtype_q5_k:
       set(0, {0x00, 0x3C, 0x00, 0x3C, 1, 1, 1, 1, 0, 0, 0, 0, 1, 1, 1, 1});

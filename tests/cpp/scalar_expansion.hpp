@@ -5,6 +5,7 @@
 #include <c10/util/BFloat16.h>
 #include <c10/util/Half.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -207,7 +208,7 @@ Out element(const weight& w, uint64_t flat) {
 }
 
 // Random bytes, with block scales (and offsets) that are normal Halfs or floats up to 2, and now and then a subnormal,
-// a zero or one at which Half products overflow.
+// a zero, one at which Half products overflow, or not-a-number.
 inline weight random_weight(int32_t qtype, uint64_t nb, unsigned seed) {
   struct field {
     unsigned before, width, at;  // the plane and the place in its entry
@@ -254,13 +255,15 @@ inline weight random_weight(int32_t qtype, uint64_t nb, unsigned seed) {
   for (uint8_t& byte : w.bytes) byte = static_cast<uint8_t>(random());
   for (const field& f : fields) {
     for (uint64_t b = 0; b < nb; ++b) {
-      constexpr float unusual[4] = {0.0f, 3e-7f, 60000.0f, -60000.0f};
+      const float unusual[] = {0.0f, 3e-7f, 60000.0f, -60000.0f, std::nanf("")};
       const float ordinary =
           std::ldexp(1.0f + static_cast<float>(random() % 4096) / 4096, -static_cast<int>(random() % 9));
-      const float d = random() % 8 == 0 ? unusual[random() % 4] : random() % 2 == 0 ? ordinary : -ordinary;
+      const float d = random() % 8 == 0 ? unusual[random() % 5] : random() % 2 == 0 ? ordinary : -ordinary;
       uint8_t* at = w.bytes.data() + f.before * nb + f.width * b + f.at;
-      const uint16_t half = Half(d).x;
-      std::memcpy(at, f.is_float ? static_cast<const void*>(&d) : &half, f.is_float ? 4 : 2);
+      // A not-a-number with every bit set: rounding it as if it were a number would carry into the sign.
+      const uint16_t half = std::isnan(d) ? 0x7FFF : Half(d).x;
+      const uint32_t single = std::isnan(d) ? 0x7FFFFFFF : std::bit_cast<uint32_t>(d);
+      std::memcpy(at, f.is_float ? static_cast<const void*>(&single) : &half, f.is_float ? 4 : 2);
     }
   }
   return w;
