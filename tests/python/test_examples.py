@@ -1,0 +1,35 @@
+"""The examples of single layers: they run, and what they compare agrees."""
+
+import sys
+from pathlib import Path
+
+import pytest
+import torch
+
+sys.path.insert(0, str(Path(__file__).parents[2] / "examples"))
+
+import moe_layer
+import rwkv_layer
+
+
+@pytest.mark.parametrize("layer", [rwkv_layer.TimeMixing4, rwkv_layer.TimeMixing5])
+def test_rwkv_layer_in_two_halves(layer):
+    torch.manual_seed(3)
+    x = torch.randn(2, 22, 128).to("xpu")
+    # The products of a half may sum in another order than those of the whole: 128 terms of magnitude 1 to start with,
+    # in float, and a few more operations behind.
+    assert max(rwkv_layer.largest_difference(layer(128), x)) < 128 * 2.0**-22
+
+
+def test_moe_layer():
+    layer = moe_layer.MoeLayer(hidden=64, inner=128, n_experts=6, n_selected=2)
+    x = torch.randn(17, 64, generator=torch.Generator().manual_seed(5)).to("xpu")
+    expected = layer.token_by_token(x)
+    # An expert with several tokens may expand its weights in half precision, with a relative error of 2^-11 each.
+    assert (layer(x) - expected).norm() < 4 * 2.0**-11 * expected.norm()
+
+
+@pytest.mark.parametrize("example", [rwkv_layer, moe_layer])
+def test_main_reports(example, capsys):
+    example.main()
+    assert "differ" in capsys.readouterr().out
