@@ -26,14 +26,17 @@ if ((${#missing[@]})); then
   fi
 fi
 
-requirements=requirements-dev.txt
+requirements=(requirements-dev.txt examples/requirements.txt)
 stamp=.venv/requirements.sum
 if ! sha256sum --check --status "$stamp" 2>/dev/null; then
   echo "setup: making .venv"
   /usr/bin/python3 -m venv --system-site-packages .venv
-  if ! .venv/bin/python -m pip install --quiet --disable-pip-version-check -r "$requirements"; then
-    echo "setup: the Python packages of $requirements could not be installed: check the network, then run this again" >&2
+  # PyTorch is built against Debian's numpy: no package may bring another.
+  /usr/bin/python3 -c 'import numpy; print(f"numpy=={numpy.__version__}")' >.venv/constraints.txt
+  if ! .venv/bin/python -m pip install --quiet --disable-pip-version-check -c .venv/constraints.txt \
+    -r "${requirements[0]}"; then
+    echo "setup: the Python packages of ${requirements[0]} could not be installed: check the network, then run this again" >&2
     exit 1
   fi
-  sha256sum "$requirements" >"$stamp"
+  sha256sum "${requirements[@]}" >"$stamp"
 fi

@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs the tests: the C++ ones once, the Python ones once for each device class.
 #
-#   scripts/test.sh             everything, and once more on a build without AVX-512
+#   scripts/test.sh             everything: also under the order check (platform/sycl/check_order.hpp), on a build without
+#                               AVX-512, and installed as a package
 #   scripts/test.sh --quick     the release build, the Python tests on two device classes
 #   scripts/test.sh --sanitize  under the address and undefined-behaviour sanitizers, on two device classes
+#   scripts/test.sh --thread    the tests of pool, queue and groups under the thread sanitizer
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 mode=${1:-all}
 case $mode in
-  all | --quick | --sanitize) ;;
-  *) echo "usage: scripts/test.sh [--quick | --sanitize]" >&2; exit 2 ;;
+  all | --quick | --sanitize | --thread) ;;
+  *) echo "usage: scripts/test.sh [--quick | --sanitize | --thread]" >&2; exit 2 ;;
 esac
 
 # Each device class by a name that falls into it.
@@ -31,30 +33,47 @@ run() {
   rm -f "$log"
 }
 
+python_environment=()  # what the Python runs get beside the device's name
+
 test_build() {  # <preset> <build folder> <classes...>
   local preset=$1 folder=$2 class
   shift 2
   scripts/build.sh "$preset"
   run "$preset: C++" "$folder/corvane_tests" --gtest_brief=1
-  for class in "$@"; do
-    run "$preset: Python, class $class" env PYTHONPATH="$folder/python" HOST_XPU_DEVICE_NAME="${class_names[$class]}" \
-      .venv/bin/python -m pytest -q -p no:cacheprovider tests/python
-  done
+  for class in "$@"; do test_python "$preset: Python, class $class" "$folder" "$class"; done
+}
+
+test_python() {  # <title> <build folder> <class>
+  run "$1" env PYTHONPATH="$2/python" HOST_XPU_DEVICE_NAME="${class_names[$3]}" "${python_environment[@]}" \
+    .venv/bin/python -m pytest -q -p no:cacheprovider tests/python
 }
 
 case $mode in
   all)
     test_build release build 0 1 2 3 4 5
+    seed=1
+    python_environment=(HOST_XPU_CHECK_ORDER="$seed")
+    run "order check $seed: C++" env HOST_XPU_CHECK_ORDER="$seed" build/corvane_tests --gtest_brief=1
+    test_python "order check $seed: Python, class 1" build 1
+    python_environment=()
     test_build avx2 build/avx2 1
+    run "package: wheel in a fresh environment" scripts/test_package.sh
     ;;
   --quick) test_build release build 1 3 ;;
   --sanitize)
-    export ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-    export PYTHONMALLOC=malloc LD_PRELOAD
-    LD_PRELOAD=$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so):$(g++ -print-file-name=libstdc++.so)
-    preload=$LD_PRELOAD
-    LD_PRELOAD='' scripts/build.sh sanitize
-    LD_PRELOAD=$preload test_build sanitize build/sanitize 1 0
+    # The modules are loaded by an interpreter that knows nothing of the sanitizers: their runtimes have to be there
+    # first, and the C++ library with them, whose throw they replace. Leaks are the interpreter's and PyTorch's.
+    export ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1:detect_stack_use_after_return=0
+    export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+    preload=
+    for library in libasan.so libubsan.so libstdc++.so; do preload+=$(realpath "$(g++ -print-file-name=$library)"):; done
+    python_environment=(LD_PRELOAD="${preload%:}" PYTHONMALLOC=malloc)
+    test_build sanitize build/sanitize 1 0
+    ;;
+  --thread)
+    scripts/build.sh thread platform_tests
+    export TSAN_OPTIONS=halt_on_error=1:suppressions=$PWD/scripts/thread_sanitizer.supp
+    run "thread: C++ of pool, queue and groups" build/thread/platform_tests --gtest_brief=1
     ;;
 esac
 
