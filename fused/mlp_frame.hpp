@@ -10,9 +10,6 @@
 
 namespace corvane {
 
-// Output rows that a block of work-groups finishes together, one to a lane.
-constexpr unsigned gated_rows = 16;
-
 namespace detail {
 
 // (1 + tanh(x)) for the tanh form: tanh to within a few 2^-24, absolute.
@@ -39,29 +36,31 @@ CORVANE_INLINE simd<T, 16> gated(mlp_activation form, const simd<T, 16>& gate, c
   return up * simd<T, 16>::exact(factor);
 }
 
-// The ending of work-item 0 for `rows` neighbouring output rows, at most gated_rows, whose dot products with the two
-// weights are in gate and up; entries behind them are not looked at.
+// The tree and the ending for tree_rows neighbouring output rows, of which `rows` exist. sums: their dot products with
+// either weight, spread over the lanes.
 template <class T>
-void store_gated(mlp_activation form, const T* gate, const T* up, T* output, std::size_t rows) {
-  T results[gated_rows];
-  gated(form, simd<T, 16>::load(gate), simd<T, 16>::load(up)).store(results);
+CORVANE_INLINE void store_gated(mlp_activation form, const simd<T, 16> (&sums)[2][tree_rows], T* output,
+                                uint64_t rows) {
+  T results[tree_rows];
+  gated(form, sum_trees(sums[0]), sum_trees(sums[1])).store(results);
   std::copy_n(results, rows, output);
 }
 
 // A work-group makes ROWS_PER_WG output rows, from the same rows of both weights.
 template <class Reader, class T, unsigned SG_SIZE, unsigned WG_SIZE, unsigned ROWS_PER_WG>
 void gated_mlp(const mlp_kernel& which, const T* input, const mlp_arguments<T>& a, c10::Device device) {
-  constexpr std::size_t block_groups = gated_rows / ROWS_PER_WG;
+  constexpr std::size_t block_groups = tree_rows / ROWS_PER_WG;
   const typename Reader::planes weights[2] = {Reader::locate(a.first, a.state_size, a.output_size),
                                               Reader::locate(a.second, a.state_size, a.output_size)};
   const auto units = static_cast<uint32_t>(a.state_size / unit_elements);
   const uint64_t groups = (a.output_size + ROWS_PER_WG - 1) / ROWS_PER_WG;
-  launch_row<T> row(input, units);
+  prepared_row<T> row(input, units);
 
   const auto prepare = [&row] { row.prepare(); };
   const auto kernel = [&row, &weights, &a, units](const sycl::group_block<1>& block) {
-    T sums[2][gated_rows] = {};  // of the two weights
     const uint64_t first_row = block.first(0) * ROWS_PER_WG;
+    simd<T, 16> sums[2][tree_rows];
+    for (auto& of_weight : sums) std::fill_n(of_weight, tree_rows, simd<T, 16>::zero());
     for (unsigned g = 0; g < block.count(0); ++g) {
       row_list<ROWS_PER_WG> rows;
       rows.ahead = ROWS_PER_WG * units;
@@ -70,10 +69,15 @@ void gated_mlp(const mlp_kernel& which, const T* input, const mlp_arguments<T>& 
         const uint64_t n = std::min(first_row + g * ROWS_PER_WG + r, a.output_size - 1);
         rows.first_unit[r] = static_cast<uint32_t>(n) * units;
       }
-      for (unsigned w = 0; w < 2; ++w) row_dots<Reader>(row, weights[w], rows, &sums[w][g * ROWS_PER_WG]);
+      // The weights in turn, as on a device. Sixteen rows of one and then of the other: float 4 % slower, Half 2 %
+      // faster.
+      for (unsigned w = 0; w < 2; ++w) {
+        simd<T, 16> group_sums[ROWS_PER_WG];
+        row_dots<Reader>(row, weights[w], rows, group_sums);
+        std::copy_n(group_sums, ROWS_PER_WG, sums[w] + g * ROWS_PER_WG);
+      }
     }
-    const uint64_t count = std::min<uint64_t>(block.count(0) * ROWS_PER_WG, a.output_size - first_row);
-    store_gated(a.activation, sums[0], sums[1], a.output + first_row, count);
+    store_gated(a.activation, sums, a.output + first_row, std::min<uint64_t>(tree_rows, a.output_size - first_row));
   };
   launch<1>(device, {mlp_source, which.name}, {{groups * WG_SIZE}, {WG_SIZE}}, sycl::sub_group_size{SG_SIZE},
             sycl::prepared_kernel{prepare, sycl::block_kernel<1, decltype(kernel)>{{block_groups}, kernel}});

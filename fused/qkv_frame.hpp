@@ -53,14 +53,18 @@ void finish_pair(const projection<T>& matrix, const rotary_pair& pair, const rot
   output[pair.half] = second;
 }
 
+constexpr unsigned tree_pairs = tree_rows / 2;  // pairs whose scratch trees are added together
+
 // One work-group for each row pair of the largest matrix, times the matrices: groups beyond a smaller matrix's rows end
-// at once. prepare() is the caller's share of the first phase, dot_pair(m, pair, results) makes two dot products.
+// at once. prepare_input() is the caller's share of the first phase; dot_pair(m, pair, sums) makes the two dot
+// products, spread over the lanes of sums[0] and sums[1].
 template <class T, unsigned SG_SIZE, unsigned WG_SIZE, bool BIAS, unsigned Matrices, class Prepare, class DotPair>
 void launch_projections(const projection_kernel& which, const projection_arguments<T, Matrices>& a, c10::Device device,
                         const Prepare& prepare_input, const DotPair& dot_pair) {
   // On the host neighbouring groups of one matrix run after each other, not the matrices in turn: measured with 4096,
   // 1024 and 1024 rows of q4_0, one stream of weights at a time takes a tenth less time than three.
   constexpr std::size_t streamed_groups = 32;
+
   uint32_t most_rows = 0;
   for (const projection<T>& matrix : a.matrices) most_rows = std::max(most_rows, matrix.rows);
   const uint32_t half = std::min(a.head_size, most_rows) / 2;  // no head, no angle
@@ -73,12 +77,28 @@ void launch_projections(const projection_kernel& which, const projection_argumen
   const auto kernel = [&dot_pair, &a, turns = turns.get()](const sycl::group_block<2>& block) {
     const auto m = static_cast<unsigned>(block.first(1));
     const projection<T>& matrix = a.matrices[m];
-    for (std::size_t g = block.first(0); g < block.first(0) + block.count(0); ++g) {
-      const rotary_pair pair(static_cast<uint32_t>(g), a.head_size);
-      if (!(pair.partner() < matrix.rows)) return;  // of the whole group, and so are those after it
-      T results[2];
-      dot_pair(m, pair, results);
-      finish_pair<BIAS>(matrix, pair, m == value_matrix ? nullptr : &turns[pair.e], results[0], results[1]);
+    // Rows come in whole heads: from this group on a pair's second row is beyond the end.
+    const auto end = static_cast<uint32_t>(std::min<std::size_t>(block.first(0) + block.count(0), matrix.rows / 2));
+    for (auto first = static_cast<uint32_t>(block.first(0)); first < end; first += tree_pairs) {
+      const unsigned pairs = std::min(end - first, tree_pairs);
+      simd<T, 16> sums[tree_rows];
+      for (unsigned i = 0; i < tree_pairs; ++i) {
+        if (i < pairs) {
+          simd<T, 16> pair_sums[2];
+          dot_pair(m, rotary_pair(first + i, a.head_size), pair_sums);
+          sums[i] = pair_sums[0];
+          sums[tree_pairs + i] = pair_sums[1];
+        } else {
+          sums[i] = sums[tree_pairs + i] = simd<T, 16>::zero();
+        }
+      }
+      T results[tree_rows];
+      sum_trees(sums).store(results);
+      for (unsigned i = 0; i < pairs; ++i) {
+        const rotary_pair pair(first + i, a.head_size);
+        finish_pair<BIAS>(matrix, pair, m == value_matrix ? nullptr : &turns[pair.e], results[i],
+                          results[tree_pairs + i]);
+      }
     }
   };
   launch<2>(device, {projection_source, which.name}, {{std::size_t{most_rows / 2} * WG_SIZE, Matrices}, {WG_SIZE, 1}},
@@ -92,12 +112,12 @@ void project_qkv(const projection_kernel& which, const T* input, const qkv_argum
   std::array<typename Reader::planes, 3> planes;
   for (unsigned m = 0; m < 3; ++m) planes[m] = Reader::locate(a.matrices[m].weight, a.state_size, a.matrices[m].rows);
   const auto units = static_cast<uint32_t>(a.state_size / unit_elements);
-  launch_row<T> row(input, units);
+  prepared_row<T> row(input, units);
   launch_projections<T, SG_SIZE, WG_SIZE, BIAS>(
       which, a, device, [&row] { row.prepare(); },
-      [&row, &planes, units](unsigned m, const rotary_pair& pair, T* results) {
+      [&row, &planes, units](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2]) {
         const row_list<2> rows{{pair.row * units, pair.partner() * units}, pair.step() * units};
-        row_dots<Reader>(row, planes[m], rows, results);
+        row_dots<Reader>(row, planes[m], rows, sums);
       });
 }
 

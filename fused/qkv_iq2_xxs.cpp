@@ -7,11 +7,11 @@ namespace {
 
 // The products of the groups of a row are converted to T before they are summed.
 template <class Dots, class T>
-T row_dot(const projection<T>& matrix, uint32_t row, const staged_row<Dots>& input, uint32_t blocks) {
+simd<T, 16> row_dot(const projection<T>& matrix, uint32_t row, const staged_row<Dots>& input, uint32_t blocks) {
   auto sum = simd<T, 16>::zero();
   for_each_dot<Dots>(matrix.weight + uint64_t{row} * blocks * Dots::block_bytes, input.data(), blocks,
                      [&](sycl::f32x16 dots) { sum = sum + simd<T, 16>::from_float(dots); });
-  return sum_tree(sum);
+  return sum;
 }
 
 template <class T, unsigned SG_SIZE, unsigned WG_SIZE, unsigned Matrices>
@@ -26,11 +26,11 @@ void project_q8_1(const projection_kernel& which, const uint8_t* input, const pr
         row.fill(input);
         if (Matrices == 3) row_of_value.fill(input);
       },
-      [&row, &row_of_value, &a, blocks](unsigned m, const rotary_pair& pair, T* results) {
+      [&row, &row_of_value, &a, blocks](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2]) {
         const projection<T>& matrix = a.matrices[m];
         for (unsigned r = 0; r < 2; ++r) {
           const uint32_t n = r == 0 ? pair.row : pair.partner();
-          results[r] = m == value_matrix ? row_dot(matrix, n, row_of_value, blocks) : row_dot(matrix, n, row, blocks);
+          sums[r] = m == value_matrix ? row_dot(matrix, n, row_of_value, blocks) : row_dot(matrix, n, row, blocks);
         }
       });
 }
