@@ -70,26 +70,26 @@ struct fp6_k_reader {
     return detail::splat_lane<T>(converted<T>(factors).to_float(), static_cast<int>(v));
   }
 
-  // A chunk is a unit of 16 elements. Its codes are put together four at a time, one to a byte: the sign on top, a bit
-  // that does not count, then the other bits at the bottom.
-  static constexpr unsigned chunk_element(unsigned c, unsigned j) { return 16 * c + j; }
+  // A chunk is a unit of 16 elements. Its codes are put together four at a time, one to a byte; a pair is two bytes
+  // apart.
+  static constexpr unsigned chunk_element(unsigned c, unsigned j) {
+    constexpr unsigned element_of[4] = {2, 0, 3, 1};  // by its byte in a word
+    const unsigned n = j / 2;
+    return 16 * c + 4 * (n / 2) + element_of[n % 2 + 2 * (j % 2)];
+  }
   struct chunks {
-    sycl::i32x16 codes[4];  // elements 4 n to 4 n + 3 of each chunk, in bytes 1, 3, 0, 2
+    detail::six_bit_codes codes;
   };
   static CORVANE_INLINE chunks fetch_chunks(const planes& p, uint32_t block) {
-    const uint8_t* low = p.low + uint64_t{block} * low_bytes;
-    const auto a = sycl::load_bytes<sycl::i32x16>(low), b = sycl::load_bytes<sycl::i32x16>(low + 64);
-    const auto high = sycl::load_bytes<sycl::i32x16>(p.high + uint64_t{block} * high_bytes);
-    const sycl::i32x16 first = sycl::even_lanes(a, b), second = sycl::odd_lanes(a, b);
-    const auto join = [](sycl::i32x16 low4, sycl::i32x16 high2) {
-      return (low4 & 0x0F0F0F0F) | (high2 & static_cast<int32_t>(0x80808080)) | ((high2 >> 2) & 0x10101010);
-    };
-    return {{join(first >> 4, high), join(first, high << 2), join(second >> 4, high << 4), join(second, high << 6)}};
+    return {detail::join_six_bits(p.low + uint64_t{block} * low_bytes, p.high + uint64_t{block} * high_bytes)};
   }
-  template <class T, unsigned J>
-  static CORVANE_INLINE simd<T, 16> chunk_code(const chunks& c) {
-    constexpr unsigned byte = fp6_codes::byte_of[J % 4];
-    return fp6_codes::value<T>(c.codes[J / 4] >> (8 * byte), c.codes[J / 4] << (24 - 8 * byte));
+  template <class T, unsigned N>
+  static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
+    static constexpr auto values = detail::make_values<64>([](unsigned code) {
+      const float magnitude = fp6_codes::magnitudes(code >> 4 & 1)[code & 15];
+      return (code & 32) != 0 ? -magnitude : magnitude;
+    });
+    return detail::values_at<T, 8 * (N % 2)>(c.codes.of_four[N / 2], values);
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {

@@ -10,9 +10,9 @@ namespace corvane {
 // Eight magnitudes 8, 25 or 43, element j in byte j. Indexed by a byte of a group.
 extern const std::array<uint64_t, 256> iq2xxs_grid;
 
-// The same by position: bits 2 m and 2 m + 1 of byte n of entry j say which magnitude element j of row n + 64 m has,
-// and the magnitudes by that number.
-extern const std::array<std::array<uint8_t, 64>, 8> iq2xxs_codes;
+// The same by pairs of positions: of byte n of entry p, bits 4 m to 4 m + 3 are for row n + 128 m, the number of the
+// magnitude of element 2 p in the lower two, of element 2 p + 1 in the upper two; and the magnitudes by that number.
+extern const std::array<std::array<uint8_t, 128>, 4> iq2xxs_pairs;
 inline constexpr std::array<uint8_t, 4> iq2xxs_magnitudes = {8, 25, 43, 0};
 
 // Eight values 0, 1 or 2: elements 0 to 3 in the low nibbles of bytes 0 to 3, elements 4 to 7 in their high nibbles.

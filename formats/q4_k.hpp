@@ -74,9 +74,11 @@ struct q4_k_reader {
     return detail::splat_lane<T>(factors<T>(p, unit), static_cast<int>(v & 2) + 1);
   }
 
-  // A chunk is eight neighbouring bytes: elements 8 (c % 2) to 8 (c % 2) + 7 of a sub-block, and those 16 further on.
+  // A chunk is eight neighbouring bytes: elements 8 (c % 2) to 8 (c % 2) + 7 of a sub-block, and those 16 further on. A
+  // pair is two nibbles two bytes apart.
   static constexpr unsigned chunk_element(unsigned c, unsigned j) {
-    return 32 * (c / 2) + 8 * (c % 2) + j / 2 + 16 * (j % 2);
+    const unsigned n = j / 2, byte = 4 * (n / 4) + n % 4 / 2 + 2 * (j % 2);
+    return 32 * (c / 2) + 8 * (c % 2) + byte + 16 * (n % 2);
   }
   struct chunks {
     sycl::i32x16 bytes[2];  // bytes 0 to 3 of each chunk, bytes 4 to 7
@@ -86,23 +88,18 @@ struct q4_k_reader {
     const auto a = sycl::load_bytes<sycl::i32x16>(qs), b = sycl::load_bytes<sycl::i32x16>(qs + 64);
     return {{sycl::even_lanes(a, b), sycl::odd_lanes(a, b)}};
   }
-  // The nibble is looked up rather than converted: the permute needs no mask.
-  template <class T, unsigned J>
-  static CORVANE_INLINE simd<T, 16> chunk_code(const chunks& c) {
-    static constexpr sycl::f32x16 number = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-    return simd<T, 16>::exact(sycl::lookup16(number, c.bytes[J / 8] >> (4 * (J % 8))));
+  template <class T, unsigned N>
+  static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
+    static constexpr auto values = detail::make_values<32>([](unsigned code) { return code % 16; });
+    return detail::values_at<T, 4 * (N % 4)>(c.bytes[N / 4], values);
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {
-    const sycl::i32x16 pairs = sub_scales_of(p, block);
-    const sycl::f32x16 sc = sycl::to_float(__builtin_shuffle(pairs, even_twice));
-    return simd<T, 16>::exact(detail::product_in<T>(sycl::splat_half(scales_of(p, block)), sc));
+    return simd<T, 16>::exact(sycl::lookup16(block_factors<T>(p, block), even_twice));
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_offset(const planes& p, uint32_t block) {
-    const sycl::i32x16 pairs = sub_scales_of(p, block);
-    const sycl::f32x16 m = sycl::to_float(__builtin_shuffle(pairs, even_twice + 1));
-    return simd<T, 16>::exact(detail::product_in<T>(-sycl::splat_half(scales_of(p, block) + sizeof(Half)), m));
+    return simd<T, 16>::exact(sycl::lookup16(block_factors<T>(p, block), even_twice + 1));
   }
   static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
     const uint8_t* qs = p.codes + uint64_t{block} * sizeof(block_q4_K_qs);
@@ -113,20 +110,22 @@ struct q4_k_reader {
  private:
   static constexpr sycl::i32x16 even_twice = {0, 0, 2, 2, 4, 4, 6, 6, 8, 8, 10, 10, 12, 12, 14, 14};
 
-  static CORVANE_INLINE const uint8_t* scales_of(const planes& p, uint64_t block) {
-    return p.scales + block * sizeof(block_q4_K_d);
-  }
-  static CORVANE_INLINE sycl::i32x16 sub_scales_of(const planes& p, uint64_t block) {
-    return sycl::widen_u8(p.sub_scales + block * sizeof(block_q4_K_scales));
-  }
-
   // Lanes d * sc, -dmin * m of the unit's first sub-block, then of its second.
   template <class T>
   static CORVANE_INLINE sycl::f32x16 factors(const planes& p, uint32_t unit) {
-    const uint8_t* sub =
-        p.sub_scales + detail::block_of(unit) * sizeof(block_q4_K_scales) + 4 * detail::quarter_of(unit);
-    const sycl::f32x16 d = detail::scale_and_minus_minimum(scales_of(p, detail::block_of(unit)));
-    return detail::product_in<T>(d, sycl::to_float(detail::four_unsigned(sub)));
+    const uint64_t block = detail::block_of(unit);
+    const uint8_t* sub = p.sub_scales + block * sizeof(block_q4_K_scales) + 4 * detail::quarter_of(unit);
+    return products<T>(p, block, detail::four_unsigned(sub));
+  }
+  // The same of all eight sub-blocks.
+  template <class T>
+  static CORVANE_INLINE sycl::f32x16 block_factors(const planes& p, uint64_t block) {
+    return products<T>(p, block, sycl::widen_u8(p.sub_scales + block * sizeof(block_q4_K_scales)));
+  }
+  template <class T>
+  static CORVANE_INLINE sycl::f32x16 products(const planes& p, uint64_t block, sycl::i32x16 sub) {
+    const sycl::f32x16 d = detail::scale_and_minus_minimum(p.scales + block * sizeof(block_q4_K_d));
+    return detail::product_in<T>(d, sycl::to_float(sub));
   }
 };
 

@@ -92,13 +92,14 @@ struct q5_k_reader {
     return simd<T, 16>::exact(sycl::splat_half(block(p, unit) + offsetof(block_q5_K, dmin)) * -static_cast<float>(m));
   }
 
-  // A chunk is eight pairs of elements 16 apart: 8 (c % 2) to 8 (c % 2) + 7 of sub-block c / 2, and those 16 further
-  // on. Its codes are put together four at a time, one to a byte.
+  // A chunk is the elements 8 (c % 2) to 8 (c % 2) + 7 of a sub-block, and those 16 further on. Its codes are put
+  // together four at a time, one to a byte. Pair 2 m is two elements two apart, pair 2 m + 1 those 16 behind them.
   static constexpr unsigned chunk_element(unsigned c, unsigned j) {
-    return 32 * (c / 2) + 8 * (c % 2) + j / 2 + 16 * (j % 2);
+    const unsigned n = j / 2;
+    return 32 * (c / 2) + 8 * (c % 2) + 4 * (n / 4) + n / 2 % 2 + 2 * (j % 2) + 16 * (n % 2);
   }
   struct chunks {
-    sycl::i32x16 codes[4];  // first of pairs 0 to 3, of pairs 4 to 7; second of pairs 0 to 3, of pairs 4 to 7
+    sycl::i32x16 codes[4];  // elements 0 to 3, 4 to 7 of each chunk; those 16 behind them
   };
   static CORVANE_INLINE chunks fetch_chunks(const planes& p, uint32_t block) {
     // Words of each chunk: chunks 4 t to 4 t + 3 share the 32 bytes t of qs, the odd sub-block in the high nibbles; all
@@ -106,35 +107,32 @@ struct q5_k_reader {
     static constexpr sycl::i32x16 low_word = {0, 2, 0, 2, 8, 10, 8, 10, 16, 18, 16, 18, 24, 26, 24, 26};
     static constexpr sycl::i32x16 nibble = {0, 0, 4, 4, 0, 0, 4, 4, 0, 0, 4, 4, 0, 0, 4, 4};
     static constexpr sycl::i32x16 high_word = {0, 2, 0, 2, 0, 2, 0, 2, 0, 2, 0, 2, 0, 2, 0, 2};
-    static constexpr sycl::i32x16 up = {4, 4, 3, 3, 2, 2, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0};  // bit i to bit 4
-    static constexpr sycl::i32x16 down = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 2, 2, 3, 3};
+    static constexpr sycl::i32x16 to_bit_4 = {4, 4, 3, 3, 2, 2, 1, 1, 0, 0, 31, 31, 30, 30, 29, 29};  // from bit i
     const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
     const auto a = sycl::load_bytes<sycl::i32x16>(at + offsetof(block_q5_K, qs));
     const auto b = sycl::load_bytes<sycl::i32x16>(at + offsetof(block_q5_K, qs) + 64);
     const auto h = sycl::load_twice(at + offsetof(block_q5_K, qh));
     const auto words = [&](int n) {
       const sycl::i32x16 low = __builtin_shuffle(a, b, low_word + n) >> nibble;
-      const sycl::i32x16 high = __builtin_shuffle(h, high_word + n) << up >> down;
+      const sycl::i32x16 high = sycl::rotate_left(__builtin_shuffle(h, high_word + n), to_bit_4);
       return (low & 0x0F0F0F0F) | (high & 0x10101010);
     };
     return {{words(0), words(1), words(4), words(5)}};
   }
-  template <class T, unsigned J>
-  static CORVANE_INLINE simd<T, 16> chunk_code(const chunks& c) {
-    const sycl::i32x16 bits = ((c.codes[2 * (J % 2) + J / 8] >> (8 * (J / 2 % 4))) & 0xFF) | 0x4B000000;
-    return simd<T, 16>::exact(sycl::as_float(bits) - 8388608.0f);
+  template <class T, unsigned N>
+  static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
+    static constexpr auto values = detail::make_values<32>([](unsigned code) { return code; });
+    return detail::values_at<T, 8 * (N / 2 % 2)>(c.codes[2 * (N % 2) + N / 4], values);
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {
     static_assert(std::is_same_v<T, float>, "the scales of q5_k enter in float");
-    const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
-    return {{sycl::splat_half(at + offsetof(block_q5_K, d)) * sycl::to_float(each_twice(unpack(at).sc))}};
+    return simd<T, 16>::exact(sycl::lookup16(block_factors(p, block), each_twice));
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_offset(const planes& p, uint32_t block) {
     static_assert(std::is_same_v<T, float>, "the minimums of q5_k enter in float");
-    const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
-    return {{-sycl::splat_half(at + offsetof(block_q5_K, dmin)) * sycl::to_float(each_twice(unpack(at).m))}};
+    return simd<T, 16>::exact(sycl::lookup16(block_factors(p, block), each_twice + 8));
   }
   static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
     const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
@@ -142,19 +140,17 @@ struct q5_k_reader {
   }
 
  private:
-  // Eight bytes, each in two neighbouring lanes.
-  static CORVANE_INLINE sycl::i32x16 each_twice(uint64_t bytes) {
-    struct alignas(64) bit_positions {
-      uint8_t from[64];
-    };
-    static constexpr bit_positions positions = [] {
-      bit_positions p{};
-      for (unsigned c = 0; c < 16; ++c) p.from[4 * c] = static_cast<uint8_t>(8 * (c / 2));
-      return p;
-    }();
-    return sycl::multishift(bytes, sycl::load_bytes<sycl::u8x64>(&positions)) & 0xFF;
-  }
+  static constexpr sycl::i32x16 each_twice = {0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7};
 
+  // Lanes d * sc[0] to d * sc[7], then -dmin * m[0] to -dmin * m[7].
+  static CORVANE_INLINE sycl::f32x16 block_factors(const planes& p, uint32_t block) {
+    const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
+    const sub_scales s = unpack(at);
+    const uint64_t bytes[2] = {s.sc, s.m};
+    const sycl::f32x16 d = sycl::select(0xFF00, -sycl::splat_half(at + offsetof(block_q5_K, dmin)),
+                                        sycl::splat_half(at + offsetof(block_q5_K, d)));
+    return d * sycl::to_float(sycl::widen_u8(sycl::load_bytes<sycl::u8x16>(bytes)));
+  }
   static CORVANE_INLINE const uint8_t* block(const planes& p, uint32_t unit) {
     return p.blocks + detail::block_of(unit) * sizeof(block_q5_K);
   }

@@ -90,23 +90,22 @@ struct q6_k_reader {
     return detail::splat_lane<T>(factors, static_cast<int>(v));
   }
 
-  // A chunk is a sub-block. Its codes are put together four at a time, one to a byte.
-  static constexpr unsigned chunk_element(unsigned c, unsigned j) { return 16 * c + j; }
+  // A chunk is a sub-block. Its codes are put together four at a time, one to a byte; a pair is two bytes apart.
+  static constexpr unsigned chunk_element(unsigned c, unsigned j) {
+    const unsigned n = j / 2;
+    return 16 * c + 4 * (n / 2) + n % 2 + 2 * (j % 2);
+  }
   struct chunks {
-    sycl::i32x16 codes[4];  // elements 4 n to 4 n + 3 of each chunk
+    detail::six_bit_codes codes;
   };
   static CORVANE_INLINE chunks fetch_chunks(const planes& p, uint32_t block) {
-    const uint8_t* low = p.low + uint64_t{block} * sizeof(block_q6_K_ql);
-    const auto a = sycl::load_bytes<sycl::i32x16>(low), b = sycl::load_bytes<sycl::i32x16>(low + 64);
-    const auto high = sycl::load_bytes<sycl::i32x16>(p.high + uint64_t{block} * sizeof(block_q6_K_qh));
-    const sycl::i32x16 first = sycl::even_lanes(a, b), second = sycl::odd_lanes(a, b);
-    const auto join = [](sycl::i32x16 low4, sycl::i32x16 high2) { return (low4 & 0x0F0F0F0F) | (high2 & 0x30303030); };
-    return {{join(first >> 4, high >> 2), join(first, high), join(second >> 4, high << 2), join(second, high << 4)}};
+    return {detail::join_six_bits(p.low + uint64_t{block} * sizeof(block_q6_K_ql),
+                                  p.high + uint64_t{block} * sizeof(block_q6_K_qh))};
   }
-  template <class T, unsigned J>
-  static CORVANE_INLINE simd<T, 16> chunk_code(const chunks& c) {
-    const sycl::i32x16 bits = ((c.codes[J / 4] >> (8 * (J % 4))) & 0xFF) | 0x4B000000;
-    return simd<T, 16>::exact(sycl::as_float(bits) - (8388608.0f + 32.0f));
+  template <class T, unsigned N>
+  static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
+    static constexpr auto values = detail::make_values<64>([](unsigned code) { return static_cast<int>(code) - 32; });
+    return detail::values_at<T, 8 * (N % 2)>(c.codes.of_four[N / 2], values);
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {

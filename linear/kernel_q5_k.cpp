@@ -19,10 +19,9 @@ struct pair_product {
 
   static void stage(const T* x, staged& s) {
     s.sum_x = simd<float, 16>::zero();
-    for (unsigned j = 0; j < 16; j += 2) {
-      s.x[j] = detail::chunk_input<reader>(x, j);
-      s.x[j + 1] = detail::chunk_input<reader>(x, j + 1);
-      s.sum_x = s.sum_x + simd<float, 16>::exact((s.x[j] + s.x[j + 1]).to_float());
+    for (unsigned j = 0; j < 16; ++j) s.x[j] = detail::chunk_input<reader>(x, j);
+    for (unsigned j = 0; j < 16; j += j % 2 == 0 ? 1 : 3) {
+      s.sum_x = s.sum_x + simd<float, 16>::exact((s.x[j] + s.x[j + 2]).to_float());
     }
   }
 
@@ -33,12 +32,19 @@ struct pair_product {
     for (unsigned r = 0; r < Rows; ++r) codes[r] = reader::fetch_chunks(planes, block[r]);
     sum dot[Rows];
     for (unsigned r = 0; r < Rows; ++r) dot[r] = sum::zero();
-    sycl::unroll<8>([&](auto pair) {
-      constexpr unsigned j = 2 * pair;
-      for (unsigned r = 0; r < Rows; ++r) {
-        const simd<T, 16> first = input.x[j] * reader::chunk_code<T, j>(codes[r]);
-        const simd<T, 16> both = multiply_add(input.x[j + 1], reader::chunk_code<T, j + 1>(codes[r]), first);
+    const auto add = [&](unsigned r, unsigned j, const simd<T, 16>& first, const simd<T, 16>& second) {
+      if constexpr (std::is_same_v<T, float>) {  // a pair is not rounded apart from the sum
+        dot[r] = multiply_add(input.x[j + 2], second, multiply_add(input.x[j], first, dot[r]));
+      } else {
+        const simd<T, 16> both = multiply_add(input.x[j + 2], second, input.x[j] * first);
         dot[r] = dot[r] + sum::exact(both.to_float());
+      }
+    };
+    sycl::unroll<4>([&](auto m) {
+      for (unsigned r = 0; r < Rows; ++r) {
+        const auto here = reader::chunk_pair<T, 2 * m>(codes[r]), behind = reader::chunk_pair<T, 2 * m + 1>(codes[r]);
+        add(r, 4 * m, here.first, behind.first);
+        add(r, 4 * m + 1, here.second, behind.second);
       }
     });
     for (unsigned r = 0; r < Rows; ++r) {

@@ -4,7 +4,7 @@
 // As in matvec.hpp a work-group makes neighbouring output rows, each lane with a partial sum a row. But here a lane
 // takes one chunk of a block, the 16 elements under one scale, as a work-item of a device does, so that the scales of a
 // block are lanes as well and enter once for 16 elements. A lane over neighbouring elements (matvec.hpp) would scale
-// after every one or two of them: measured 1.9, 2.4 and 3.3 times slower in float, Half and BFloat16 for q4_k.
+// after every one or two of them: measured 1.9, 2.6 and 3.2 times the time in float, Half and BFloat16 for q4_k.
 //
 // The input is laid out anew for that, once a launch: lane c of entry j is element j of chunk c.
 #pragma once
@@ -20,10 +20,9 @@ namespace corvane {
 
 // How the blocks of a format meet their part of the input. Product has:
 //
-//   element, reader        T, and the format's reader
-//   staged                 256 input values laid out anew
-//   sum                    the partial sums of 16 lanes
-//   stage(x, staged)
+//   reader                                    of the format
+//   staged, stage(x, staged)                  256 input values laid out anew
+//   sum                                       the partial sums of a row, 16 lanes
 //   add_blocks(staged, planes, block, sums)   adds the products of one block of each row to the lanes of its sum
 template <class Product,
           unsigned SG_SIZE,      // required sub-group size
@@ -86,7 +85,8 @@ CORVANE_INLINE simd<T, 16> chunk_input(const T* x, unsigned j) {
 }  // namespace detail
 
 // All arithmetic in T. A lane's chunk is summed apart in a few chains, as each operation of Half and BFloat16 waits 10
-// to 20 cycles for the rounding of the one before it; 2 and 4 chains measured best, 8 spill.
+// to 20 cycles for the rounding of the one before it. Measured and dropped: 2 chains or 8 in Half (1.2 and 1.1 times
+// the time of 4), one row at a time (Half 1.2), four rows (float 1.4: registers run out).
 template <class Reader, class T>
 struct chunk_product {
   using reader = Reader;
@@ -111,11 +111,14 @@ struct chunk_product {
     typename Reader::chunks codes[Rows];
     for (unsigned r = 0; r < Rows; ++r) codes[r] = Reader::fetch_chunks(planes, block[r]);
     simd<T, 16> dot[Rows][chains];
-    sycl::unroll<16>([&](auto j) {
+    const auto add = [&](simd<T, 16>& chain, unsigned j, const simd<T, 16>& code) {
+      chain = j < chains ? input.x[j] * code : multiply_add(input.x[j], code, chain);
+    };
+    sycl::unroll<8>([&](auto n) {
       for (unsigned r = 0; r < Rows; ++r) {
-        const simd<T, 16> code = Reader::template chunk_code<T, j>(codes[r]);
-        simd<T, 16>& chain = dot[r][j % chains];
-        chain = j < chains ? input.x[j] * code : multiply_add(input.x[j], code, chain);
+        const auto pair = Reader::template chunk_pair<T, n>(codes[r]);
+        add(dot[r][2 * n % chains], 2 * n, pair.first);
+        add(dot[r][(2 * n + 1) % chains], 2 * n + 1, pair.second);
       }
     });
     for (unsigned r = 0; r < Rows; ++r) {

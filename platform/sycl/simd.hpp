@@ -116,12 +116,25 @@ CORVANE_INLINE u16x32 lookup16(u16x16 table, u16x32 index) {
   const __m512i twice = _mm512_broadcast_i64x4((__m256i)table);  // so that the fifth bit, which counts, does not matter
   return (u16x32)_mm512_permutexvar_epi16((__m512i)index, twice);
 }
+// table[index & 31] in each word; table[index & 63], the table in two parts.
+CORVANE_INLINE u16x32 lookup32(u16x32 table, u16x32 index) {
+  return (u16x32)_mm512_permutexvar_epi16((__m512i)index, (__m512i)table);
+}
+CORVANE_INLINE u16x32 lookup64(u16x32 low, u16x32 high, u16x32 index) {
+  return (u16x32)_mm512_permutex2var_epi16((__m512i)low, (__m512i)index, (__m512i)high);
+}
 CORVANE_INLINE u16x32 widen_32_u8_to_u16(const void* from) {
   return (u16x32)_mm512_cvtepu8_epi16(_mm256_loadu_si256(static_cast<const __m256i*>(from)));
 }
 // `bits` in the words whose bit in the mask is set, 0 in the others.
 CORVANE_INLINE u16x32 splat_where(std::uint32_t mask, std::int16_t bits) {
   return (u16x32)_mm512_maskz_set1_epi16(mask, bits);
+}
+CORVANE_INLINE u16x16 half_of(u16x32 x, unsigned upper) {
+  return (u16x16)(upper ? _mm512_extracti64x4_epi64((__m512i)x, 1) : _mm512_castsi512_si256((__m512i)x));
+}
+CORVANE_INLINE u16x32 widen_32_s8_to_u16(const void* from) {  // sign-extended
+  return (u16x32)_mm512_cvtepi8_epi16(_mm256_loadu_si256(static_cast<const __m256i*>(from)));
 }
 CORVANE_INLINE f64x8 low_to_double(f32x16 x) { return (f64x8)_mm512_cvtps_pd(_mm512_castps512_ps256((__m512)x)); }
 CORVANE_INLINE f64x8 high_to_double(f32x16 x) {
@@ -226,9 +239,29 @@ CORVANE_INLINE u16x32 lookup16(u16x16 table, u16x32 index) {
   for (int t = 0; t < 32; ++t) entries[t] = table[index[t] & 15];
   return entries;
 }
+CORVANE_INLINE u16x32 lookup32(u16x32 table, u16x32 index) {
+  u16x32 entries;
+  for (int t = 0; t < 32; ++t) entries[t] = table[index[t] & 31];
+  return entries;
+}
+CORVANE_INLINE u16x32 lookup64(u16x32 low, u16x32 high, u16x32 index) {
+  u16x32 entries;
+  for (int t = 0; t < 32; ++t) entries[t] = (index[t] & 32) != 0 ? high[index[t] & 31] : low[index[t] & 31];
+  return entries;
+}
 CORVANE_INLINE u16x32 widen_32_u8_to_u16(const void* from) {
   u16x32 words;
   for (int t = 0; t < 32; ++t) words[t] = static_cast<const std::uint8_t*>(from)[t];
+  return words;
+}
+CORVANE_INLINE u16x16 half_of(u16x32 x, unsigned upper) {
+  u16x16 half;
+  std::memcpy(&half, reinterpret_cast<const char*>(&x) + 32 * upper, sizeof(half));
+  return half;
+}
+CORVANE_INLINE u16x32 widen_32_s8_to_u16(const void* from) {
+  u16x32 words;
+  for (int t = 0; t < 32; ++t) words[t] = static_cast<std::uint16_t>(static_cast<const std::int8_t*>(from)[t]);
   return words;
 }
 CORVANE_INLINE u16x32 splat_where(std::uint32_t mask, std::int16_t bits) {
@@ -292,6 +325,15 @@ CORVANE_INLINE f32x16 fused_multiply_add(f32x16 a, f32x16 b, f32x16 c) { return 
 CORVANE_INLINE f64x8 fused_multiply_add(f64x8 a, f64x8 b, f64x8 c) { return a * b + c; }
 #endif
 
+// Each lane by its own count, below 32.
+CORVANE_INLINE i32x16 rotate_left(i32x16 x, i32x16 count) {
+#ifdef CORVANE_AVX512
+  return (i32x16)_mm512_rolv_epi32((__m512i)x, (__m512i)count);
+#else
+  return x << count | (i32x16)((u32x16)x >> (u32x16)(-count & 31));
+#endif
+}
+
 // 32 bytes of memory, and the same again.
 CORVANE_INLINE i32x16 load_twice(const void* from) {
   using i32x8 = std::int32_t __attribute__((vector_size(32)));
@@ -331,6 +373,15 @@ CORVANE_INLINE i32x16 multishift(std::uint64_t word, u8x64 from) {
     bytes[t] = static_cast<std::uint8_t>(word >> (from[t] & 63) | word << (-from[t] & 63));
   }
   return (i32x16)bytes;
+#endif
+}
+
+// The same with a word of 32 bits, which stands twice in the 64: a broadcast of it is a load, one of 64 bits made of 32 not.
+CORVANE_INLINE i32x16 multishift(std::uint32_t word, u8x64 from) {
+#ifdef __AVX512VBMI__
+  return (i32x16)_mm512_multishift_epi64_epi8((__m512i)from, _mm512_set1_epi32(static_cast<int>(word)));
+#else
+  return multishift(std::uint64_t{word} << 32 | word, from);
 #endif
 }
 

@@ -184,7 +184,8 @@ void expect_chunks_are_units(const std::vector<uint8_t>& weight, uint64_t blocks
     const auto chunks = Reader::fetch_chunks(planes, b);
     const auto same = [](double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); };
     sycl::unroll<16>([&](auto j) {
-      const auto codes = Reader::template chunk_code<T, j>(chunks);
+      const auto pair = Reader::template chunk_pair<T, j / 2>(chunks);
+      const auto& codes = j % 2 == 0 ? pair.first : pair.second;
       for (unsigned c = 0; c < 16; ++c) {
         const unsigned e = Reader::chunk_element(c, j), v = e % 64 / 16;
         const uint32_t unit = 4 * b + e / 64;

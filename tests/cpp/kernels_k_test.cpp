@@ -203,6 +203,26 @@ TEST(kernel_arithmetic, a_lane_of_8_bit_products_becomes_a_half) {
   EXPECT_EQ(static_cast<float>(one_output(qtype_q2_k, x, w)), 16 * 714.5f);
 }
 
+template <class T>
+void expect_trees() {
+  std::mt19937 random(1);
+  simd<T, 16> rows[16];
+  for (auto& row : rows) {
+    T lanes[16];
+    for (T& x : lanes)
+      x = static_cast<T>(static_cast<float>(random() % 4001) / 64 - 30);  // sums of Half and BFloat16 round
+    row = simd<T, 16>::load(lanes);
+  }
+  const simd<T, 16> together = sum_trees(rows);
+  for (unsigned r = 0; r < 16; ++r) EXPECT_EQ(together.lane(r), sum_tree(rows[r])) << "row " << r;
+}
+TEST(kernel_arithmetic, sixteen_trees_add_as_one_does) {
+  expect_trees<float>();
+  expect_trees<double>();
+  expect_trees<Half>();
+  expect_trees<BFloat16>();
+}
+
 TEST(kernel_launch, geometry_and_waits) {
   struct expected {
     int32_t qtype;
