@@ -41,27 +41,19 @@ struct fp6_codes {
   // Bits are brought together in each lane: e2 e1 e0 m1 m0 at the bottom, the index of a magnitude, the sign on top.
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
+    static constexpr auto smaller = table_of<T>(magnitudes(0)), larger = table_of<T>(magnitudes(1));
     static constexpr auto low_from = make_low_from(), high_from = make_high_from();
     const auto low_word = sycl::load_integer<uint64_t>(codes.low + 8 * v);
-    const auto high_word = uint64_t{sycl::load_integer<uint32_t>(codes.high + 4 * v)};
+    const auto high_word = sycl::load_integer<uint32_t>(codes.high + 4 * v);
     const sycl::i32x16 low = sycl::multishift(low_word, sycl::load_bytes<sycl::u8x64>(&low_from));
     const sycl::i32x16 high = sycl::multishift(high_word, sycl::load_bytes<sycl::u8x64>(&high_from));
-    return value<T>((low & 0x0F) | (high & ~0x0F), high);
-  }
-
-  // Values of codes whose bits e2 e1 e0 m1 m0 are the last of `index`, with the sign bits of `sign`; other bits of the
-  // two do not count.
-  template <class T>
-  static CORVANE_INLINE simd<T, 16> value(sycl::i32x16 index, sycl::i32x16 sign) {
-    static constexpr auto smaller = table_of<T>(magnitudes(0)), larger = table_of<T>(magnitudes(1));
     const sycl::f32x16 magnitude =
-        sycl::lookup32(sycl::load_bytes<sycl::f32x16>(&smaller), sycl::load_bytes<sycl::f32x16>(&larger), index);
-    return simd<T, 16>::exact(sycl::as_float(sycl::as_int(magnitude) | (sign & static_cast<int32_t>(0x80000000))));
+        sycl::lookup32(sycl::load_bytes<sycl::f32x16>(&smaller), sycl::load_bytes<sycl::f32x16>(&larger),
+                       (low & 0x0F) | (high & ~0x0F));
+    return simd<T, 16>::exact(sycl::as_float(sycl::as_int(magnitude) | (high & static_cast<int32_t>(0x80000000))));
   }
 
-  static constexpr unsigned byte_of[4] = {1, 3, 0, 2};  // where in a word the codes of four neighbours stand
-
- private:
+  // By the low four bits of a code.
   static constexpr std::array<float, 16> magnitudes(unsigned top_exponent_bit) {
     std::array<float, 16> t{};
     for (unsigned n = 0; n < 16; ++n) {
@@ -74,9 +66,11 @@ struct fp6_codes {
     return t;
   }
 
+ private:
   struct alignas(64) bit_positions {
     uint8_t from[64];
   };
+  static constexpr unsigned byte_of[4] = {1, 3, 0, 2};  // where in a word the codes of four neighbours stand
 
   // Byte 0 of lane n: the nibble of element n, in two neighbouring words of the 4-bit plane.
   static constexpr bit_positions make_low_from() {
@@ -87,7 +81,7 @@ struct fp6_codes {
     return p;
   }
 
-  // Of the word of the 2-bit plane, whose upper half is clear: the top exponent bit to bit 4 of lane n, the sign to 31.
+  // Of the word of the 2-bit plane, which stands twice in 64 bits: the top exponent bit to bit 4 of lane n, the sign to 31.
   static constexpr bit_positions make_high_from() {
     bit_positions p{};
     for (unsigned n = 0; n < 16; ++n) {
@@ -121,6 +115,9 @@ struct fp6_reader {
     const raw at = fetch(p, unit);
     sycl::prefetch(at.low);
     sycl::prefetch(at.high);
+  }
+  static CORVANE_INLINE void prefetch_scales(const planes& p, uint32_t unit) {
+    sycl::prefetch(p.scales + uint64_t{unit} * sizeof(Half));
   }
 
   using raw = fp6_codes::raw;

