@@ -26,6 +26,7 @@ STREAMED = 256 << 20  # bytes that a round of copies takes
 DTYPES = {"float": torch.float, "half": torch.half, "bfloat16": torch.bfloat16, "double": torch.double}
 
 rows: list[dict] = []
+selected = list(FORMATS)
 
 
 def report(section: str, name: str, timing: Timing, against: dict[str, float], gigabytes: float | None = None) -> None:
@@ -64,8 +65,8 @@ def check(y: torch.Tensor, x: torch.Tensor, copies: Copies, n: int = N, k: int =
 
 def bench_one_row() -> None:
     """One input row on every format and dtype, against a plain read of the packed bytes."""
-    for name, fmt in FORMATS.items():
-        copies = Copies(name)
+    for name in selected:
+        fmt, copies = FORMATS[name], Copies(name)
         for dtype_name, dtype in DTYPES.items():
             x = torch.randn(1, K).to(dtype).to("xpu")
             check(corvane.forward_new(x, copies(0), fmt.qtype, 1), x, copies)
@@ -164,7 +165,10 @@ def main() -> None:
     parser.add_argument("--json", metavar="FILE", help="write the measurements there too")
     parser.add_argument("--only", nargs="+", choices=SECTIONS, default=list(SECTIONS), metavar="SECTION",
                         help=f"of {', '.join(SECTIONS)}")  # fmt: skip
+    parser.add_argument("--formats", nargs="+", choices=FORMATS, default=selected, metavar="FORMAT",
+                        help="of the section one-row: " + ", ".join(FORMATS))  # fmt: skip
     arguments = parser.parse_args()
+    selected[:] = arguments.formats
     torch.set_num_threads(bench_memory.threads())
     commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], capture_output=True, text=True).stdout.strip()
     about = {"commit": commit, "device": host_xpu.device_name(), "processor": platform.processor(),
