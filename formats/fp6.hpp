@@ -81,7 +81,8 @@ struct fp6_codes {
     return p;
   }
 
-  // Of the word of the 2-bit plane, which stands twice in 64 bits: the top exponent bit to bit 4 of lane n, the sign to 31.
+  // Of the word of the 2-bit plane, which stands twice in 64 bits: the top exponent bit to bit 4 of lane n, the sign
+  // to 31.
   static constexpr bit_positions make_high_from() {
     bit_positions p{};
     for (unsigned n = 0; n < 16; ++n) {

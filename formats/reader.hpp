@@ -1,7 +1,7 @@
 // What a reader of a format is: the bytes of 64 consecutive elements become lanes, here and nowhere else.
 //
-// Weight rows are walked in units of 64 elements, numbered through the whole matrix (unit = flat element / 64). A reader
-// is a struct of static functions and constants:
+// Weight rows are walked in units of 64 elements, numbered through the whole matrix (unit = flat element / 64). A
+// reader is a struct of static functions and constants:
 //
 //   id                          qtype of the format
 //   shared_scale                elements under one scale: 64, 32 or 16; 0: decode gives the weight, nothing scales it
@@ -9,7 +9,8 @@
 //   planes                      where the parts of a packed tensor begin
 //   locate(weight, K, N)        planes of a tensor
 //   prefetch(planes, unit)      hint that the unit's codes will be read
-//   prefetch_scales(planes, unit)   hint that the scales of 16 units from `unit` on will, where all 64 elements of a unit
+//   prefetch_scales(planes, unit)   hint that the scales of 16 units from `unit` on will, where all 64 elements of a
+//   unit
 //                               share one
 //   raw, fetch(planes, unit)    a unit's codes, as far as they are best unpacked 64 at a time
 //   decode<T>(raw, v)           codes of elements 16v to 16v + 15 of the unit as T, unscaled, in element order; v < 4
@@ -18,8 +19,8 @@
 //   scales<T>(planes, unit, n), offsets<T>(planes, unit, n)   those of n <= 16 units from `unit` on, one to a lane, the
 //                               other lanes zero, where all 64 elements share them
 //
-// A format whose units, or halves of units, have at most sixteen different values each says so by three more functions, for outputs of 16
-// bits, where a look-up of values beats decoding:
+// A format whose units, or halves of units, have at most sixteen different values each says so by three more functions,
+// for outputs of 16 bits, where a look-up of values beats decoding:
 //
 //   value_index(raw, h)               numbers of the values of elements 32 h to 32 h + 31 in the low four bits of 32
 //                                     words; h < 2

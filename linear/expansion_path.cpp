@@ -40,10 +40,18 @@ void expand_fp8_e4m3(const at::Tensor& weight, at::Tensor& expanded) {
 // The explicit-SIMD expansion of a format, into a given (output_size, state_size) tensor of float or Half.
 void expand_fast(int32_t qtype, const at::Tensor& weight, at::Tensor expanded) {
   switch (qtype) {
-    case qtype_q4_0: dequantize_q4_0(weight, expanded); break;
-    case qtype_q4_1: dequantize_q4_1(weight, expanded); break;
-    case qtype_fp4: dequantize_fp4(weight, expanded); break;
-    case qtype_q8_0: dequantize_q8_0(weight, expanded); break;
+    case qtype_q4_0:
+      dequantize_q4_0(weight, expanded);
+      break;
+    case qtype_q4_1:
+      dequantize_q4_1(weight, expanded);
+      break;
+    case qtype_fp4:
+      dequantize_fp4(weight, expanded);
+      break;
+    case qtype_q8_0:
+      dequantize_q8_0(weight, expanded);
+      break;
     case qtype_fp8_e4m3:
       if (expanded.scalar_type() == at::kFloat) {
         expand_fp8_e4m3<float>(weight, expanded);
@@ -51,12 +59,23 @@ void expand_fast(int32_t qtype, const at::Tensor& weight, at::Tensor expanded) {
         expand_fp8_e4m3<Half>(weight, expanded);
       }
       break;
-    case qtype_fp8_e5m2: dequantize_fp8_e5m2(weight, expanded); break;
-    case qtype_fp6: dequantize_fp6(weight, expanded); break;
-    case qtype_fp6_k: dequantize_fp6_k(weight, expanded); break;
-    case qtype_q4_k: dequantize_q4_k(weight, expanded); break;
-    case qtype_q6_k: dequantize_q6_k(weight, expanded); break;
-    default: fail(here, "no fast expansion for qtype " + std::to_string(qtype));
+    case qtype_fp8_e5m2:
+      dequantize_fp8_e5m2(weight, expanded);
+      break;
+    case qtype_fp6:
+      dequantize_fp6(weight, expanded);
+      break;
+    case qtype_fp6_k:
+      dequantize_fp6_k(weight, expanded);
+      break;
+    case qtype_q4_k:
+      dequantize_q4_k(weight, expanded);
+      break;
+    case qtype_q6_k:
+      dequantize_q6_k(weight, expanded);
+      break;
+    default:
+      fail(here, "no fast expansion for qtype " + std::to_string(qtype));
   }
 }
 
@@ -65,8 +84,12 @@ template <class T>
 void expand_direct(const linear_call& call, const uint8_t* weight, T* expanded, c10::Device device) {
   const auto k = static_cast<uint64_t>(call.state_size), n = static_cast<uint64_t>(call.output_size);
   switch (call.qtype) {
-    case qtype_q5_0: qlinear_xpu_dequantize_kernel_q5_0<T>(weight, expanded, k, n, device); break;
-    case qtype_q5_1: qlinear_xpu_dequantize_kernel_q5_1<T>(weight, expanded, k, n, device); break;
+    case qtype_q5_0:
+      qlinear_xpu_dequantize_kernel_q5_0<T>(weight, expanded, k, n, device);
+      break;
+    case qtype_q5_1:
+      qlinear_xpu_dequantize_kernel_q5_1<T>(weight, expanded, k, n, device);
+      break;
     case qtype_nf4:
       if (call.device_class == 0) {
         qlinear_xpu_dequantize_kernel_nf4_1x4<T, 32>(weight, expanded, k, n, device);
@@ -74,14 +97,29 @@ void expand_direct(const linear_call& call, const uint8_t* weight, T* expanded, 
         qlinear_xpu_dequantize_kernel_nf4_1x2<T, 16>(weight, expanded, k, n, device);
       }
       break;
-    case qtype_nf3: qlinear_xpu_dequantize_kernel_nf3_new<T>(weight, expanded, k, n, device); break;
-    case qtype_iq2_xxs: qlinear_xpu_dequantize_kernel_iq2_xxs<T>(weight, expanded, k, n, device); break;
-    case qtype_q2_k: qlinear_xpu_dequantize_kernel_q2_k<T>(weight, expanded, k, n, device); break;
-    case qtype_iq1_s: qlinear_xpu_dequantize_kernel_iq1_s<T>(weight, expanded, k, n, device); break;
-    case qtype_q6_k: qlinear_xpu_dequantize_kernel_q6_k<T>(weight, expanded, k, n, device); break;
-    case qtype_q4_k: qlinear_xpu_dequantize_kernel_q4_k<T>(weight, expanded, k, n, device); break;
-    case qtype_q5_k: qlinear_xpu_dequantize_kernel_q5_k<T>(weight, expanded, k, n, device); break;
-    default: fail(here, "no direct expansion for qtype " + std::to_string(call.qtype));
+    case qtype_nf3:
+      qlinear_xpu_dequantize_kernel_nf3_new<T>(weight, expanded, k, n, device);
+      break;
+    case qtype_iq2_xxs:
+      qlinear_xpu_dequantize_kernel_iq2_xxs<T>(weight, expanded, k, n, device);
+      break;
+    case qtype_q2_k:
+      qlinear_xpu_dequantize_kernel_q2_k<T>(weight, expanded, k, n, device);
+      break;
+    case qtype_iq1_s:
+      qlinear_xpu_dequantize_kernel_iq1_s<T>(weight, expanded, k, n, device);
+      break;
+    case qtype_q6_k:
+      qlinear_xpu_dequantize_kernel_q6_k<T>(weight, expanded, k, n, device);
+      break;
+    case qtype_q4_k:
+      qlinear_xpu_dequantize_kernel_q4_k<T>(weight, expanded, k, n, device);
+      break;
+    case qtype_q5_k:
+      qlinear_xpu_dequantize_kernel_q5_k<T>(weight, expanded, k, n, device);
+      break;
+    default:
+      fail(here, "no direct expansion for qtype " + std::to_string(call.qtype));
   }
 }
 

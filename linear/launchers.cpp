@@ -86,17 +86,21 @@ at::Tensor launch_format(const at::Tensor& input, const at::Tensor& weight, int6
   const linear_call call{device_class.linear_forward, Id, input.scalar_type(), rows, state_size, output_size, row_hint};
   const linear_path path = select_path(call, policy);
   switch (path) {
-    case linear_path::matrix_vector: return one_row<Id, SG, WG, Q4Rows>(input, weight, state_size, output_size);
+    case linear_path::matrix_vector:
+      return one_row<Id, SG, WG, Q4Rows>(input, weight, state_size, output_size);
     case linear_path::small_batch:
       if constexpr (Id == qtype_q4_0 || Id == qtype_nf4) {
         return small_batch<Id, SG, WG>(input, weight, rows, state_size, output_size);
       }
       break;
-    case linear_path::tile: return multiply_by_tiles(call, policy, input, weight);
+    case linear_path::tile:
+      return multiply_by_tiles(call, policy, input, weight);
     case linear_path::fast_expansion:
     case linear_path::general_expansion:
-    case linear_path::direct_expansion: return expand_and_multiply(path, call, input, weight);
-    case linear_path::systolic: break;  // taken before any launcher
+    case linear_path::direct_expansion:
+      return expand_and_multiply(path, call, input, weight);
+    case linear_path::systolic:
+      break;  // taken before any launcher
     case linear_path::refused:
       throw std::runtime_error("Unsupported input dtype, only fp32 and fp16 are supported");
   }
@@ -108,14 +112,14 @@ constexpr linear_launcher entry() {
   if constexpr (same_on_all_classes(Id)) {
     return launch_format<Id, 32, 32, 2>;
   } else {
-    return launch_format<Id, SG, WG, Id == qtype_q4_0 ? Q4Rows : 2>;
+    return launch_format < Id, SG, WG, Id == qtype_q4_0 ? Q4Rows : 2 > ;
   }
 }
 
 using formats_with_launcher =
     std::integer_sequence<int32_t, qtype_q4_0, qtype_q4_1, qtype_q5_0, qtype_q5_1, qtype_q8_0, qtype_nf4, qtype_nf3,
-                          qtype_fp8_e4m3, qtype_fp4, qtype_fp8_e5m2, qtype_iq2_xxs, qtype_q2_k, qtype_iq1_s,
-                          qtype_q6_k, qtype_q4_k, qtype_q5_k, qtype_fp6, qtype_fp6_k>;
+                          qtype_fp8_e4m3, qtype_fp4, qtype_fp8_e5m2, qtype_iq2_xxs, qtype_q2_k, qtype_iq1_s, qtype_q6_k,
+                          qtype_q4_k, qtype_q5_k, qtype_fp6, qtype_fp6_k>;
 
 template <int32_t... Id>
 constexpr bool are_all_formats(std::integer_sequence<int32_t, Id...>) {

@@ -8,9 +8,7 @@
 namespace corvane {
 
 // Formats whose kernels take the input row as 8-bit blocks (linear/q8_1.hpp), not as it is.
-constexpr bool quantises_input(int32_t id) {
-  return id == qtype_iq2_xxs || id == qtype_q2_k || id == qtype_iq1_s;
-}
+constexpr bool quantises_input(int32_t id) { return id == qtype_iq2_xxs || id == qtype_q2_k || id == qtype_iq1_s; }
 
 // Formats whose one-row kernel has no size parameters: the same on all device classes.
 constexpr bool same_on_all_classes(int32_t id) { return quantises_input(id) || id == qtype_q5_k; }

@@ -9,11 +9,11 @@ enum class tile_rule : uint8_t { none, low_memory, class_1 };
 
 // How a format treats rows other than 1. The order of the columns is the order of the tests.
 struct path_rule {
-  int64_t small_batch_rows = 0;     // most rows of the small-batch kernel; 0: the format has none
+  int64_t small_batch_rows = 0;  // most rows of the small-batch kernel; 0: the format has none
   bool small_batch_on_class_0 = false;
   tile_rule tile = tile_rule::none;
-  int64_t fast_units = 0;           // fast expansion needs float or Half, and this many units to divide the weight; 0: none
-  int64_t unit_elements = 64;       // elements of such a unit
+  int64_t fast_units = 0;      // fast expansion needs float or Half, and this many units to divide the weight; 0: none
+  int64_t unit_elements = 64;  // elements of such a unit
   linear_path otherwise = linear_path::direct_expansion;
 };
 
@@ -22,27 +22,38 @@ path_rule rule_of(int32_t qtype) {
   constexpr auto direct = linear_path::direct_expansion;
   constexpr auto refused = linear_path::refused;
   switch (qtype) {
-    case qtype_q4_0: return {7, false, tile_rule::low_memory, 8, 64, general};
+    case qtype_q4_0:
+      return {7, false, tile_rule::low_memory, 8, 64, general};
     case qtype_q8_0:
-    case qtype_fp8_e5m2: return {0, false, tile_rule::class_1, 4, 64, general};
+    case qtype_fp8_e5m2:
+      return {0, false, tile_rule::class_1, 4, 64, general};
     case qtype_q4_1:
-    case qtype_fp4: return {0, false, tile_rule::none, 8, 64, general};
-    case qtype_nf4: return {14, true, tile_rule::none, 0, 64, direct};
-    case qtype_fp8_e4m3: return {0, false, tile_rule::none, 1, 64, refused};
+    case qtype_fp4:
+      return {0, false, tile_rule::none, 8, 64, general};
+    case qtype_nf4:
+      return {14, true, tile_rule::none, 0, 64, direct};
+    case qtype_fp8_e4m3:
+      return {0, false, tile_rule::none, 1, 64, refused};
     case qtype_fp6:
-    case qtype_fp6_k: return {0, false, tile_rule::none, 8, 64, refused};
+    case qtype_fp6_k:
+      return {0, false, tile_rule::none, 8, 64, refused};
     case qtype_q4_k:
-    case qtype_q6_k: return {0, false, tile_rule::none, 2, 256, direct};
-    default: return {};  // q5_0, q5_1, nf3, q2_k, q5_k and the grid formats: direct expansion alone
+    case qtype_q6_k:
+      return {0, false, tile_rule::none, 2, 256, direct};
+    default:
+      return {};  // q5_0, q5_1, nf3, q2_k, q5_k and the grid formats: direct expansion alone
   }
 }
 
 bool takes_tile_path(tile_rule rule, const linear_call& call, const tile_policy& policy) {
   switch (rule) {
-    case tile_rule::none: return false;
+    case tile_rule::none:
+      return false;
     case tile_rule::low_memory:
-      return (call.device_class == 4 || policy.low_memory) && policy.threshold < call.output_size && call.row_hint >= 129;
-    case tile_rule::class_1: return call.device_class == 1 && policy.threshold <= call.output_size;
+      return (call.device_class == 4 || policy.low_memory) && policy.threshold < call.output_size &&
+             call.row_hint >= 129;
+    case tile_rule::class_1:
+      return call.device_class == 1 && policy.threshold <= call.output_size;
   }
   return false;
 }

@@ -48,8 +48,7 @@ auto recorded_call(const char* label, const at::Tensor& recorded, const Body& bo
 
 at::Tensor linear_forward_new(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t row_hint) {
   check_tensors("linear_forward_new", {{input, "input"}, {weight, "weights"}});
-  return recorded_call("vorel_qlinear_forward", input,
-                       [&] { return linear_forward(input, weight, qtype, row_hint); });
+  return recorded_call("vorel_qlinear_forward", input, [&] { return linear_forward(input, weight, qtype, row_hint); });
 }
 
 std::vector<at::Tensor> linear_xpu_qkv(const at::Tensor& input, const at::Tensor& weight_q, const at::Tensor& weight_k,

@@ -111,7 +111,8 @@ at::Tensor dequantize_rows_body(const at::Tensor& input, const at::Tensor& weigh
   if (qtype != qtype_q2_k && qtype != qtype_q4_k) return output;
   const bool is_q4_k = qtype == qtype_q4_k;
   const char* name = is_q4_k ? "xpu_dequantize_rows_kernel_q4_k" : "xpu_dequantize_rows_kernel_q2_k";
-  check_multiple(state_size, 64, {"linear_xpu_kernel", name});  // as the launcher does, but ahead of what needs whole rows
+  check_multiple(state_size, 64,
+                 {"linear_xpu_kernel", name});  // as the launcher does, but ahead of what needs whole rows
   check_rows(input, weight, qtype, state_size, output_size);
   auto* kernel = is_q4_k ? xpu_dequantize_rows_kernel_q4_k : xpu_dequantize_rows_kernel_q2_k;
   kernel(weight.data_ptr<uint8_t>(), input.data_ptr<int64_t>(), output.data_ptr<float>(), batch, sequence, state_size,

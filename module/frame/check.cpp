@@ -15,8 +15,8 @@ void check_multiple(uint64_t value, uint64_t of, const origin& where) {
 
 void check_whole_blocks(uint64_t state_size, uint64_t block_elements, const origin& where) {
   if (state_size % block_elements != 0) {
-    fail(where, "state_size " + std::to_string(state_size) + " must be a multiple of " + std::to_string(block_elements) +
-                    ", the elements of a block: a weight row has to begin on a block");
+    fail(where, "state_size " + std::to_string(state_size) + " must be a multiple of " +
+                    std::to_string(block_elements) + ", the elements of a block: a weight row has to begin on a block");
   }
 }
 

@@ -1,4 +1,5 @@
-// Framework check failures raised on behalf of a named kernel or operator, for sources that include no framework header.
+// Framework check failures raised on behalf of a named kernel or operator, for sources that include no framework
+// header.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +7,8 @@
 
 namespace corvane {
 
-// Where a failure or a launch comes from: stem of the source and name of the function, as messages and profiler show it.
+// Where a failure or a launch comes from: stem of the source and name of the function, as messages and profiler show
+// it.
 struct origin {
   const char* source;
   const char* function;

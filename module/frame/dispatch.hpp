@@ -19,11 +19,16 @@ struct type_tag {
 template <class F>
 auto dispatch_floating(c10::ScalarType dtype, const char* label, const origin& where, const F& f) {
   switch (dtype) {
-    case c10::ScalarType::Half: return f(type_tag<c10::Half>{});
-    case c10::ScalarType::Float: return f(type_tag<float>{});
-    case c10::ScalarType::Double: return f(type_tag<double>{});
-    case c10::ScalarType::BFloat16: return f(type_tag<c10::BFloat16>{});
-    default: fail(where, '"' + std::string(label) + "\" not implemented for '" + c10::toString(dtype) + "'");
+    case c10::ScalarType::Half:
+      return f(type_tag<c10::Half>{});
+    case c10::ScalarType::Float:
+      return f(type_tag<float>{});
+    case c10::ScalarType::Double:
+      return f(type_tag<double>{});
+    case c10::ScalarType::BFloat16:
+      return f(type_tag<c10::BFloat16>{});
+    default:
+      fail(where, '"' + std::string(label) + "\" not implemented for '" + c10::toString(dtype) + "'");
   }
 }
 

@@ -22,9 +22,8 @@ void record_event(const char* label, sycl::event& done);
 template <int D, class Kernel>
 void launch(c10::Device device, const origin& where, const sycl::nd_range<D>& range, sycl::sub_group_size sub_group,
             const Kernel& kernel, host_wait wait = host_wait::no, const char* label = default_label) {
-  sycl::event done = current_queue(device).submit(
-      [&](sycl::handler& h) { h.parallel_for(range, sub_group, kernel); },
-      sycl::detail::code_location{where.source, where.function});
+  sycl::event done = current_queue(device).submit([&](sycl::handler& h) { h.parallel_for(range, sub_group, kernel); },
+                                                  sycl::detail::code_location{where.source, where.function});
   if (wait == host_wait::yes) done.wait();
   record_event(label, done);
 }

@@ -15,9 +15,8 @@ class range_function {
  public:
   template <class F>
   range_function(const F& f)  // NOLINT(google-explicit-constructor): a parameter type, as function_ref is
-      : object_(std::addressof(f)), call_([](const void* object, size_t begin, size_t end) {
-          (*static_cast<const F*>(object))(begin, end);
-        }) {}
+      : object_(std::addressof(f)),
+        call_([](const void* object, size_t begin, size_t end) { (*static_cast<const F*>(object))(begin, end); }) {}
   void operator()(size_t begin, size_t end) const { call_(object_, begin, end); }
 
  private:

@@ -52,10 +52,10 @@ struct code_location {
 
 // One launch, as a profiler would see it.
 struct launch_record {
-  std::string kernel;                   // function name of the source location
-  std::string source;                   // its source stem
-  std::string label;                    // profiler label
-  bool labelled = false;                // false until the profiler was told
+  std::string kernel;     // function name of the source location
+  std::string source;     // its source stem
+  std::string label;      // profiler label
+  bool labelled = false;  // false until the profiler was told
   std::vector<std::size_t> global_size;
   std::vector<std::size_t> local_size;  // empty: a basic range
   int sub_group_size = 0;               // 0: none required
@@ -110,8 +110,8 @@ class handler {
     run_groups(range, kernel);
   }
 
-  // A range without work-groups of its own: the platform cuts it as it likes, here into boxes of `piece` items (fewer at
-  // the ends), and kernel(box) does all items of a box, so that it can hold in registers what they share.
+  // A range without work-groups of its own: the platform cuts it as it likes, here into boxes of `piece` items (fewer
+  // at the ends), and kernel(box) does all items of a box, so that it can hold in registers what they share.
   template <class Kernel>
   void parallel_for(const range3& range, const range3& piece, const Kernel& kernel) {
     record_.global_size.assign(range.begin(), range.end());

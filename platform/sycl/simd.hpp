@@ -376,7 +376,8 @@ CORVANE_INLINE i32x16 multishift(std::uint64_t word, u8x64 from) {
 #endif
 }
 
-// The same with a word of 32 bits, which stands twice in the 64: a broadcast of it is a load, one of 64 bits made of 32 not.
+// The same with a word of 32 bits, which stands twice in the 64: a broadcast of it is a load, one of 64 bits made of 32
+// not.
 CORVANE_INLINE i32x16 multishift(std::uint32_t word, u8x64 from) {
 #ifdef __AVX512VBMI__
   return (i32x16)_mm512_multishift_epi64_epi8((__m512i)from, _mm512_set1_epi32(static_cast<int>(word)));

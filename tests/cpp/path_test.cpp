@@ -21,9 +21,7 @@ struct row {
 const tile_policy usual{};
 const tile_policy low_memory{50000, true, 4096};
 
-path taken(const row& r) {
-  return takes_systolic_path(r.call, true) ? path::systolic : select_path(r.call, r.policy);
-}
+path taken(const row& r) { return takes_systolic_path(r.call, true) ? path::systolic : select_path(r.call, r.policy); }
 
 const row rows[] = {
     {"one row", {1, 2, ScalarType::Half, 1, 64, 64, 1}, usual, path::matrix_vector},

@@ -46,7 +46,8 @@ TYPED_TEST(simd_16_bit, rounds_between_neighbours_as_the_scalar_type_does) {
   for (unsigned bits = 0; bits < 0xFFFF; ++bits) {
     const auto low = static_cast<float>(from_bits<T>(bits)), high = static_cast<float>(from_bits<T>(bits + 1));
     const float middle = low + (high - low) / 2;
-    float in[16] = {low, middle, std::nextafter(middle, low), std::nextafter(middle, high), low * 1.0001f, high * 0.9999f};
+    float in[16] = {low,           middle,        std::nextafter(middle, low), std::nextafter(middle, high),
+                    low * 1.0001f, high * 0.9999f};
     const auto rounded = simd<T, 16>::from_float(sycl::load_bytes<sycl::f32x16>(in));
     for (unsigned i = 0; i < 6; ++i) ASSERT_TRUE(same(rounded.lane(i), static_cast<T>(in[i]))) << in[i];
   }
@@ -65,7 +66,8 @@ TYPED_TEST(simd_16_bit, from_float_makes_any_nan_a_nan) {
 TYPED_TEST(simd_16_bit, arithmetic_rounds_after_each_operation) {
   using T = TypeParam;
   std::vector<T> partners;
-  for (const float x : {0.0f, -0.0f, 1.0f, -3.0f, 0.333f, 1000.0f, -60000.0f, 1e-7f, 6e-5f, 3e38f, 1e-40f, INFINITY, NAN}) {
+  for (const float x :
+       {0.0f, -0.0f, 1.0f, -3.0f, 0.333f, 1000.0f, -60000.0f, 1e-7f, 6e-5f, 3e38f, 1e-40f, INFINITY, NAN}) {
     partners.push_back(static_cast<T>(x));
   }
   const T c_scalar = static_cast<T>(0.7f);

@@ -78,7 +78,11 @@ TEST(queue, runs_in_order_and_event_remembers_waits) {
 TEST(queue, log_fills_between_begin_and_end_alone) {
   sycl::queue queue(0);
   const auto submit = [&] {
-    queue.submit([](sycl::handler& h) { h.parallel_for(sycl::range3{2, 3, 4}, sycl::range3{1, 2, 3}, [](const sycl::item_box&) {}); }, here);
+    queue.submit(
+        [](sycl::handler& h) {
+          h.parallel_for(sycl::range3{2, 3, 4}, sycl::range3{1, 2, 3}, [](const sycl::item_box&) {});
+        },
+        here);
   };
   const auto outer = std::make_shared<sycl::launch_log::list>(), inner = std::make_shared<sycl::launch_log::list>();
   submit();
