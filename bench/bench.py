@@ -16,7 +16,7 @@ import corvane
 import host_xpu
 import numpy as np
 import torch
-from measure import Timing, alternate
+from measure import SETTLE, Timing, alternate
 from reference.formats import decode
 from reference.random_weights import random_weight
 from reference.registry import FORMATS
@@ -103,7 +103,7 @@ def bench_linear() -> None:
         for name, dtype in DTYPES.items():
             x, w = torch.randn(row_count, K).to(dtype).to("xpu"), weight.to(dtype).to("xpu")
             candidates[name] = lambda _, x=x, w=w: torch.nn.functional.linear(x, w)
-        times = alternate(candidates)
+        times = alternate(candidates, settle=SETTLE)
         for name in DTYPES:
             ratio = times[name].median / times["dense"].median
             report("linear", f"{name} {row_count} rows", times[name], {"dense float": ratio})
@@ -125,7 +125,8 @@ def bench_rows() -> None:
                 {
                     "dense": dense(row_count, weight),
                     "call": lambda i, x=x: corvane.forward_new(x, copies(i), 2, x.size(0)),
-                }
+                },
+                settle=SETTLE,
             )
             call = times["call"].median
             one_row.setdefault(dtype_name, call)
