@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/sycl/queue.hpp"
+#include "platform/xpu/allocator.hpp"
 #include "platform/xpu/stream.hpp"
 
 namespace py = pybind11;
@@ -144,6 +145,16 @@ void define_streams(py::module_& module) {
   module.def("current_stream", &xpu::current_stream, "The current stream of the calling thread.");
 }
 
+void define_memory(py::module_& module) {
+  module.def("memory_allocated", &xpu::memory_allocated,
+             "Bytes of device memory that tensors hold. A block is at most an eighth larger than its tensor.");
+  module.def("max_memory_allocated", &xpu::max_memory_allocated,
+             "The most bytes that tensors held at a time, since the start or the last reset_peak_memory_stats().");
+  module.def("reset_peak_memory_stats", &xpu::reset_peak_memory_stats,
+             "Sets max_memory_allocated() to memory_allocated().");
+  module.def("empty_cache", &xpu::empty_cache, "Gives freed blocks, which are kept for reuse, back to the system.");
+}
+
 }  // namespace
 
 PYBIND11_MODULE(host_xpu, module) {
@@ -155,5 +166,6 @@ PYBIND11_MODULE(host_xpu, module) {
       "brand.");
   module.def("synchronize", &xpu::synchronize, "Waits until all streams have run everything submitted to them.");
   define_streams(module);
+  define_memory(module);
   define_records(module);
 }

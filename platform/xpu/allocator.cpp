@@ -1,10 +1,12 @@
 #include "platform/xpu/allocator.hpp"
 
 #include <c10/util/Exception.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +33,16 @@ std::size_t physical_memory() {
                    physical_memory(), " bytes in all");
 }
 
+// Bytes of the blocks in use, and the most there were.
+std::atomic<std::size_t> used_bytes{0}, peak_bytes{0};
+
+void count_acquired(std::size_t bytes) {
+  const std::size_t used = used_bytes += bytes;
+  std::size_t peak = peak_bytes;
+  while (peak < used && !peak_bytes.compare_exchange_weak(peak, used)) {
+  }
+}
+
 #ifdef CORVANE_GUARDED_ALLOCATOR
 
 // Each block is an allocation of its own and of exactly the size asked for, so that a sanitizer sees an overrun by one
@@ -38,10 +50,14 @@ std::size_t physical_memory() {
 void* acquire(std::size_t bytes) {
   void* block = nullptr;
   if (bytes > physical_memory() || posix_memalign(&block, alignment, bytes) != 0) out_of_memory(bytes);
+  count_acquired(malloc_usable_size(block));
   return block;
 }
 
-void release(void* block) { std::free(block); }
+void release(void* block) {
+  used_bytes -= malloc_usable_size(block);
+  std::free(block);
+}
 
 void drop_cached_blocks() {}
 
@@ -81,7 +97,7 @@ class block_cache {
       void* block = blocks.back();
       blocks.pop_back();
       cached_bytes_ -= wanted.bytes;
-      used_bytes_ += wanted.bytes;
+      count_acquired(wanted.bytes);
       return block;
     }
     void* block = from_system(wanted.bytes);
@@ -91,7 +107,7 @@ class block_cache {
     }
     if (block == nullptr) out_of_memory(bytes);
     home_.emplace(block, wanted);
-    used_bytes_ += wanted.bytes;
+    count_acquired(wanted.bytes);
     return block;
   }
 
@@ -99,7 +115,7 @@ class block_cache {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto home = home_.find(block);
     const size_class kind = home->second;
-    used_bytes_ -= kind.bytes;
+    used_bytes -= kind.bytes;
     if (cached_bytes_ + kind.bytes <= physical_memory() / 4) {
       free_[kind.index].push_back(block);
       cached_bytes_ += kind.bytes;
@@ -117,7 +133,7 @@ class block_cache {
  private:
   // Memory beyond the machine's would be promised all the same, and the process killed when it is touched.
   void* from_system(std::size_t bytes) const {
-    if (used_bytes_ + cached_bytes_ + bytes > physical_memory()) return nullptr;
+    if (used_bytes + cached_bytes_ + bytes > physical_memory()) return nullptr;
     const bool huge = bytes >= huge_page;
     void* block = nullptr;
     if (posix_memalign(&block, huge ? huge_page : alignment, bytes) != 0) return nullptr;
@@ -139,7 +155,7 @@ class block_cache {
   std::mutex mutex_;
   std::unordered_map<void*, size_class> home_;  // of every block, in use or cached
   std::array<std::vector<void*>, class_count> free_;
-  std::size_t cached_bytes_ = 0, used_bytes_ = 0;
+  std::size_t cached_bytes_ = 0;
 };
 
 block_cache& cache() {
@@ -194,5 +210,9 @@ c10::DataPtr relabel(c10::DataPtr&& data, c10::Device device) {
 }
 
 void empty_cache() { drop_cached_blocks(); }
+
+std::size_t memory_allocated() { return used_bytes; }
+std::size_t max_memory_allocated() { return peak_bytes; }
+void reset_peak_memory_stats() { peak_bytes = used_bytes.load(); }
 
 }  // namespace xpu

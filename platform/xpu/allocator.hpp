@@ -21,4 +21,10 @@ c10::DataPtr relabel(c10::DataPtr&& data, c10::Device device);
 // Gives all cached blocks back to the system.
 void empty_cache();
 
+// Bytes of the blocks that tensors hold now, and the most they held since the start or the last reset. A block is at
+// most an eighth larger than what was asked for.
+std::size_t memory_allocated();
+std::size_t max_memory_allocated();
+void reset_peak_memory_stats();
+
 }  // namespace xpu

@@ -89,6 +89,18 @@ def current_stream() -> Stream:
 def stream(stream: Stream) -> StreamContext:
     """Context manager: within it `stream` is the current stream of the calling thread."""
 
+def memory_allocated() -> int:
+    """Bytes of device memory that tensors hold. A block is at most an eighth larger than its tensor."""
+
+def max_memory_allocated() -> int:
+    """The most bytes that tensors held at a time, since the start or the last reset_peak_memory_stats()."""
+
+def reset_peak_memory_stats() -> None:
+    """Sets max_memory_allocated() to memory_allocated()."""
+
+def empty_cache() -> None:
+    """Gives freed blocks, which are kept for reuse, back to the system."""
+
 def record_launches() -> LaunchRecorder:
     """Records the kernel launches of all threads and queues between entering and leaving the context.
 
