@@ -38,6 +38,34 @@ struct fp6_codes {
     const uint8_t* high;  // in the 2-bit plane
   };
 
+ private:
+  struct alignas(64) bit_positions {
+    uint8_t from[64];
+  };
+  static constexpr unsigned byte_of[4] = {1, 3, 0, 2};  // where in a word the codes of four neighbours stand
+
+  // Byte 0 of lane n: the nibble of element n, in two neighbouring words of the 4-bit plane.
+  static constexpr bit_positions make_low_from() {
+    bit_positions p{};
+    for (unsigned n = 0; n < 16; ++n) {
+      p.from[4 * n] = static_cast<uint8_t>(32 * (n / 8) + 8 * byte_of[n % 4] + (n / 4 % 2 == 0 ? 4 : 0));
+    }
+    return p;
+  }
+
+  // Of the word of the 2-bit plane, which stands twice in 64 bits: the top exponent bit to bit 4 of lane n, the sign
+  // to 31.
+  static constexpr bit_positions make_high_from() {
+    bit_positions p{};
+    for (unsigned n = 0; n < 16; ++n) {
+      const unsigned sign_at = 8 * byte_of[n % 4] + 7 - 2 * (n / 4);
+      p.from[4 * n] = static_cast<uint8_t>((sign_at - 1 - 4) & 63);
+      p.from[4 * n + 3] = static_cast<uint8_t>((sign_at - 7) & 63);
+    }
+    return p;
+  }
+
+ public:
   // Bits are brought together in each lane: e2 e1 e0 m1 m0 at the bottom, the index of a magnitude, the sign on top.
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
@@ -64,33 +92,6 @@ struct fp6_codes {
       t[n] = power * (exponent == 0 ? mantissa : 1.0f + mantissa);
     }
     return t;
-  }
-
- private:
-  struct alignas(64) bit_positions {
-    uint8_t from[64];
-  };
-  static constexpr unsigned byte_of[4] = {1, 3, 0, 2};  // where in a word the codes of four neighbours stand
-
-  // Byte 0 of lane n: the nibble of element n, in two neighbouring words of the 4-bit plane.
-  static constexpr bit_positions make_low_from() {
-    bit_positions p{};
-    for (unsigned n = 0; n < 16; ++n) {
-      p.from[4 * n] = static_cast<uint8_t>(32 * (n / 8) + 8 * byte_of[n % 4] + (n / 4 % 2 == 0 ? 4 : 0));
-    }
-    return p;
-  }
-
-  // Of the word of the 2-bit plane, which stands twice in 64 bits: the top exponent bit to bit 4 of lane n, the sign
-  // to 31.
-  static constexpr bit_positions make_high_from() {
-    bit_positions p{};
-    for (unsigned n = 0; n < 16; ++n) {
-      const unsigned sign_at = 8 * byte_of[n % 4] + 7 - 2 * (n / 4);
-      p.from[4 * n] = static_cast<uint8_t>((sign_at - 1 - 4) & 63);
-      p.from[4 * n + 3] = static_cast<uint8_t>((sign_at - 7) & 63);
-    }
-    return p;
   }
 };
 

@@ -95,7 +95,7 @@ struct iq1_s_reader {
     const auto words = sycl::load_twice(at + sizeof(block_iq1_s) - 32);
     static constexpr sycl::i32x16 word = {4, 4, 4, 4, 5, 5, 5, 5, 6, 6, 6, 6, 7, 7, 7, 7};
     static constexpr sycl::i32x16 down = {12, 12, 28, 28, 12, 12, 28, 28, 12, 12, 28, 28, 12, 12, 28, 28};
-    const sycl::i32x16 scale = (__builtin_shuffle(words, word) >> down) & 7;
+    const sycl::i32x16 scale = (sycl::shuffle(words, word) >> down) & 7;
     return simd<T, 16>::exact(sycl::splat_half(at) * sycl::to_float(2 * scale + 1));
   }
 

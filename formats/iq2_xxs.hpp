@@ -95,7 +95,7 @@ struct iq2_xxs_reader {
     static_assert(std::is_same_v<T, float>, "the scales of iq2_xxs enter in float");
     const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_iq2_xxs);
     const auto words = sycl::load_bytes<sycl::i32x16>(at + offsetof(block_iq2_xxs, qs));
-    const sycl::i32x16 w = __builtin_shuffle(words, sycl::i32x16{1, 1, 3, 3, 5, 5, 7, 7, 9, 9, 11, 11, 13, 13, 15, 15});
+    const sycl::i32x16 w = sycl::shuffle(words, sycl::i32x16{1, 1, 3, 3, 5, 5, 7, 7, 9, 9, 11, 11, 13, 13, 15, 15});
     const sycl::f32x16 scale = sycl::to_float((sycl::i32x16)((sycl::u32x16)w >> 28)) + 0.5f;
     return simd<T, 16>::exact(scale * sycl::splat_half(at) * 0.25f);
   }

@@ -113,8 +113,8 @@ struct q5_k_reader {
     const auto b = sycl::load_bytes<sycl::i32x16>(at + offsetof(block_q5_K, qs) + 64);
     const auto h = sycl::load_twice(at + offsetof(block_q5_K, qh));
     const auto words = [&](int n) {
-      const sycl::i32x16 low = __builtin_shuffle(a, b, low_word + n) >> nibble;
-      const sycl::i32x16 high = sycl::rotate_left(__builtin_shuffle(h, high_word + n), to_bit_4);
+      const sycl::i32x16 low = sycl::shuffle(a, b, low_word + n) >> nibble;
+      const sycl::i32x16 high = sycl::rotate_left(sycl::shuffle(h, high_word + n), to_bit_4);
       return (low & 0x0F0F0F0F) | (high & 0x10101010);
     };
     return {{words(0), words(1), words(4), words(5)}};

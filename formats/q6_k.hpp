@@ -69,6 +69,29 @@ struct q6_k_reader {
             p.high + uint64_t{unit} * (sizeof(block_q6_K_qh) / detail::block_units)};
   }
 
+ private:
+  struct alignas(64) bit_positions {
+    uint8_t from[64];
+  };
+
+  // Byte 0 of lane t: the nibble of element t, in the two low words of its sub-block.
+  static constexpr bit_positions make_low_from() {
+    bit_positions p{};
+    for (unsigned t = 0; t < 16; ++t) {
+      p.from[4 * t] = static_cast<uint8_t>(32 * (t / 8) + 8 * (t % 4) + (t / 4 % 2 == 0 ? 4 : 0));
+    }
+    return p;
+  }
+  // Of the high word: the element's two bits to bits 5 and 4 of lane t.
+  static constexpr bit_positions make_high_from() {
+    bit_positions p{};
+    for (unsigned t = 0; t < 16; ++t) {
+      p.from[4 * t] = static_cast<uint8_t>((8 * (t % 4) + 6 - 2 * (t / 4) - 4) & 63);
+    }
+    return p;
+  }
+
+ public:
   // The two parts of a code meet in the last bits of 2^23.
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
@@ -118,28 +141,6 @@ struct q6_k_reader {
     sycl::prefetch(low);
     sycl::prefetch(low + 64);
     sycl::prefetch(p.high + uint64_t{block} * sizeof(block_q6_K_qh));
-  }
-
- private:
-  struct alignas(64) bit_positions {
-    uint8_t from[64];
-  };
-
-  // Byte 0 of lane t: the nibble of element t, in the two low words of its sub-block.
-  static constexpr bit_positions make_low_from() {
-    bit_positions p{};
-    for (unsigned t = 0; t < 16; ++t) {
-      p.from[4 * t] = static_cast<uint8_t>(32 * (t / 8) + 8 * (t % 4) + (t / 4 % 2 == 0 ? 4 : 0));
-    }
-    return p;
-  }
-  // Of the high word: the element's two bits to bits 5 and 4 of lane t.
-  static constexpr bit_positions make_high_from() {
-    bit_positions p{};
-    for (unsigned t = 0; t < 16; ++t) {
-      p.from[4 * t] = static_cast<uint8_t>((8 * (t % 4) + 6 - 2 * (t / 4) - 4) & 63);
-    }
-    return p;
   }
 };
 

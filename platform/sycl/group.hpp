@@ -125,6 +125,8 @@ struct prepared_kernel {
   Prepare prepare;
   Kernel kernel;
 };
+template <class Prepare, class Kernel>
+prepared_kernel(Prepare, Kernel) -> prepared_kernel<Prepare, Kernel>;
 
 template <int D, class Prepare, class Kernel>
 void run_groups(const nd_range<D>& range, const prepared_kernel<Prepare, Kernel>& prepared) {

@@ -79,6 +79,23 @@ CORVANE_INLINE Integer load_integer(const void* from) {
 // A hint that the cache line at `to` will be read; any address is harmless.
 CORVANE_INLINE void prefetch(const void* to) { __builtin_prefetch(to); }
 
+// One register to memory past the caches, for what is larger than they are; `to` is a multiple of 64. Other threads see
+// it once the piece of the loop is done (parallel.cpp).
+template <class V>
+CORVANE_INLINE void store_past_caches(const V& x, void* to) {
+  static_assert(sizeof(V) == 64);
+#if defined(__AVX512F__)
+  _mm512_stream_si512(static_cast<__m512i*>(to), (__m512i)x);
+#elif defined(__AVX__)
+  __m256i half[2];
+  std::memcpy(half, &x, sizeof(x));
+  _mm256_stream_si256(static_cast<__m256i*>(to), half[0]);
+  _mm256_stream_si256(static_cast<__m256i*>(to) + 1, half[1]);
+#else
+  std::memcpy(to, &x, sizeof(x));
+#endif
+}
+
 CORVANE_INLINE f32x16 splat(float x) { return x - f32x16{}; }  // a sum with 0 would lose the sign of -0
 CORVANE_INLINE i32x16 splat(std::int32_t x) { return i32x16{} + x; }
 CORVANE_INLINE f32x16 as_float(i32x16 bits) { return (f32x16)bits; }
@@ -325,6 +342,32 @@ CORVANE_INLINE f32x16 fused_multiply_add(f32x16 a, f32x16 b, f32x16 c) { return 
 CORVANE_INLINE f64x8 fused_multiply_add(f64x8 a, f64x8 b, f64x8 c) { return a * b + c; }
 #endif
 
+// Lane t receives lane index[t] of x, or of a and b behind each other; only the bits that count are looked at.
+template <class V, class I>
+CORVANE_INLINE V shuffle(V x, I index) {
+#ifdef __clang__
+  constexpr unsigned lanes = sizeof(I) / sizeof(index[0]);
+  V y;
+  for (unsigned t = 0; t < lanes; ++t) y[t] = x[index[t] & (lanes - 1)];
+  return y;
+#else
+  return __builtin_shuffle(x, index);
+#endif
+}
+template <class V, class I>
+CORVANE_INLINE V shuffle(V a, V b, I index) {
+#ifdef __clang__
+  constexpr unsigned lanes = sizeof(I) / sizeof(index[0]);
+  V y;
+  for (unsigned t = 0; t < lanes; ++t) {
+    y[t] = (index[t] & lanes) != 0 ? b[index[t] & (lanes - 1)] : a[index[t] & (lanes - 1)];
+  }
+  return y;
+#else
+  return __builtin_shuffle(a, b, index);
+#endif
+}
+
 // Each lane by its own count, below 32.
 CORVANE_INLINE i32x16 rotate_left(i32x16 x, i32x16 count) {
 #ifdef CORVANE_AVX512
@@ -343,10 +386,10 @@ CORVANE_INLINE i32x16 load_twice(const void* from) {
 
 // Lanes 0, 2, ... of a, then of b; and lanes 1, 3, ...
 CORVANE_INLINE i32x16 even_lanes(i32x16 a, i32x16 b) {
-  return __builtin_shuffle(a, b, (i32x16){0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30});
+  return shuffle(a, b, i32x16{0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30});
 }
 CORVANE_INLINE i32x16 odd_lanes(i32x16 a, i32x16 b) {
-  return __builtin_shuffle(a, b, (i32x16){1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31});
+  return shuffle(a, b, i32x16{1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31});
 }
 
 // The lowest bits of the number, in order, where the mask has its bits set.
@@ -444,32 +487,23 @@ CORVANE_INLINE u16x16 float_to_bfloat16_bits(f32x16 x) {
   return narrow_u16((i32x16)((u32x16)as_int(round_any_to_bfloat16(x)) >> 16));
 }
 
-// 32 float lanes to consecutive memory in one store, rounded to Half or BFloat16. (The conversion to Half that writes
-// to memory itself takes twice the cycles, 2.0 for 16 lanes against 1.0.)
-CORVANE_INLINE void store_as_half(f32x16 low, f32x16 high, void* to) {
-#ifdef CORVANE_AVX512
-  const __m512i joined = _mm512_inserti64x4(_mm512_castsi256_si512((__m256i)float_to_half_bits(low)),
-                                            (__m256i)float_to_half_bits(high), 1);
-  _mm512_storeu_si512(to, joined);
-#else
-  const u16x16 bits[2] = {float_to_half_bits(low), float_to_half_bits(high)};
-  std::memcpy(to, bits, sizeof(bits));
-#endif
+// 32 float lanes as the bits of one store, rounded to Half or BFloat16. (The conversion to Half that writes to memory
+// itself takes twice the cycles, 2.0 for 16 lanes against 1.0.)
+CORVANE_INLINE u16x32 to_half_bits(f32x16 low, f32x16 high) {
+  return join(float_to_half_bits(low), float_to_half_bits(high));
 }
-CORVANE_INLINE void store_as_bfloat16(f32x16 low, f32x16 high, void* to) {
+CORVANE_INLINE u16x32 to_bfloat16_bits(f32x16 low, f32x16 high) {
+#ifdef CORVANE_AVX512
   const auto upper_halves = [](f32x16 x) {  // each lane's BFloat16 in its upper 16 bits
     const i32x16 is_nan = (i32x16)(x != x);
     return (as_int(round_to_bfloat16(x)) & ~is_nan) | (is_nan & 0x7FC00000);
   };
-#ifdef CORVANE_AVX512
   const __m512i odd_words =
       (__m512i)(i32x16{0x00030001, 0x00070005, 0x000B0009, 0x000F000D, 0x00130011, 0x00170015, 0x001B0019, 0x001F001D,
                        0x00230021, 0x00270025, 0x002B0029, 0x002F002D, 0x00330031, 0x00370035, 0x003B0039, 0x003F003D});
-  _mm512_storeu_si512(to,
-                      _mm512_permutex2var_epi16((__m512i)upper_halves(low), odd_words, (__m512i)upper_halves(high)));
+  return (u16x32)_mm512_permutex2var_epi16((__m512i)upper_halves(low), odd_words, (__m512i)upper_halves(high));
 #else
-  const u16x16 bits[2] = {float_to_bfloat16_bits(low), float_to_bfloat16_bits(high)};
-  std::memcpy(to, bits, sizeof(bits));
+  return join(float_to_bfloat16_bits(low), float_to_bfloat16_bits(high));
 #endif
 }
 
@@ -661,7 +695,7 @@ template <unsigned Stride>
 CORVANE_INLINE f32x16 shifted_down(f32x16 x) {
   i32x16 from;
   for (int t = 0; t < 16; ++t) from[t] = (t + static_cast<int>(Stride)) & 15;
-  return __builtin_shuffle(x, from);
+  return shuffle(x, from);
 }
 
 template <class T, unsigned Stride>
@@ -697,7 +731,7 @@ CORVANE_INLINE Reg tree_step(Reg a, Reg b) {
   constexpr int lanes = lane_type<T>::lanes, stride = Stride;
   index low;
   for (int t = 0; t < lanes; ++t) low[t] = t / stride * 2 * stride + t % stride;
-  return rounded<T>(__builtin_shuffle(a, b, low) + __builtin_shuffle(a, b, low + stride));
+  return rounded<T>(shuffle(a, b, low) + shuffle(a, b, low + stride));
 }
 
 }  // namespace detail
