@@ -16,7 +16,7 @@ import corvane
 import host_xpu
 import numpy as np
 import torch
-from measure import SETTLE, Timing, alternate
+from measure import SETTLE, Timing, alternate, timing_of
 from reference.formats import decode
 from reference.random_weights import random_weight
 from reference.registry import FORMATS
@@ -135,21 +135,31 @@ def bench_rows() -> None:
 
 
 def bench_expand() -> None:
-    """Expansion into memory used before, against a plain fill of the output; dequant's formats."""
-    for name in ("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e5m2", "iq2_xxs"):
+    """Expansion of the weight in front of a product, into memory used before, against a plain fill of the same bytes.
+
+    Kernel times of the launch records, as the expansion of most formats has no operator of its own.
+    """
+    row_count = 32
+    for name in selected:
         copies = Copies(name)
         for dtype_name in ("float", "half"):
-            like = torch.zeros(1, K, dtype=DTYPES[dtype_name], device="xpu")
-            out = torch.empty(N, K, dtype=DTYPES[dtype_name], device="xpu")
+            x = torch.randn(row_count, K).to(DTYPES[dtype_name]).to("xpu")
+            out = torch.empty(N, K, dtype=x.dtype, device="xpu")
             size = out.numel() * out.element_size()
-            times = alternate(
-                {
-                    "fill": lambda _, out=out, size=size: bench_memory.fill(out.data_ptr(), size),
-                    "call": lambda i, like=like: corvane.dequant(like, copies(i), copies.format.qtype),
-                }
-            )
-            speed = times["fill"].median / times["call"].median
-            report("expand", f"{name} to {dtype_name}", times["call"], {"fill speed": speed}, size / 1e9)
+            kernel_seconds: list[float] = []
+
+            def expand(i: int, x=x, copies=copies, kernel_seconds=kernel_seconds) -> None:
+                with host_xpu.record_launches() as launches:
+                    corvane.forward_new(x, copies(i), copies.format.qtype, row_count)
+                [launch] = launches
+                kernel_seconds.append(launch.duration_ns / 1e9)
+
+            expand(0)
+            fill = lambda _, out=out, size=size: bench_memory.fill(out.data_ptr(), size)  # noqa: E731
+            times = alternate({"fill": fill, "call": expand})
+            kernel = timing_of(kernel_seconds[2:])
+            report("expand", f"{name} to {dtype_name}", kernel, {"fill speed": times["fill"].median / kernel.median},
+                   size / 1e9)  # fmt: skip
 
 
 SECTIONS = {
@@ -167,7 +177,7 @@ def main() -> None:
     parser.add_argument("--only", nargs="+", choices=SECTIONS, default=list(SECTIONS), metavar="SECTION",
                         help=f"of {', '.join(SECTIONS)}")  # fmt: skip
     parser.add_argument("--formats", nargs="+", choices=FORMATS, default=selected, metavar="FORMAT",
-                        help="of the section one-row: " + ", ".join(FORMATS))  # fmt: skip
+                        help="of the sections one-row and expand: " + ", ".join(FORMATS))  # fmt: skip
     arguments = parser.parse_args()
     selected[:] = arguments.formats
     torch.set_num_threads(bench_memory.threads())

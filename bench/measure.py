@@ -16,6 +16,11 @@ class Timing(NamedTuple):
     high: float
 
 
+def timing_of(seconds: list[float]) -> Timing:
+    low, median, high = statistics.quantiles(seconds, n=4)
+    return Timing(median, low, high)
+
+
 SETTLE = 0.04  # seconds after which the threads of the framework's BLAS have stopped spinning
 
 
@@ -41,5 +46,4 @@ def alternate(
                 taken[name].append(time.perf_counter() - before)
         if i >= 5 and time.perf_counter() - start > seconds:
             break
-    quartiles = {name: statistics.quantiles(times, n=4) for name, times in taken.items()}
-    return {name: Timing(q[1], q[0], q[2]) for name, q in quartiles.items()}
+    return {name: timing_of(times) for name, times in taken.items()}

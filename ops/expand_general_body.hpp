@@ -35,11 +35,12 @@ void expand_rows(const char* kernel, const uint8_t* weight, T* output, uint64_t 
   const auto planes = Reader::locate(weight, state_size, output_size);
   const auto units = static_cast<uint32_t>(state_size / unit_elements);
   const uint64_t local = detail::row_group_size(state_size, PER_ITEM);
+  const bool past_caches = outgrows_caches(output, rows * state_size);
   launch<1>(
       device, where, {{rows * local}, {local}}, sycl::sub_group_size{SG_SIZE},
       [=](sycl::group<1> group) {
         const auto first_unit = static_cast<uint32_t>(start + group.id()) * units;
-        expand_units<Reader, A>(planes, first_unit, units, output + group.id() * state_size);
+        expand_units<Reader, A>(planes, first_unit, units, output + group.id() * state_size, past_caches);
       },
       wait);
 }
@@ -55,12 +56,13 @@ void expand_elements(const char* kernel, const uint8_t* weight, T* output, uint6
   const auto planes = Reader::locate(weight, state_size, output_size);
   const auto units = static_cast<uint32_t>(state_size * output_size / unit_elements);
   const uint64_t groups = (units + group_units - 1) / group_units;
+  const bool past_caches = outgrows_caches(output, state_size * output_size);
   launch<1>(
       device, where, {{groups * local}, {local}}, sycl::sub_group_size{},
       [=](sycl::group<1> group) {
         const auto first_unit = static_cast<uint32_t>(group.id()) * group_units;
         expand_units<Reader, A>(planes, first_unit, std::min(group_units, units - first_unit),
-                                output + uint64_t{first_unit} * unit_elements);
+                                output + uint64_t{first_unit} * unit_elements, past_caches);
       },
       wait);
 }
@@ -75,11 +77,12 @@ void expand_super_blocks(const char* kernel, uint64_t local, const uint8_t* weig
   check_multiple(state_size, unit_elements, where);
   const auto planes = Reader::locate(weight, state_size, output_size);
   const uint64_t blocks = state_size * output_size / block_elements;
+  const bool past_caches = outgrows_caches(output, state_size * output_size);
   launch<1>(
       device, where, {{blocks * local}, {local}}, sycl::sub_group_size{},
       [=](sycl::group<1> group) {
         expand_units<Reader, float>(planes, static_cast<uint32_t>(group.id()) * block_units, block_units,
-                                    output + group.id() * block_elements);
+                                    output + group.id() * block_elements, past_caches);
       },
       wait);
 }

@@ -29,11 +29,12 @@ void expand_threads(const char* kernel, const char* label, const typename Reader
   if (nb % blocks != 0) {
     fail(where, "nb % SBS == 0 is needed, found nb = " + std::to_string(nb) + " and SBS = " + std::to_string(blocks));
   }
+  const bool past_caches = outgrows_caches(output, nb * block_elements);
   launch<1>(
       device, where, {{nb / blocks}, {1}}, sycl::sub_group_size{},
       [=](sycl::group<1> thread) {
         expand_units<Reader, A>(planes, static_cast<uint32_t>(thread.id()) * units, units,
-                                output + thread.id() * units * unit_elements);
+                                output + thread.id() * units * unit_elements, past_caches);
       },
       wait, label);
 }

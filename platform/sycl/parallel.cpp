@@ -16,8 +16,11 @@
 
 #ifdef __linux__
 #include <sched.h>
-#include <unistd.h>
 #endif
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+#include <unistd.h>
 
 #ifdef __SANITIZE_THREAD__
 #include <sanitizer/tsan_interface.h>
@@ -131,6 +134,13 @@ thread_pool& pool() {
   return *made;
 }
 
+// Stores past the caches (simd.hpp) are not ordered with what tells other threads that a piece is done.
+void finish_stores() {
+#ifdef __SSE2__
+  _mm_sfence();
+#endif
+}
+
 using clock = std::chrono::steady_clock;
 
 double nanoseconds_since(clock::time_point start) {
@@ -149,12 +159,14 @@ void parallel_for(size_t n, size_t grain, range_function f) {
   grain = std::max<size_t>(grain, 1);
   if (concurrency() == 1 || n <= grain) {
     f(0, n);
+    finish_stores();
     return;
   }
   fork_join order;
   const auto piece = [&](const tbb::blocked_range<size_t>& r) {
     order.piece_begins();
     f(r.begin(), r.end());
+    finish_stores();
     order.piece_ends();
   };
   order.before_all();
@@ -170,6 +182,7 @@ void run_adaptively(size_t n, range_function f) {
   constexpr double piece_ns = 20'000;        // a piece short enough to balance, long enough to stream
   if (concurrency() == 1) {
     if (n != 0) f(0, n);
+    finish_stores();
     return;
   }
   const auto start = clock::now();
@@ -177,6 +190,7 @@ void run_adaptively(size_t n, range_function f) {
   for (size_t batch = 1; done < n; batch *= 2) {
     const size_t end = std::min(n, done + batch);
     f(done, end);
+    finish_stores();
     done = end;
     const double spent = nanoseconds_since(start);
     const double per_item = spent / static_cast<double>(done);

@@ -4,9 +4,13 @@ import os
 
 import corvane
 import host_xpu
+import numpy as np
 import pytest
 import torch
+from reference.expand import expand_general
 from reference.random_weights import random_weight
+from reference.registry import FORMATS
+from tensors import DTYPES, to_numpy
 
 
 def size_of(tensor: torch.Tensor) -> int:
@@ -43,3 +47,14 @@ def test_the_tile_path_holds_the_result_one_tile_and_its_product(dtype, monkeypa
     result, taken = peak_of(lambda: corvane.forward_new(x, weight, 2, rows))
     tensors = size_of(result) + size_of(expanded) + size_of(product)
     assert size_of(result) < taken <= tensors * 9 // 8 + working  # blocks are at most an eighth larger than asked for
+
+
+@pytest.mark.parametrize("name", ["q4_0", "q8_0", "iq2_xxs"])
+@pytest.mark.parametrize("dtype", ["half", "float", "double", "bfloat16"])
+def test_an_output_larger_than_the_caches_is_exact(name, dtype):
+    k, cache = 4096, 32 << 20  # what is stored past the caches
+    like = torch.zeros(1, k, dtype=DTYPES[dtype], device="xpu")
+    n = cache // (k * like.element_size()) + 3
+    data = random_weight(name, n, k, 0)
+    dense = corvane.dequant(like, torch.from_numpy(data).to("xpu"), FORMATS[name].qtype)
+    assert np.array_equal(to_numpy(dense), expand_general(name, data, n, k, dtype))
