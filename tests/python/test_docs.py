@@ -8,7 +8,7 @@ import corvane
 import pytest
 
 ROOT = Path(__file__).parents[2]
-PAGES = ["README.md", "docs/operators.md"]
+PAGES = ["README.md", "docs/operators.md", "docs/architecture.md", "docs/device_classes.md", "docs/formats.md"]
 
 
 def python_blocks(page: str) -> list[tuple[int, str]]:
