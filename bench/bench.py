@@ -16,6 +16,7 @@ import corvane
 import host_xpu
 import numpy as np
 import torch
+from layer import Layer
 from measure import SETTLE, Timing, alternate, timing_of
 from reference.formats import decode
 from reference.random_weights import random_weight
@@ -162,12 +163,39 @@ def bench_expand() -> None:
                    size / 1e9)  # fmt: skip
 
 
+def bench_fused() -> None:
+    """QKV and gated MLP of a layer in two launches, against the same in separate calls and a read of the weights."""
+    for dtype_name in ("float", "half", "bfloat16"):
+        dtype = DTYPES[dtype_name]
+        layers = [Layer(seed, dtype) for seed in range(-(-STREAMED // 61_000_000))]
+        x = torch.randn(1, K).to(dtype).to("xpu")
+        for fused, separate in zip(layers[0].fused(x), [tensor.clone() for tensor in layers[0].separate(x)]):
+            error = (fused.double() - separate.double()).norm() / separate.double().norm()
+            assert error < 0.05, f"fused and separate results differ by {error}"
+
+        def read(i: int, layers: list[Layer] = layers) -> None:
+            for weight in layers[i % len(layers)].weights:
+                bench_memory.read(weight.data_ptr(), weight.numel())
+
+        times = alternate(
+            {
+                "read": read,
+                "fused": lambda i, layers=layers, x=x: layers[(i + 1) % len(layers)].fused(x),
+                "separate": lambda i, layers=layers, x=x: layers[(i + 2) % len(layers)].separate(x),
+            }
+        )
+        for name in ("fused", "separate"):
+            against = {"read": times[name].median / times["read"].median}
+            report("fused", f"layer, {dtype_name}, {name}", times[name], against, layers[0].bytes / 1e9)
+
+
 SECTIONS = {
     "call": bench_call,
     "one-row": bench_one_row,
     "rows": bench_rows,
     "linear": bench_linear,
     "expand": bench_expand,
+    "fused": bench_fused,
 }
 
 
