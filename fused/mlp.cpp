@@ -9,7 +9,7 @@
 
 #include "fused/arguments.hpp"
 #include "fused/mlp_kernels.hpp"
-#include "fused/quantised_row.hpp"
+#include "linear/quantised_row.hpp"
 #include "module/frame/device_class.hpp"
 #include "module/frame/dispatch.hpp"
 

@@ -8,7 +8,7 @@
 
 #include "fused/cache.hpp"
 #include "fused/qkv_kernels.hpp"
-#include "fused/quantised_row.hpp"
+#include "linear/quantised_row.hpp"
 #include "module/frame/device_class.hpp"
 #include "module/frame/dispatch.hpp"
 

@@ -8,7 +8,7 @@
 #include "linear/expansion_path.hpp"
 #include "linear/one_row.hpp"
 #include "linear/path.hpp"
-#include "linear/q8_1.hpp"
+#include "linear/quantised_row.hpp"
 #include "linear/small_batch.hpp"
 #include "module/frame/device_class.hpp"
 #include "module/frame/dispatch.hpp"
@@ -28,9 +28,8 @@ at::Tensor one_quantised_row(const at::Tensor& input, const at::Tensor& weight, 
                              int64_t output_size) {
   return dispatch_floating(input.scalar_type(), linear_dispatch_label, here, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    const at::Tensor activations = at::empty({q8_1_bytes(state_size)}, input.options().dtype(at::kByte));
-    auto* blocks = activations.data_ptr<uint8_t>();
-    quantize_xpu_kernel_q8_1(input.data_ptr<T>(), blocks, 1, state_size, input.device());
+    const at::Tensor activations = quantised_row<T>(input, static_cast<uint64_t>(state_size));
+    const auto* blocks = activations.data_ptr<uint8_t>();
     at::Tensor output = empty_result(input, weight, 1, output_size);
     const auto* bytes = weight.data_ptr<uint8_t>();
     if constexpr (Id == qtype_iq2_xxs) {

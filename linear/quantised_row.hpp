@@ -1,4 +1,5 @@
-// The input row of a fused operator as 8-bit blocks, for the kernels of iq2_xxs.
+// The input row of an operator as a tensor of 8-bit blocks, for the kernels of linear/q8_1.hpp and the fused ones of
+// iq2_xxs.
 #pragma once
 
 #include <ATen/core/Tensor.h>
