@@ -68,7 +68,8 @@ class worker_cores : public tbb::task_scheduler_observer {
     for (int core = 0; core < CPU_SETSIZE; ++core) {
       if (CPU_ISSET(core, &allowed)) cores_.push_back({core, nobody});
     }
-    observe(true);
+    // With fewer workers than cores their places are the kernel's business: it knows what else runs.
+    if (cores_.size() == static_cast<size_t>(concurrency())) observe(true);
   }
 
   void on_scheduler_entry(bool is_worker) override {

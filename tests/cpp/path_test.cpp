@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "formats/registry.hpp"
-
 namespace {
 
 using namespace corvane;
@@ -69,18 +67,5 @@ class path_table : public testing::TestWithParam<row> {};
 TEST_P(path_table, holds) { EXPECT_EQ(taken(GetParam()), GetParam().expected) << GetParam().why; }
 
 INSTANTIATE_TEST_SUITE_P(rows, path_table, testing::ValuesIn(rows));
-
-TEST(path, systolic_can_be_closed) {
-  const linear_call call{1, qtype_q4_0, ScalarType::Half, 8, 64, 64, 8};
-  EXPECT_TRUE(takes_systolic_path(call, true));
-  EXPECT_FALSE(takes_systolic_path(call, false));
-}
-
-TEST(path, four_formats_are_systolic) {
-  for (int32_t id = 0; id < 32; ++id) {
-    const linear_call call{0, id, ScalarType::Half, 8, 64, 64, 8};
-    EXPECT_EQ(takes_systolic_path(call, true), id == 2 || id == 8 || id == 15 || id == 19) << id;
-  }
-}
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <random>
 #include <vector>
 
 namespace {
@@ -98,26 +99,35 @@ TYPED_TEST(simd_16_bit, arithmetic_rounds_after_each_operation) {
 }
 
 template <class T>
-void expect_tree_sum() {
+class simd_tree : public testing::Test {};
+using all_types = testing::Types<float, double, c10::Half, c10::BFloat16>;
+TYPED_TEST_SUITE(simd_tree, all_types);
+
+TYPED_TEST(simd_tree, adds_all_lanes) {
+  using T = TypeParam;
   T in[16];
   for (int i = 0; i < 16; ++i) in[i] = static_cast<T>(static_cast<float>(1 << (i % 8)) * (i < 8 ? 1.0f : -0.5f));
   EXPECT_EQ(static_cast<float>(sum_tree(simd<T, 16>::load(in))), 255.0f * 0.5f);
 }
 
-TEST(simd, tree_adds_all_lanes) {
-  expect_tree_sum<float>();
-  expect_tree_sum<double>();
-  expect_tree_sum<c10::Half>();
-  expect_tree_sum<c10::BFloat16>();
+TYPED_TEST(simd_tree, sixteen_together_add_as_one_does) {
+  using T = TypeParam;
+  std::mt19937 random(1);
+  simd<T, 16> rows[16];
+  for (auto& row : rows) {
+    T lanes[16];
+    for (T& x : lanes) x = static_cast<T>(static_cast<float>(random() % 4001) / 64 - 30);  // sums of 16 bits round
+    row = simd<T, 16>::load(lanes);
+  }
+  const simd<T, 16> together = sum_trees(rows);
+  for (unsigned r = 0; r < 16; ++r) EXPECT_EQ(together.lane(r), sum_tree(rows[r])) << "row " << r;
 }
 
 TEST(simd, tree_rounds_in_half) {
   // 2048 + 1 is 2048 in Half: lanes that meet at stride 8 lose the one, the same sum in float would not.
   c10::Half in[16] = {};
   in[0] = 2048.0f;
-  for (int i = 1; i < 16; ++i) in[i] = 0.0f;
-  in[8] = 1.0f;
-  in[4] = 1.0f;
+  in[8] = in[4] = 1.0f;
   EXPECT_EQ(static_cast<float>(sum_tree(simd<c10::Half, 16>::load(in))), 2048.0f);
 }
 

@@ -1,7 +1,6 @@
 // The host device's own promises: pool, queue, events, launch log, phases of a group.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <numeric>
 #include <set>
@@ -141,24 +140,6 @@ TEST(group, xor_exchange_gives_every_item_its_sub_groups_sum) {
   group.for_each_item([&](uint32_t t) { value[t] = static_cast<int>(t); });
   sycl::xor_exchange(value, 16, [](int a, int b) { return a + b; });
   for (int t = 0; t < 32; ++t) EXPECT_EQ(value[t], t < 16 ? 120 : 376);
-}
-
-TEST(group_block, blocks_hold_every_group_once) {
-  std::array<std::array<std::atomic<int>, 3>, 7> seen{};
-  std::atomic<int> items{0};
-  const auto kernel = [&](const sycl::group_block<2>& groups) {
-    EXPECT_EQ(groups.total(0), 7u);
-    EXPECT_EQ(groups.total(1), 3u);
-    for (size_t i = 0; i < groups.count(0); ++i) {
-      for (size_t j = 0; j < groups.count(1); ++j) ++seen[groups.first(0) + i][groups.first(1) + j];
-    }
-    groups.for_each_item([&](uint32_t) { ++items; });
-  };
-  sycl::run_groups(sycl::nd_range<2>{{7 * 8, 3}, {8, 1}}, sycl::block_kernel<2, decltype(kernel)>{{4, 2}, kernel});
-  for (const auto& row : seen) {
-    for (const auto& count : row) EXPECT_EQ(count, 1);
-  }
-  EXPECT_EQ(items, 2 * 2 * 8) << "the items of a group, for each of four blocks";
 }
 
 }  // namespace

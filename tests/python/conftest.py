@@ -1,4 +1,4 @@
-"""What all Python tests share: the reference package on the path, and the device class of this process.
+"""What all Python tests share: reference package and examples on the path, the device class of this process, a model.
 
 scripts/test.sh runs the suite once per class, with HOST_XPU_DEVICE_NAME set to one of DEVICE_NAMES.
 """
@@ -8,12 +8,16 @@ from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).parents[1]))
+sys.path[:0] = [str(Path(__file__).parents[1]), str(Path(__file__).parents[2] / "examples")]
 
-import torch  # noqa: E402, F401  (before the extension modules, which link to it)
+import torch  # noqa: E402  (before the extension modules, which link to it)
 
 import corvane  # noqa: E402, F401
 import host_xpu  # noqa: E402
+import tiny_llama  # noqa: E402
+from llama.gguf_model import GgufModel  # noqa: E402
+from llama.linear import load_dense  # noqa: E402
+from llama.model import Llama  # noqa: E402
 
 DEVICE_NAMES = {
     0: "Stratus Server GPU 9000",
@@ -34,3 +38,14 @@ def class_of(name: str) -> int:
 @pytest.fixture(scope="session")
 def device_class() -> int:
     return class_of(host_xpu.device_name())
+
+
+@pytest.fixture(scope="session")
+def model(tmp_path_factory) -> GgufModel:
+    """A tiny Llama with random weights."""
+    return GgufModel(tiny_llama.write_model(tmp_path_factory.mktemp("model") / "tiny.gguf"))
+
+
+@pytest.fixture(scope="session")
+def dense(model) -> Llama:
+    return Llama(model, load_dense(model, torch.float32), torch.float32)

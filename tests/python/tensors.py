@@ -1,9 +1,18 @@
-"""Tensors on the device for the tests, from numpy and back."""
+"""What the Python tests share: tensors on the device, from numpy and back; comparisons; the environment of a call."""
 
 from __future__ import annotations
 
+import contextlib
+import ctypes
+import os
+
+import host_xpu
 import numpy as np
+import pytest
 import torch
+
+# Under the address sanitizer each tensor is an allocation of its own and of its exact size.
+GUARDED = "ASAN_OPTIONS" in os.environ
 
 DTYPES = {"half": torch.half, "float": torch.float, "double": torch.double, "bfloat16": torch.bfloat16}
 
@@ -42,3 +51,45 @@ def assert_launches(records, expected) -> None:
         assert record.local_size == launch.local_size, launch.kernel
         if launch.sub_group_size != "any":
             assert record.sub_group_size == launch.sub_group_size, launch.kernel
+
+
+@contextlib.contextmanager
+def environment(values: dict):
+    """Environment variables for the length of a call."""
+    with pytest.MonkeyPatch.context() as patch:
+        for name, value in values.items():
+            patch.setenv(name, value)
+        yield
+
+
+def refusal(call) -> str:
+    """First line of the exception that a call ends with, before it launches anything."""
+    with host_xpu.record_launches() as records, pytest.raises(RuntimeError) as failure:
+        call()
+    assert len(records) == 0
+    return str(failure.value).splitlines()[0]
+
+
+def to(**values):
+    """Spoils a call by setting its arguments, to a value or to a function of the argument."""
+
+    def spoil(call):
+        for name, value in values.items():
+            setattr(call, name, value(getattr(call, name)) if callable(value) else value)
+
+    return spoil
+
+
+def bytes_behind(size: int, call) -> set[int]:
+    """What stands behind a result of `size` bytes to the end of its memory, where 0xA5 stood before the call.
+
+    Memory that was freed last is used first, in whole cache lines.
+    """
+    if GUARDED:
+        pytest.skip("the address sanitizer sees it by itself")
+    marked = torch.full((-(-size // 64) * 64,), 0xA5, dtype=torch.uint8, device="xpu")
+    memory, whole = marked.data_ptr(), marked.numel()
+    del marked
+    result = call()
+    assert result.data_ptr() == memory and result.numel() * result.element_size() == size
+    return set((ctypes.c_uint8 * (whole - size)).from_address(memory + size))

@@ -1,13 +1,11 @@
 """The batch product."""
 
-import re
-
 import corvane
 import host_xpu
 import pytest
 import torch
 from reference.operators import batch_product
-from tensors import assert_close
+from tensors import assert_close, refusal
 
 
 def xpu(*shape, dtype=torch.float):
@@ -78,40 +76,21 @@ REFUSALS = [
     (xpu(2, 4, 3).transpose(1, 2), torch.zeros(2, 4, 5), xpu(2, 3, 5), "A must be contiguous"),
     (xpu(2, 3, 4), xpu(2, 4, 5), xpu(5, 3, 2).transpose(0, 2), "C must be contiguous"),
     (xpu(3, 4), xpu(2, 4, 5), xpu(2, 3, 5), "Input tensors must have 3 dimensions"),
-    (
-        xpu(2, 3, 4),
-        xpu(2, 5, 6),
-        xpu(2, 3, 6),
-        "Input tensors dimensions do not match for batch multiplication",
-    ),
-    (
-        xpu(1, 3, 4),
-        xpu(2, 4, 6),
-        xpu(2, 3, 6),
-        "Input tensors dimensions do not match for batch multiplication",
-    ),
+    (xpu(2, 3, 4), xpu(2, 5, 6), xpu(2, 3, 6), "Input tensors dimensions do not match for batch multiplication"),
+    (xpu(1, 3, 4), xpu(2, 4, 6), xpu(2, 3, 6), "Input tensors dimensions do not match for batch multiplication"),
     (xpu(2, 3, 4, dtype=torch.half), xpu(2, 4, 5), xpu(2, 3, 5), "expected scalar type Float but found Half"),
     (xpu(2, 3, 4), xpu(2, 4, 5), xpu(2, 3, 5, dtype=torch.double), "expected scalar type Float but found Double"),
     (xpu(2, 3, 4), xpu(2, 4, 5), xpu(29), "C must hold batch * M * N = 2 * 3 * 5 elements, found 29"),
-    (
-        xpu(1, 2**62, 0),
-        xpu(1, 0, 2**62),
-        xpu(1),
-        f"C must hold batch * M * N = 1 * {2**62} * {2**62} elements, found 1",
-    ),
+    (xpu(1, 2**62, 0), xpu(1, 0, 2**62), xpu(1), f"C must hold batch * M * N = 1 * {2**62} * {2**62} elements, found 1"),
 ]
 
 
 @pytest.mark.parametrize(("a", "b", "c", "text"), REFUSALS, ids=[refusal[-1][:50] for refusal in REFUSALS])
 def test_refusals(a, b, c, text):
-    with host_xpu.record_launches() as launches:
-        with pytest.raises(RuntimeError, match=rf"^{re.escape(text)}(\n|$)"):
-            corvane.bmm(a, b, c)
-    assert len(launches) == 0
+    assert refusal(lambda: corvane.bmm(a, b, c)) == text
 
 
 @pytest.mark.parametrize("which", ["A", "B"])
 def test_c_that_is_read_as_well_is_refused(which):
     a, b = xpu(1, 4, 4), xpu(1, 4, 4)
-    with pytest.raises(RuntimeError, match="clone"):
-        corvane.bmm(a, b, a if which == "A" else b)
+    assert "clone" in refusal(lambda: corvane.bmm(a, b, a if which == "A" else b))

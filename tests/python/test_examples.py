@@ -1,12 +1,7 @@
 """The examples of single layers: they run, and what they compare agrees."""
 
-import sys
-from pathlib import Path
-
 import pytest
 import torch
-
-sys.path.insert(0, str(Path(__file__).parents[2] / "examples"))
 
 import moe_layer
 import rwkv_layer

@@ -3,9 +3,6 @@
 The device class is the process's; an independent statement of path selection says what a call is to do.
 """
 
-import contextlib
-import os
-
 import corvane
 import host_xpu
 import pytest
@@ -13,27 +10,12 @@ import torch
 from reference import geometry, paths
 from reference.forward import forward
 from reference.linear import matrix_vector, random_input
-from reference.random_weights import random_weight
+from reference.random_weights import blank_weight, random_weight
 from reference.registry import FORMATS
-from tensors import DTYPES, assert_close, assert_launches, on_device
+from tensors import DTYPES, assert_close, assert_launches, bytes_behind, environment, on_device
 
-FORMAT_NAMES = list(FORMATS)
 BLOCK_256 = [name for name, f in FORMATS.items() if f.block_elements == 256]
-
-
-@contextlib.contextmanager
-def environment(values: dict):
-    """Environment variables for the length of a call."""
-    before = {name: os.environ.get(name) for name in values}
-    os.environ.update(values)
-    try:
-        yield
-    finally:
-        for name, value in before.items():
-            if value is None:
-                del os.environ[name]
-            else:
-                os.environ[name] = value
+SYSTOLIC = ["q4_0", "q8_0", "fp8_e4m3", "fp8_e5m2"]
 
 
 def run(name, n, k, rows, dtype, cls, env=None, row_hint=0, seed=0):
@@ -61,7 +43,7 @@ def whole_rows(name: str, k: int) -> int:
 
 
 @pytest.mark.parametrize("dtype", DTYPES)
-@pytest.mark.parametrize("name", FORMAT_NAMES)
+@pytest.mark.parametrize("name", FORMATS)
 @pytest.mark.parametrize(("n", "k"), [(1, 128), (7, 1088), (33, 384), (64, 2048)])
 def test_one_row(name, dtype, n, k, device_class):
     k = whole_rows(name, k) if name != "q5_0" and name != "q5_1" else -(-k // 128) * 128
@@ -69,30 +51,35 @@ def test_one_row(name, dtype, n, k, device_class):
 
 
 @pytest.mark.parametrize("dtype", ["float", "half"])
-@pytest.mark.parametrize("name", FORMAT_NAMES)
+@pytest.mark.parametrize("name", [f.name for f in FORMATS.values() if f.qtype not in paths.QUANTISED])
 def test_one_row_of_any_whole_number_of_blocks(name, dtype):
     n, k = 5, 3 * FORMATS[name].block_elements
     data, x = random_weight(name, n, k, 1), random_input(1, k, dtype, 1)
-    if paths.ONE_ROW[FORMATS[name].qtype].quantised:
-        pytest.skip("k is one that the other test covers")
     expected, bound = matrix_vector(name, data, n, k, x, dtype)
     assert_close(corvane.forward_new(on_device(x, dtype), on_device(data), FORMATS[name].qtype, 1), expected, bound)
 
 
-ROWS = [2, 3, 6, 7, 8, 9, 14, 15, 16, 17, 64, 65]
-
-
 @pytest.mark.parametrize("dtype", DTYPES)
-@pytest.mark.parametrize("name", FORMAT_NAMES)
+@pytest.mark.parametrize("name", FORMATS)
 def test_rows_around_every_threshold(name, dtype, device_class):
     n, k = 32, whole_rows(name, 192)
-    for rows in ROWS:
+    for rows in [2, 3, 6, 7, 8, 9, 14, 15, 16, 17, 64, 65]:
         outcome = paths.select(device_class, FORMATS[name].qtype, rows, n, k, dtype)
         if outcome.path not in ("refused", "exit"):
             run(name, n, k, rows, dtype, device_class)
 
 
-@pytest.mark.parametrize("name", ["q4_0", "q8_0", "fp8_e4m3", "fp8_e5m2"])
+@pytest.mark.parametrize("dtype", ["float", "half", "bfloat16"])
+@pytest.mark.parametrize("name", SYSTOLIC)
+@pytest.mark.parametrize("blocks", [3, 9])  # threads without a share of K; unequal shares
+def test_systolic_rows_of_the_last_tile(name, blocks, dtype, device_class):
+    if device_class > 2:
+        pytest.skip("no systolic unit on this class")
+    for rows in range(9, 17):
+        run(name, 48, 64 * blocks, rows, dtype, device_class)
+
+
+@pytest.mark.parametrize("name", SYSTOLIC)
 def test_systolic_can_be_closed(name, device_class):
     env = {"VOREL_LLM_SYSDOT_DISABLED": "1"}
     assert run(name, 32, 128, 8, "half", device_class, env).path != "systolic"
@@ -103,30 +90,30 @@ def test_systolic_can_be_closed(name, device_class):
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize(("name", "rows"), [("q4_0", 70), ("q8_0", 70), ("fp8_e5m2", 70), ("q4_0", 7)])
 def test_tiles(name, rows, dtype, device_class):
-    for k in (64, 320, 1024):
-        env = {"TILE_THRESHOLD": "40", "TILE_SIZE": "16", "TARN_LLM_LOW_MEM": "1"}
-        run(name, 40, k, rows, dtype, device_class, env, row_hint=129)
-        run(name, 41, k, rows, dtype, device_class, env, row_hint=129)
-        run(name, 41, k, rows, dtype, device_class, {**env, "TILE_SIZE": "4096"}, row_hint=129)
-        run(name, 41, k, rows, dtype, device_class, {**env, "TARN_LLM_LOW_MEM": "2"}, row_hint=129)
+    env = {"TILE_THRESHOLD": "40", "TILE_SIZE": "16", "TARN_LLM_LOW_MEM": "1"}
+    for n, changed in ((40, {}), (41, {}), (41, {"TILE_SIZE": "4096"}), (41, {"TARN_LLM_LOW_MEM": "2"})):
+        for row_hint in (128, 129):
+            run(name, n, 320, rows, dtype, device_class, env | changed, row_hint)
 
 
 @pytest.mark.parametrize("n", [3, 5])
 @pytest.mark.parametrize("dtype", DTYPES)
-def test_nf4_small_batch_with_odd_output_size(n, dtype):
-    k, rows = 192, 3
-    data, x = random_weight("nf4", n, k, 2), random_input(rows, k, dtype, 2)
-    expected, bound = matrix_vector("nf4", data, n, k, x, dtype)
-    assert_close(corvane.forward_new(on_device(x, dtype), on_device(data), 10, rows), expected, bound)
+def test_small_batch_with_odd_output_size(n, dtype, device_class):
+    for name in ("nf4", "q4_0"):
+        run(name, n, 192, 3, dtype, device_class)
 
 
-@pytest.mark.parametrize("dtype", ["float", "half"])
-def test_fp8_e4m3_with_a_unit_count_that_is_no_multiple_of_four(dtype, device_class):
-    n, k, rows = 5, 64, 3
-    data, x = random_weight("fp8_e4m3", n, k, 3), random_input(rows, k, dtype, 3)
-    outcome = paths.Outcome("expansion", (("dequantize_fp8_e4m3_kernel", False),))
-    expected, bound = forward(outcome, 15, x, data, n, k, dtype)
-    assert_close(corvane.forward_new(on_device(x, dtype), on_device(data), 15, rows), expected, bound)
+# Kernels that write the result themselves, and sizes that leave something of its last cache line.
+WRITERS = [(name, dtype, 5, 1) for name in FORMATS for dtype in ("float", "half")]
+WRITERS += [(name, dtype, 5, 3) for name in ("q4_0", "nf4") for dtype in ("float", "half")]
+WRITERS += [(name, "half", 16, rows) for name in SYSTOLIC for rows in (7, 9)]
+
+
+@pytest.mark.parametrize(("name", "dtype", "n", "rows"), WRITERS)
+def test_nothing_is_written_behind_the_result(name, dtype, n, rows):
+    x = on_device(random_input(rows, whole_rows(name, 256), dtype, 0), dtype)
+    data, qtype = on_device(random_weight(name, n, x.shape[1], 0)), FORMATS[name].qtype
+    assert bytes_behind(rows * n * x.element_size(), lambda: corvane.forward_new(x, data, qtype, 0)) <= {0xA5}
 
 
 def test_paths_of_fp8_e5m2_differ_on_the_stored_scale(device_class):
@@ -139,17 +126,73 @@ def test_paths_of_fp8_e5m2_differ_on_the_stored_scale(device_class):
         assert_close(y, *forward(outcome, 19, x[:rows], data, n, k, "half"))
 
 
-def test_half_sums_overflow_to_infinity_where_float_does_not():
-    k = 64
-    data = random_weight("q8_0", 1, k, 0)
-    data[:k] = 127
-    data[k:].view("<f4")[:] = 1.0
-    x = torch.full((1, k), 100.0)
-    for dtype, result in ((torch.half, float("inf")), (torch.float, 127.0 * 100 * k)):
-        assert corvane.forward_new(x.to(dtype).to("xpu"), on_device(data), 8, 1).item() == result
+# --- the arithmetic of the one-row kernels, by hand ------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("name", FORMAT_NAMES)
+def one_output(name, data, x, dtype):
+    return corvane.forward_new(x[None].to(DTYPES[dtype]).to("xpu"), on_device(data), FORMATS[name].qtype, 1).item()
+
+
+def all_ones(name, d=1.0):
+    """A block of codes with all bits set under scales of d, sub-block scales of 1, no minimums."""
+    data, planes = blank_weight(name, d)
+    if name == "q5_k":
+        planes[0][:, [4, 5, 6, 7, 12, 13, 14, 15]], planes[0][:, 16:] = 1, 0xFF
+    elif name == "q4_k":
+        planes[0][:], planes[1][:, ::2] = 0xFF, 1
+    else:
+        planes[0][:], planes[1][:], planes[2][:] = 0xFF, 0xFF, 1
+    return data
+
+
+def test_q8_0_sums_in_half_overflow_where_those_in_float_do_not():
+    data, (codes, _) = blank_weight("q8_0")
+    codes[:] = 127
+    x = torch.full((64,), 100.0)
+    assert [one_output("q8_0", data, x, dtype) for dtype in ("half", "float")] == [float("inf"), 127 * 6400]
+
+
+def test_q4_k_sums_in_half_before_it_scales():
+    x = torch.zeros(256)
+    x[:8] = x[16:24] = 300  # one chunk: 16 products of 15 * 300, which the scale would bring down to a Half
+    data = all_ones("q4_k", 2.0**-7)
+    assert [one_output("q4_k", data, x, dtype) for dtype in ("half", "float")] == [float("inf"), 562.5]
+
+
+def test_q5_k_sums_in_float_and_multiplies_in_its_type():
+    x = torch.zeros(256)
+    x[[0, 16]], x[[1, 17]] = 500, -499  # pairs of 31000 and -30938, as Halfs 31008 and -30944
+    assert one_output("q5_k", all_ones("q5_k"), x, "half") == 64
+    data = all_ones("q5_k", 2.0**-7)  # 128 pairs go far beyond a Half until d brings them back
+    assert one_output("q5_k", data, torch.full((256,), 500.0), "half") == 31008
+    assert one_output("q5_k", data, torch.full((256,), 1100.0), "half") == float("inf")  # 31 * 1100 * 2 is no Half
+
+
+def test_double_stays_double_but_in_q5_k():
+    x = torch.zeros(256, dtype=torch.double)
+    x[5] = 1 + 2.0**-40
+    values = {"q4_k": 15 * x[5], "q6_k": 31 * x[5], "fp6_k": -0.00732421875 * x[5], "q5_k": 31}
+    assert all(one_output(name, all_ones(name), x, "double") == value for name, value in values.items())
+
+
+def test_q2_k_a_lane_of_8_bit_products_becomes_a_half():
+    data, (block,) = blank_weight("q2_k")
+    block[:, :16], block[:, 16:80] = 0x0F, 0xFF
+    x = torch.full((256,), 127.0)  # codes of 3 under scales of 15: each of 16 lanes has 16 * 127 * 45, which is no Half
+    assert one_output("q2_k", data, x, "half") == float("inf")
+    block[:, 81] = 0x20  # d = 2^-7: lanes of 714.375, which a Half holds as 714.5
+    assert one_output("q2_k", data, x, "half") == 16 * 714.5
+
+
+def test_q8_1_rows_of_an_odd_number_of_blocks_end_there():
+    data, (block,) = blank_weight("iq2_xxs", float("inf"))
+    assert one_output("iq2_xxs", data, torch.ones(256), "float") == float("inf")  # no infinity times what is not there
+
+
+# --- sizes ------------------------------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("name", FORMATS)
 @pytest.mark.parametrize("rows", [0, 1, 4, 100])
 def test_no_rows_and_no_outputs(name, rows):
     k = whole_rows(name, 256)
@@ -159,6 +202,19 @@ def test_no_rows_and_no_outputs(name, rows):
     if rows == 0:
         data = on_device(random_weight(name, 32, k, 0))
         assert corvane.forward_new(torch.zeros(0, k, device="xpu"), data, FORMATS[name].qtype, 0).shape == (0, 32)
+
+
+@pytest.mark.parametrize("name", FORMATS)
+def test_rows_that_end_within_a_block_are_refused(name):
+    block = FORMATS[name].block_elements
+    for rows, dtype, k, text in (
+        (1, torch.float, block + block // 4, f"{block + block // 4} must be a multiple of {block}"),
+        (100, torch.double, 96, "96 must be a multiple of 64|Unsupported input dtype, only fp32 and fp16 are supported"),
+    ):
+        data = torch.zeros(8 * k * FORMATS[name].block_bytes // block, dtype=torch.uint8, device="xpu")
+        with host_xpu.record_launches() as records, pytest.raises(RuntimeError, match=text):
+            corvane.forward_new(torch.zeros(rows, k, dtype=dtype, device="xpu"), data, FORMATS[name].qtype, 0)
+        assert not records
 
 
 def test_tail_bytes_and_further_dimensions_are_not_looked_at():

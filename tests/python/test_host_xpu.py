@@ -11,20 +11,26 @@ import corvane
 import host_xpu
 import pytest
 import torch
-from torch.nn.functional import embedding, linear, silu
+from tensors import GUARDED
+from torch.nn.functional import embedding, linear
 
 FLOATING = [torch.float, torch.half, torch.bfloat16, torch.double]
 # Unit roundoff: half the distance from 1 to the next value.
 ROUNDOFF = {torch.float: 2.0**-24, torch.half: 2.0**-11, torch.bfloat16: 2.0**-8, torch.double: 2.0**-53}
-
-# Under the address sanitizer each tensor is an allocation of its own and of its exact size.
-GUARDED = "ASAN_OPTIONS" in os.environ
 
 
 def pair(*shape, dtype=torch.float):
     """The same random values on both devices, in memory of their own."""
     on_cpu = torch.randn(*shape).to(dtype) if dtype.is_floating_point else torch.randint(-9, 9, shape, dtype=dtype)
     return on_cpu, on_cpu.to("xpu")
+
+
+def in_threads(work):
+    workers = [threading.Thread(target=work) for _ in range(4)]
+    for worker in workers:
+        worker.start()
+    for worker in workers:
+        worker.join()
 
 
 def run_python(code, **environment):
@@ -38,17 +44,12 @@ def run_python(code, **environment):
 # --- device, streams, records -----------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("name", ["Cirrus(TM) A770", ""])
-def test_device_name_is_the_one_of_the_environment_at_load(name):
+def test_device_name_is_the_one_of_the_environment_at_load():
     code = "import os, host_xpu; os.environ['HOST_XPU_DEVICE_NAME'] = 'late'; print(host_xpu.device_name())"
-    assert run_python(code, HOST_XPU_DEVICE_NAME=name) == name + "\n"
-
-
-def test_device_name_defaults_to_the_processor():
-    assert run_python(
-        "import os; del os.environ['HOST_XPU_DEVICE_NAME']; import host_xpu; print(host_xpu.device_name())",
-        HOST_XPU_DEVICE_NAME="-",
-    ).strip()
+    for name in ("Cirrus(TM) A770", ""):
+        assert run_python(code, HOST_XPU_DEVICE_NAME=name) == name + "\n"
+    unset = "import os; del os.environ['HOST_XPU_DEVICE_NAME']; import host_xpu; print(host_xpu.device_name())"
+    assert run_python(unset, HOST_XPU_DEVICE_NAME="-").strip() not in ("", "-")  # the processor's
 
 
 def test_current_stream_is_the_thread_s_own():
@@ -57,16 +58,11 @@ def test_current_stream_is_the_thread_s_own():
     seen = []
     with host_xpu.stream(first):
         with host_xpu.stream(second):
-            worker = threading.Thread(target=lambda: seen.append(host_xpu.current_stream().id))
-            worker.start()
-            worker.join()
+            in_threads(lambda: seen.append(host_xpu.current_stream().id))
             assert host_xpu.current_stream() == second
         assert host_xpu.current_stream() == first
-    assert host_xpu.current_stream().id == 0 and seen == [0]
-
-
-def test_stream_is_restored_after_an_exception():
-    with pytest.raises(KeyError), host_xpu.stream(host_xpu.Stream()):
+    assert host_xpu.current_stream().id == 0 and seen == [0] * 4
+    with pytest.raises(KeyError), host_xpu.stream(first):
         raise KeyError
     assert host_xpu.current_stream().id == 0
 
@@ -86,23 +82,14 @@ def test_nested_recorders_see_the_launches_of_all_threads_and_stop_at_their_end(
         for _ in range(20):
             corvane.forward_new(x, weight, 2, 64)
 
-    def in_threads():
-        workers = [threading.Thread(target=launch) for _ in range(4)]
-        for worker in workers:
-            worker.start()
-        for worker in workers:
-            worker.join()
-
     with host_xpu.record_launches() as outer:
         launch()
         with host_xpu.record_launches() as inner:
-            in_threads()
+            in_threads(launch)
         launch()
     launch()
     assert (len(outer), len(inner)) == (120, 80)
-    assert {r.kernel for r in outer} == {"qlinear_xpu_kernel_q4_0_2x16"} and {r.source for r in inner} == {
-        "linear_xpu_kernel"
-    }
+    assert {(r.kernel, r.source) for r in outer} == {("qlinear_xpu_kernel_q4_0_2x16", "linear_xpu_kernel")}
     last = outer[-1]
     assert last.label == "lumen_kernel" and last.duration_ns > 0 and last.queue == 0
     assert isinstance(last.global_size, tuple) and isinstance(last.waited, bool) and len(outer[:3]) == 3
@@ -111,30 +98,20 @@ def test_nested_recorders_see_the_launches_of_all_threads_and_stop_at_their_end(
 # --- making tensors ---------------------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("dtype", [*FLOATING, torch.long, torch.uint8, torch.bool, torch.cfloat], ids=str)
+@pytest.mark.parametrize("dtype", [torch.half, torch.long, torch.bool, torch.cfloat], ids=str)
 def test_factories_make_what_the_cpu_makes(dtype):
     makers = [
         lambda d: torch.zeros(3, 2, dtype=dtype, device=d),
-        lambda d: torch.ones(3, 2, dtype=dtype, device=d),
         lambda d: torch.full((2, 2), 1, dtype=dtype, device=d),
         lambda d: torch.tensor([[0, 1], [1, 0]], dtype=dtype, device=d),
         lambda d: torch.empty_strided((2, 3), (1, 4), dtype=dtype, device=d).fill_(1),
-        lambda d: torch.empty(2, 3, dtype=dtype, device=d).zero_(),
+        lambda d: (torch.manual_seed(5), torch.randn(7, device=d).to(dtype))[1],
     ]
     for make in makers:
         on_xpu, on_cpu = make("xpu"), make("cpu")
         assert on_xpu.device == torch.device("xpu", 0)
         assert on_xpu.dtype == dtype and on_xpu.stride() == on_cpu.stride()
         assert torch.equal(on_xpu.cpu(), on_cpu)
-
-
-def test_random_factories_use_the_cpu_generator():
-    for make in (torch.rand, torch.randn):
-        torch.manual_seed(5)
-        on_xpu = make(7, device="xpu")
-        torch.manual_seed(5)
-        assert torch.equal(on_xpu.cpu(), make(7))
-    assert torch.equal(torch.arange(2, 9, 3, device="xpu").cpu(), torch.arange(2, 9, 3))
 
 
 # --- copies -----------------------------------------------------------------------------------------------------------
@@ -168,44 +145,23 @@ def test_operators_may_conjugate_their_output_lazily():
     assert torch.equal(solved.cpu(), torch.linalg.lu_solve(*factors, on_cpu, left=False))
 
 
-def test_overlapping_copy_within_a_storage_is_not_torn():
-    on_cpu, on_xpu = pair(1 << 20)
-    on_xpu[1:].copy_(on_xpu[:-1].clone())
-    assert torch.equal(on_xpu[1:].cpu(), on_cpu[:-1])
-
-
 # --- the fallback computes what the CPU computes, on every dtype ------------------------------------------------------
 
+# One of each kind of call: numbers as operands, dtype arguments, lists of tensors, optional ones, several results,
+# views of results, compositions that stand before the fallback.
 OPERATIONS = {
-    "add": lambda a, b: a + b,
-    "scalar": lambda a, b: 2 * a - 1.5,
+    "scalar": lambda a, b: 2 * a - b,
     "softmax": lambda a, b: a.softmax(-1),
-    "log_softmax": lambda a, b: a.log_softmax(0),
-    "matmul": lambda a, b: a @ b.t(),
-    "bmm": lambda a, b: a[None] @ b.t()[None],
-    "addmm": lambda a, b: torch.addmm(a[:, :1], a, b.t()),
-    "silu": lambda a, b: silu(a),
     "norm": lambda a, b: a * torch.rsqrt(a.pow(2).mean(-1, keepdim=True) + 1e-5),
     "layer_norm": lambda a, b: torch.nn.functional.layer_norm(a, a.shape[-1:]),
-    "sum": lambda a, b: a.sum(0),
-    "amax": lambda a, b: a.amax(1),
     "cat": lambda a, b: torch.cat([a, b], 1),
     "stack": lambda a, b: torch.stack([a, b]),
-    "where": lambda a, b: torch.where(a > b, a, b),
     "index": lambda a, b: a[torch.tensor([2, 0])],
     "mask": lambda a, b: a[b > 0],
     "embedding": lambda a, b: embedding(torch.tensor([[1, 0], [2, 2]], device=a.device), a),
-    "gather": lambda a, b: a.gather(1, b.argsort(1)),
     "sort": lambda a, b: a.sort(1).values,
-    "topk": lambda a, b: a.topk(2).values,
-    "cumsum": lambda a, b: a.cumsum(1),
-    "masked_fill": lambda a, b: a.masked_fill(b > 0, 0),
-    "tril": lambda a, b: a.tril(),
-    "flip": lambda a, b: a.flip(0),
     "conv1d": lambda a, b: torch.conv1d(a[None], b[None, :, :2]),
-    "chunk": lambda a, b: a.chunk(2, 1)[1],
-    "clone": lambda a, b: a.t().clone(),
-    "repeat": lambda a, b: a.repeat(2, 1),
+    "chunk": lambda a, b: a.chunk(2, 1)[1].clone(),
 }
 
 
@@ -244,14 +200,12 @@ def test_printing_and_reading():
 
 
 def test_gradients_flow_through_operators_and_linear():
-    x, w = torch.randn(3, 4, dtype=torch.double), torch.randn(5, 4, dtype=torch.double)
     gradients = []
     for device in ("cpu", "xpu"):
-        for dtype in (torch.float, torch.double):
-            leaf = w.to(device, dtype).clone().requires_grad_()
-            linear(x.to(device, dtype), leaf).tanh().sum().backward()
-            gradients.append(leaf.grad.cpu().double())
-    assert all(torch.allclose(gradients[1], g, rtol=1e-5, atol=1e-5) for g in gradients)
+        x, w = (torch.linspace(-1, 1, 4 * n).view(n, 4).to(device) for n in (3, 5))
+        linear(x, w.requires_grad_()).tanh().sum().backward()
+        gradients.append(w.grad.cpu())
+    assert torch.allclose(*gradients, rtol=1e-5, atol=1e-5)
 
 
 # --- memory is shared -------------------------------------------------------------------------------------------------
@@ -259,19 +213,13 @@ def test_gradients_flow_through_operators_and_linear():
 VIEWS = {
     "slice": lambda t: t[1:3, 2:],
     "as_strided": lambda t: t.as_strided((2, 2), (1, 3), 5),
-    "view": lambda t: t.view(2, -1),
-    "reshape": lambda t: t.reshape(-1),
     "transpose": lambda t: t.t(),
     "expand": lambda t: t[:1].expand(3, 8),
     "unfold": lambda t: t.unfold(1, 2, 1),
-    "diagonal": lambda t: t.diagonal(),
     "split": lambda t: t.split(3, 1)[1],
-    "squeeze": lambda t: t[None].squeeze(0),
     "bytes": lambda t: t.view(torch.int32),
     "complex": lambda t: torch.view_as_complex(t.view(4, 4, 2)),
     "contiguous": lambda t: t.contiguous(),
-    "detach": lambda t: t.detach(),
-    "select": lambda t: t.select(1, 3),
 }
 
 
@@ -288,13 +236,9 @@ def test_views_share_storage(view):
 
 IN_PLACE = {
     "add_": lambda t: t.add_(1),
-    "fill_": lambda t: t.fill_(3),
     "clamp_": lambda t: t.clamp_(-0.5, 0.5),
-    "exp_": lambda t: t.exp_(),
     "mul_ by itself": lambda t: t.mul_(t),
     "index_put_": lambda t: t.index_put_((torch.tensor([0, 2]),), torch.tensor(7.0, dtype=t.dtype)),
-    "index_copy_": lambda t: t.index_copy_(0, torch.tensor([1], device=t.device), t[:1].clone()),
-    "masked_fill_": lambda t: t.masked_fill_(t > 0, 0),
     "copy_": lambda t: t.copy_(t.flip(0)),
     "addmm_": lambda t: t[:3, :3].addmm_(t[:3, 3:6], t[:3, :3].clone()),
     "t_": lambda t: t.t_(),
@@ -327,10 +271,8 @@ def test_slices_are_assigned_through():
 
 
 def test_in_place_results_are_the_tensor_object_itself():
-    x = torch.randn(4, device="xpu")
-    out = torch.empty(4, device="xpu")
+    x, out = torch.randn(4, device="xpu"), torch.empty(4, device="xpu")
     assert x.add_(1) is x and x.sin_() is x and torch.add(x, x, out=out) is out
-    assert x.contiguous() is x or x.contiguous().data_ptr() == x.data_ptr()
 
 
 @pytest.mark.parametrize("dtype", [torch.float, torch.half], ids=str)
@@ -373,12 +315,9 @@ def test_results_outlive_what_they_came_from():
         lambda c, x: c + x,
         lambda c, x: x.add_(c),
         lambda c, x: c.add_(x),
-        lambda c, x: torch.mm(x, c),
         lambda c, x: torch.cat([x, c]),
-        lambda c, x: torch.equal(x, c),
         lambda c, x: linear(x, c),
         lambda c, x: linear(c, x),
-        lambda c, x: linear(x, x, c[0]),
         lambda c, x: torch.add(x, 1, out=c),
         lambda c, x: torch.where(c > 0, x, x),
         lambda c, x: c[0, 0].add_(x[0, 0]),
@@ -413,30 +352,18 @@ def test_numbers_and_indices_may_be_on_the_cpu():
         (lambda: torch.empty(1, device="xpu:1"), "does not exist"),
         (lambda: torch.empty(1, device="xpu").resize_(1 << 60), "XPU out of memory"),
         (lambda: torch.ones(2, device="xpu").to_sparse(), "dense tensors only"),
-        (lambda: torch.ones(2).to_sparse().to("xpu"), "."),
         (lambda: torch.sparse_coo_tensor([[0]], [1.0], (2,), device="xpu"), "SparseXPU"),
         (lambda: torch.quantize_per_tensor(torch.ones(2, device="xpu"), 0.1, 0, torch.quint8), "dense tensors only"),
         (lambda: torch.ones(2, device="xpu").as_strided((4,), (1,), 9), "out of bounds"),
-        (lambda: torch.ones(2, device="xpu").view(3), "invalid for input"),
-        (lambda: torch.ones(2, device="xpu")[5], "out of bounds"),
         (lambda: torch.ones(2, device="xpu")[torch.tensor([9])], "out of bounds"),
-        (lambda: torch.ones(2, device="xpu").item(), "one element|converted to"),
-        (lambda: torch.ones(2, 3, device="xpu") @ torch.ones(2, 3, device="xpu"), "shapes cannot be multiplied"),
         (lambda: linear(torch.ones(2, 3, device="xpu"), torch.ones(2, 4, device="xpu")), "shapes cannot be multiplied"),
         (lambda: linear(torch.ones(2, 3, device="xpu"), torch.ones(2, 3, device="xpu").half()), "scalar type"),
         (lambda: torch.ones(2, device="xpu").pin_memory(), "pin"),
-        (lambda: torch.empty(3, device="meta").to("xpu"), "meta"),
     ],
 )
 def test_refusals_are_exceptions(attempt, text):
     with pytest.raises((RuntimeError, ValueError, IndexError, NotImplementedError), match=text):
         attempt()
-
-
-def test_framework_compositions_that_fail_on_empty_batches():
-    assert torch.nn.functional.group_norm(torch.empty(0, 2, device="xpu"), 1).shape == (0, 2)
-    assert torch.empty(0, 3, device="xpu").sum().item() == 0
-    assert torch.empty(0, 3, device="xpu").softmax(1).shape == (0, 3)
 
 
 def test_threads_share_the_device():
@@ -448,11 +375,7 @@ def test_threads_share_the_device():
             if not torch.equal((base.clone() @ base).cpu(), expected):
                 failures.append("product")
 
-    workers = [threading.Thread(target=work) for _ in range(4)]
-    for worker in workers:
-        worker.start()
-    for worker in workers:
-        worker.join()
+    in_threads(work)
     assert not failures
 
 
@@ -489,16 +412,7 @@ def test_freed_blocks_are_used_again(count):
 
 # --- linear -----------------------------------------------------------------------------------------------------------
 
-SHAPES = [
-    (1, 1, 1),
-    (3, 7, 5),
-    (2, 64, 64),
-    (5, 33, 130),
-    (16, 300, 513),
-    (17, 64, 100),
-    (129, 96, 257),
-    (300, 130, 40),
-]
+SHAPES = [(1, 1, 1), (3, 7, 5), (2, 64, 64), (5, 33, 130), (16, 300, 513), (17, 64, 100), (129, 96, 257), (300, 130, 40)]
 
 
 def check_linear(x, w, bias, result):
@@ -548,12 +462,6 @@ def test_linear_of_nothing(shape):
     x, w = torch.ones(shape, device="xpu"), torch.ones(5, shape[-1], device="xpu")
     bias = torch.arange(5.0, device="xpu")
     assert torch.equal(linear(x, w, bias).cpu(), linear(x.cpu(), w.cpu(), bias.cpu()))
-
-
-def test_linear_of_integers_and_vectors_is_the_frameworks():
-    x = torch.arange(6, device="xpu").view(2, 3)
-    assert linear(x, x).tolist() == [[5, 14], [14, 50]]
-    assert linear(x.float(), torch.ones(3, device="xpu")).tolist() == [3, 12]
 
 
 def test_linear_keeps_infinities_and_nans_of_half_in_their_rows():

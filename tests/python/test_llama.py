@@ -1,7 +1,6 @@
 """The example runtime on a tiny random model: reading, rotary order, packed and dense, fused and plain."""
 
 import math
-import sys
 from pathlib import Path
 
 import gguf
@@ -13,21 +12,10 @@ from reference import formats as reference
 
 import host_xpu
 
-sys.path.insert(0, str(Path(__file__).parents[2] / "examples"))
-
 from llama import device
 from llama.generate import Speed, generate
 from llama.gguf_model import GgufModel, ModelError, half_split_order, layer_names
-from llama.linear import (
-    FALLBACK,
-    DenseLinear,
-    PackedLinear,
-    load_dense,
-    load_packed,
-    load_weights,
-    model_elements,
-    pack_linear,
-)
+from llama.linear import FALLBACK, DenseLinear, PackedLinear, load_packed, load_weights, model_elements, pack_linear
 from llama.model import Llama, attention, rotate
 from packers import FORMATS, PUBLIC_BLOCKS, take_over
 
@@ -38,16 +26,6 @@ TOKENS = [5, 200, 31, 31, 90, 262, 7]
 # so its relative error is near sqrt(512) * 2^-24, and random weights do not amplify it: 2^-24 * 23 * 15, with a factor
 # of 8 for the largest of many logits.
 FLOAT_TOLERANCE = 8 * 15 * 23 * 2.0**-24
-
-
-@pytest.fixture(scope="module")
-def model(tmp_path_factory) -> GgufModel:
-    return GgufModel(tiny_llama.write_model(tmp_path_factory.mktemp("model") / "tiny.gguf"))
-
-
-@pytest.fixture(scope="module")
-def dense(model) -> Llama:
-    return Llama(model, load_dense(model, torch.float32), torch.float32)
 
 
 def unpacked_weights(model: GgufModel, format_name: str):
@@ -182,14 +160,16 @@ def test_dtypes_agree_within_their_precision(model, dtype):
     assert_close(got, expected, 8 * 15**0.5 * 512**0.5 * epsilon / 2 + FLOAT_TOLERANCE)
 
 
-@pytest.mark.parametrize("pieces", [7, 3])
-def test_prompt_in_one_call_agrees_with_token_by_token(dense, pieces):
-    assert_close(logits(dense, pieces=pieces), logits(dense, pieces=1), FLOAT_TOLERANCE)
-
-
-def test_last_only_gives_the_last_logits(dense):
-    last = dense.forward(TOKENS, dense.new_cache(len(TOKENS))).cpu()
-    assert_close(last, logits(dense)[-1:], FLOAT_TOLERANCE)
+def test_prompt_in_one_call_agrees_with_token_by_token(model, dense):
+    one_by_one = logits(dense)
+    for pieces in (7, 3):
+        assert_close(logits(dense, pieces=pieces), one_by_one, FLOAT_TOLERANCE)
+    assert_close(dense.forward(TOKENS, dense.new_cache(len(TOKENS))).cpu(), one_by_one[-1:], FLOAT_TOLERANCE)  # the last
+    packed = load_packed(model, "q5_0")  # many rows of it take no path that rounds to less than float
+    one_call = Llama(model, packed, torch.float32)
+    assert one_call.many_rows
+    one_by_one = logits(Llama(model, packed, torch.float32, fused=False, many_rows=False))
+    assert_close(logits(one_call, pieces=7), one_by_one, FLOAT_TOLERANCE)
 
 
 def test_cache_too_small_is_refused(dense):
@@ -197,14 +177,6 @@ def test_cache_too_small_is_refused(dense):
     dense.forward(TOKENS[:3], cache)
     with pytest.raises(ValueError, match=r"3 \+ 1 tokens do not fit a cache of 3"):
         dense.forward([1], cache)
-
-
-def test_packed_prompt_in_one_call(model):
-    weights = load_packed(model, "q5_0")  # many rows of it take no path that rounds to less than float
-    one_call = Llama(model, weights, torch.float32)
-    assert one_call.many_rows
-    one_by_one = Llama(model, weights, torch.float32, fused=False, many_rows=False)
-    assert_close(logits(one_call, pieces=7), logits(one_by_one), FLOAT_TOLERANCE)
 
 
 @pytest.mark.parametrize("name", ["fp6", "fp6_k", "fp8_e4m3"])

@@ -1,33 +1,18 @@
 """What the example runtime makes of text: tokenizer, generation, perplexity, importance of inputs, launch table."""
 
-import sys
-from pathlib import Path
-
 import numpy as np
 import pytest
 import tiny_llama
 import torch
 
-sys.path.insert(0, str(Path(__file__).parents[2] / "examples"))
-
 from llama import calibrate
 from llama.generate import Speed, generate, perplexity
-from llama.gguf_model import GgufModel, layer_names
+from llama.gguf_model import layer_names
 from llama.linear import DenseLinear, load_dense
 from llama.model import Llama
 from report import launch_table
 
 TOKENS = [5, 200, 31, 31, 90, 262, 7]
-
-
-@pytest.fixture(scope="module")
-def model(tmp_path_factory) -> GgufModel:
-    return GgufModel(tiny_llama.write_model(tmp_path_factory.mktemp("model") / "tiny.gguf"))
-
-
-@pytest.fixture(scope="module")
-def dense(model) -> Llama:
-    return Llama(model, load_dense(model, torch.float32), torch.float32)
 
 
 def test_text_survives_the_tokenizer(model):

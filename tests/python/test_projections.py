@@ -9,7 +9,7 @@ from reference import fused, geometry
 from reference.linear import random_input
 from reference.random_weights import random_weight
 from reference.registry import FORMATS
-from tensors import DTYPES, assert_close, assert_launches, on_device, to_numpy
+from tensors import DTYPES, assert_close, assert_launches, on_device, refusal, to, to_numpy
 
 # Format of query and key, format of value.
 KINDS = {name: (name, name) for name in ("q4_0", "fp4", "fp8_e5m2", "fp6")} | {"iq2_xxs": ("iq2_xxs", "q2_k")}
@@ -66,7 +66,7 @@ def run(operator, kind, dtype, rows, k, head_size, cls=None, position=5, kv_seq_
     biases = None
     if operator == "forward_qkv_bias":
         biases = [random_input(1, n, dtype, seed + 10 + m)[0] for m, n in enumerate(rows)]
-    caches = [Cache(n // head_size, head_size, dtype, layout) for n in rows[1:]]
+    caches = [Cache(n // head_size, head_size, dtype, layout, room=6 + m) for m, n in enumerate(rows[1:])]
     position_ids = torch.tensor([[position, 77, -1]], device="xpu")
     ids = [FORMATS[name].qtype for name in (names[0], names[-1])][: len(names) - 1]
     arguments = [on_device(x, dtype), *map(on_device, weights), *[on_device(b, dtype) for b in biases or ()],
@@ -115,64 +115,17 @@ def test_rotation(position, base, dtype):
     run("forward_qkv", "q4_0", dtype, (64, 32, 32), 128, 32, position=position, base=base)
 
 
-def test_position_zero_turns_nothing():
-    rows, k = (16, 8, 8), 64
-    weights = [on_device(random_weight("q4_0", n, k, n)) for n in rows]
-    x, caches = on_device(random_input(1, k, "half", 0), "half"), [torch.zeros(1, 1, 1, 8, device="xpu").half()] * 2
-    caches = [c.clone().narrow(2, 0, 0) for c in caches]
-    zero = torch.zeros(1, dtype=torch.long, device="xpu")
-    query, *_ = corvane.forward_qkv(x, *weights, zero, *caches, 2, 2, 0, 8)
-    assert torch.equal(query.view(1, 16).cpu(), corvane.forward_new(x, weights[0], 2, 1).cpu())
-
-
-def test_keywords_and_the_default_of_rope_base():
-    k, names = 64, ("input", "weight_q", "weight_k", "weight_v", "position_ids", "cache_k", "cache_v", "src_0_qtype",
-                    "src_0_vtype", "kv_seq_len", "head_size")  # fmt: skip
-    weights = [on_device(random_weight("q4_0", 16, k, m)) for m in range(3)]
-    position = torch.tensor([40], device="xpu")
-
-    def call(*more, **keywords):
-        caches = [Cache(2, 8, "float").view for _ in range(2)]
-        arguments = (on_device(random_input(1, k, "float", 0)), *weights, position, *caches, 2, 2, 3, 8)
-        given = dict(zip(names, arguments)) if keywords else {}
-        return corvane.forward_qkv(*(() if given else arguments), *more, **given, **keywords)[0].cpu()
-
-    assert torch.equal(call(), call(10000.0)) and torch.equal(call(), call(rope_base=10000.0))
-    assert not torch.equal(call(), call(rope_base=500.0))
-
-
 def test_biases_of_iq2_xxs_are_ignored():
     a = run("forward_qkv", "iq2_xxs", "half", (32, 16, 16), 512, 8)
     b = run("forward_qkv_bias", "iq2_xxs", "half", (32, 16, 16), 512, 8)
     assert all(torch.equal(x.cpu(), y.cpu()) for x, y in zip(a, b))
 
 
-def test_the_value_weight_is_read_in_the_format_of_the_kernel():
-    """src_0_vtype names a format of the same block size: it selects nothing."""
-    k, x = 128, random_input(1, 128, "float", 0)
-    weights = [random_weight("q4_0", 8, k, m) for m in range(3)]
-    caches = [Cache(1, 8, "float") for _ in range(2)]
-    corvane.forward_qkv(on_device(x), *map(on_device, weights), torch.tensor([1], device="xpu"),
-                        *[c.view for c in caches], 2, FORMATS["nf4"].qtype, 3, 8)  # fmt: skip
-    expected = fused.projections(x, weights, ["q4_0"] * 3, k, "float", 1, 8)[2]
-    assert_close(caches[1].buffer.as_strided((1, 8), (8, 1), caches[1].offset + 3 * 8), *expected)
-
-
-def test_matrices_without_rows():
-    none = torch.zeros(0, dtype=torch.uint8, device="xpu")
-    caches = [torch.zeros(1, 0, 4, 8, device="xpu") for _ in range(2)]
-    with host_xpu.record_launches() as records:
-        query, key, value = corvane.forward_qkv(torch.zeros(1, 64, device="xpu"), none, none, none,
-                                                torch.tensor([1], device="xpu"), *caches, 2, 2, 0, 8)  # fmt: skip
-    assert query.shape == (1, 0, 1, 8) and key.shape == value.shape == (1, 0, 5, 8)
-    assert [r.global_size for r in records] == [(0, 3)]
-
-
-# --- refusals --------------------------------------------------------------------------------------------------------
+# --- single calls ----------------------------------------------------------------------------------------------------
 
 
 class Call:
-    """The arguments of a call that works, to be spoilt."""
+    """The arguments of a call that works, to be changed or spoilt."""
 
     def __init__(self, kind="q4_0", k=256, dtype="float"):
         self.input = on_device(random_input(1, k, dtype, 0), dtype)
@@ -185,11 +138,52 @@ class Call:
         self.src_0_qtype, self.src_0_vtype = (FORMATS[name].qtype for name in KINDS[kind])
         self.kv_seq_len, self.head_size, self.rope_base = 3, 8, 10000.0
 
-    def run(self, operator):
+    def arguments(self, operator):
         names = ["input", "weight_q", "weight_k", "weight_v", "bias_q", "bias_k", "bias_v", "position_ids", "cache_k",
                  "cache_v", "src_0_qtype", "src_0_vtype", "kv_seq_len", "head_size", "rope_base"]  # fmt: skip
         left_out = {"forward_qkv": ["bias_"], "forward_qkv_bias": [], "forward_qk": ["bias_", "_v", "vtype"]}[operator]
-        return getattr(corvane, operator)(*[getattr(self, n) for n in names if not any(part in n for part in left_out)])
+        return {name: getattr(self, name) for name in names if not any(part in name for part in left_out)}
+
+    def run(self, operator="forward_qkv"):
+        return [t.cpu() for t in getattr(corvane, operator)(*self.arguments(operator).values())]
+
+
+def test_position_zero_turns_nothing():
+    call = Call(k=64, dtype="half")  # one unit of K: no order of summation to differ in
+    call.position_ids = torch.tensor([0], device="xpu")
+    plain = corvane.forward_new(call.input, call.weight_q, 2, 1).cpu()
+    assert torch.equal(call.run()[0].view(1, 32), plain)
+
+
+def test_keywords_and_the_default_of_rope_base():
+    by_position = Call().run()[0]
+
+    def by_name(**changes):
+        arguments = Call().arguments("forward_qkv")
+        del arguments["rope_base"]
+        return corvane.forward_qkv(**arguments, **changes)[0].cpu()
+
+    assert torch.equal(by_name(), by_position) and torch.equal(by_name(rope_base=10000.0), by_position)
+    assert not torch.equal(by_name(rope_base=500.0), by_position)
+
+
+def test_the_value_weight_is_read_in_the_format_of_the_kernel():
+    """src_0_vtype names a format of the same block size: it selects nothing."""
+    call = Call()
+    call.src_0_vtype = FORMATS["nf4"].qtype
+    assert torch.equal(call.run()[2], Call().run()[2])
+
+
+def test_matrices_without_rows():
+    call = Call()
+    call.weight_q = call.weight_k = call.weight_v = torch.zeros(0, dtype=torch.uint8, device="xpu")
+    call.cache_k, call.cache_v = (torch.zeros(1, 0, 4, 8, device="xpu") for _ in range(2))
+    with host_xpu.record_launches() as records:
+        assert [t.shape for t in call.run()] == [(1, 0, 1, 8), (1, 0, 5, 8), (1, 0, 5, 8)]
+    assert [r.global_size for r in records] == [(0, 3)]
+
+
+# --- refusals --------------------------------------------------------------------------------------------------------
 
 
 def full_layer(call):
@@ -200,16 +194,6 @@ def full_layer(call):
 def behind_the_buffer(call, position):
     """Positions one after another, all heads in each: nothing but the storage ends them."""
     call.cache_k, call.kv_seq_len = torch.zeros(1, 6, 2, 8, device="xpu").transpose(1, 2)[:, :, :3], position
-
-
-def to(**values):
-    """Spoils a call by setting arguments, to a value or to a function of the argument."""
-
-    def spoil(call):
-        for name, value in values.items():
-            setattr(call, name, value(getattr(call, name)) if callable(value) else value)
-
-    return spoil
 
 
 APART = "cache_k must keep heads and positions apart"
@@ -223,12 +207,12 @@ SPOILT = [
     (to(input=torch.zeros(1, 0, device="xpu")), "state_size must be at least 1, found 0"),
     (to(input=torch.zeros(1, 256, 0, device="xpu")), "input must not have an empty dimension"),
     (to(input=lambda t: t.int()), "\" not implemented for 'Int'"),
-    *[(to(src_0_qtype=q), "does not name a weight format") for q in (-1, 9, 22, 32, 2**31 - 1)],
+    *[(to(src_0_qtype=q), "does not name a weight format") for q in (-1, 9, 2**31 - 1)],
     (to(src_0_qtype=8), "no kernel for qtype 8 (q8_0)"),
     (to(weight_q=lambda t: t.float()), "weight_q must be unsigned bytes, found Float"),
     (to(weight_k=lambda t: t[0]), "weight_k must have its bytes in dimension 0"),
-    *[(to(head_size=h), "head_size must be even and at least 2") for h in (0, -8, 7, 1, -(2**63))],
-    *[(to(head_size=h), "must divide the rows of weight_q") for h in (12, 64, 2**40, 2**62)],
+    *[(to(head_size=h), "head_size must be even and at least 2") for h in (0, 7, -(2**63))],
+    *[(to(head_size=h), "must divide the rows of weight_q") for h in (12, 2**62)],
     (to(head_size=32), "head_size 32 must divide the rows of weight_k, found 16"),
     (to(cache_k=lambda t: t[0]), "cache_k must have four dimensions, found 3"),
     (to(cache_k=torch.zeros(1, 2, 9, 8, dtype=torch.half, device="xpu")[:, :, :3]), "expected scalar type"),
@@ -241,8 +225,8 @@ SPOILT = [
     (to(cache_k=lambda t: t[:, :1].expand(-1, 2, -1, -1)), APART),
     (to(cache_k=lambda t: t[:, :, :1].expand(-1, -1, 3, -1)), APART),
     (full_layer, APART),
-    *[(to(kv_seq_len=n), APART) for n in (6, 2**40, 2**62, 2**63 - 1)],
-    *[(lambda c, n=n: behind_the_buffer(c, n), f"cache_k must have room at position {n}") for n in (6, 2**40, 2**63 - 1)],
+    *[(to(kv_seq_len=n), APART) for n in (6, 2**62, 2**63 - 1)],
+    *[(lambda c, n=n: behind_the_buffer(c, n), f"cache_k must have room at position {n}") for n in (6, 2**63 - 1)],
     (to(kv_seq_len=-1), "kv_seq_len must not be negative, found -1"),
     (to(position_ids=lambda t: t.int()), "expected scalar type Long"),
     (to(position_ids=lambda t: t[:0]), "position_ids must hold the token's position"),
@@ -250,7 +234,7 @@ SPOILT = [
 ]
 
 SPOILT_VALUE = [
-    *[(to(src_0_vtype=q), "does not name a weight format") for q in (-1, 9, 32)],
+    *[(to(src_0_vtype=q), "does not name a weight format") for q in (-1, 9)],
     (to(weight_v=lambda t: t[:-34]), "must divide the rows of weight_v"),
     (to(weight_v=lambda t: t[: 16 * 4 * 26], src_0_vtype=11), "weight_v must hold 2176 bytes of q4_0, found 1664"),
     (to(cache_v=torch.zeros(1, 2, 9, 8, dtype=torch.double, device="xpu")[:, :, :3]), "expected scalar type"),
@@ -269,11 +253,7 @@ SPOILT_BIAS = [
 def check_refusal(call, operator, message):
     caches = [call.cache_k, call.cache_v]
     before = [to_numpy(cache) for cache in caches]
-    with host_xpu.record_launches() as records, pytest.raises(RuntimeError) as failure:
-        call.run(operator)
-    text = str(failure.value).splitlines()[0]
-    assert text == message if message == "batch_size == 1" else message in text
-    assert len(records) == 0
+    assert message in refusal(lambda: call.run(operator))
     assert all(cache.untouched() for cache in call.caches)
     assert all(np.array_equal(to_numpy(cache), b, equal_nan=True) for cache, b in zip(caches, before))
 

@@ -6,7 +6,7 @@ import numpy as np
 
 from .expand import expand_general, expand_simd
 from .linear import dense_tolerance, linear, matrix_vector
-from .paths import ACCEPTED, ONE_ROW, Outcome
+from .paths import ACCEPTED, QUANTISED, Outcome
 from .q8_1 import matrix_vector_q8_1
 from .systolic import systolic
 
@@ -23,7 +23,7 @@ def forward(outcome: Outcome, qtype: int, x, data, n: int, k: int, dtype: str):
     name = ACCEPTED[qtype]
     if outcome.path == "systolic":
         return systolic(x, name, data, n, k, dtype)
-    if outcome.path == "matrix_vector" and ONE_ROW[qtype].quantised:
+    if outcome.path == "matrix_vector" and qtype in QUANTISED:
         y, bound = matrix_vector_q8_1(name, data, n, k, np.asarray(x)[0], dtype)
         return y[None], bound[None]
     if outcome.path in ("matrix_vector", "small_batch"):

@@ -86,13 +86,6 @@ def projections(
     return out
 
 
-def write_cache(buffer: np.ndarray, new: np.ndarray, kv_seq_len: int) -> np.ndarray:
-    """The cache buffer (1, heads, room, head_size) as it is to be after the call: one position changes."""
-    result = np.array(buffer, dtype=np.float64)
-    result[0, :, kv_seq_len, :] = new
-    return result
-
-
 def activation(g: np.ndarray, form: int) -> np.ndarray:
     """The SiLU form for 0, the tanh form for any other number."""
     with np.errstate(over="ignore"):

@@ -1,7 +1,7 @@
 """How each kernel is launched: source stem, profiler label, ranges and required sub-group size.
 
 Ranges are tuples, dimension 0 first. A sub-group size of None means that the kernel requires none; ANY that nothing
-is fixed. `local` is None for the one kernel that has a basic range.
+is fixed.
 """
 
 from __future__ import annotations
@@ -17,9 +17,9 @@ LABEL = "lumen_kernel"
 class Launch(NamedTuple):
     kernel: str
     source: str
-    label: str | None
+    label: str
     global_size: tuple
-    local_size: tuple | None
+    local_size: tuple
     sub_group_size: int | str | None
 
 
@@ -99,10 +99,8 @@ def linear(kernel: str, cls: int, n: int, k: int, rows: int = 1) -> Launch:
         return Launch(kernel, LINEAR, LABEL, (n * 32, 1), (32, 1), None)
     if kernel == "qlinear_xpu_kernel_q5_k":
         return Launch(kernel, LINEAR, LABEL, (ceil_div(n, 2) * 32,), (32,), 8)
-    if kernel.endswith("_by_batch"):
-        return Launch(kernel, LINEAR, LABEL, (ceil_div(n, 2) * local, (rows + 1) // 2), (local, 1), sub)
     if kernel.endswith("_batch"):
-        return Launch(kernel, LINEAR, LABEL, (n // 2 * local, (rows + 1) // 2), (local, 1), sub)
+        return Launch(kernel, LINEAR, LABEL, (ceil_div(n, 2) * local, ceil_div(rows, 2)), (local, 1), sub)
     per_group = _ROWS.get(kernel.rsplit("_kernel_")[-1], 2)
     if kernel == "qlinear_xpu_kernel_q4_0_2x16" and cls == 5:
         per_group = 8
@@ -131,22 +129,6 @@ def mlp(cls: int, qtype: int, n: int, k: int) -> list:
     sub, local = sizes(cls)
     per_group = 8 if cls == 5 and qtype in (2, 29) else 2
     return [Launch(f"mlp_forward_{name}_kernel", MLP, LABEL, (n // per_group * local,), (local,), sub)]
-
-
-def rwkv_v4(batch: int, hidden: int) -> Launch:
-    return Launch("rwkv_linear_attention_kernel_v4", "rwkv", LABEL, (batch, hidden), (1, 32), 16)
-
-
-def rwkv_v5(batch: int, heads: int) -> Launch:
-    return Launch("rwkv_linear_attention_kernel_v5", "rwkv", LABEL, (batch, heads, 64), (1, 1, 32), 16)
-
-
-def time_shift(batch: int, tokens: int, hidden: int) -> Launch:
-    return Launch("rwkv_time_shift_kernel", "rwkv", LABEL, (batch, tokens, hidden), (1, 1, 64), 32)
-
-
-def bmm(batch: int, m: int, n: int) -> Launch:
-    return Launch("bmm_xpu", "bmm_xpu_kernel", None, (batch, m, n), None, None)
 
 
 def dequantize_rows(qtype: int, count: int, k: int) -> Launch:

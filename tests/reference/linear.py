@@ -67,15 +67,14 @@ def sum_tolerance(products: list, dtype: str, depth: float, roundings: float = T
     return np.minimum(worst, likely) + unit * np.abs(result)
 
 
-def tolerance(name, data, n: int, k: int, x, dtype: str, *, scaled=None, depth=None) -> np.ndarray:
+def tolerance(name, data, n: int, k: int, x, dtype: str, scaled=None) -> np.ndarray:
     """(rows, N) bound on the error of a kernel that multiplies x (rows, K) with packed rows in arithmetic of `dtype`.
 
-    `depth` is the longest chain of additions, sum_depth(k) if left out. Half adds absolute errors where products
-    are subnormal: the unscaled values of the small floats are as little as 2^-18. The weights of q5_0, q5_1 and q5_k
-    are formed in float, and q5_k is summed in float, also for double.
+    Half adds absolute errors where products are subnormal: the unscaled values of the small floats are as little as
+    2^-18. The weights of q5_0, q5_1 and q5_k are formed in float, and q5_k is summed in float, also for double.
     """
     x = np.asarray(x, dtype=np.float64)
-    depth = sum_depth(k) if depth is None else depth
+    depth = sum_depth(k)
     if name == "q5_k" and dtype == "double":
         dtype = "float"
     f = fields(name, data, block_count(name, n, k))
@@ -93,21 +92,18 @@ def tolerance(name, data, n: int, k: int, x, dtype: str, *, scaled=None, depth=N
     return result
 
 
-def matrix_vector(name, data, n: int, k: int, x, dtype: str, *, scaled=None, depth=None):
+def matrix_vector(name, data, n: int, k: int, x, dtype: str, scaled=None):
     """Result (rows, N) in float64 of the kernels that read packed weights in place, and its tolerance in `dtype`.
 
     For the formats multiplied in floating point: one row or small batches, and with scaled=True the projections and
     the MLP, which apply the stored scale of fp8_e5m2 where the one-row kernel does not.
     """
     weight = decode(name, data, n, k, scaled=scaled, half_factor=True)
-    return linear(x, weight), tolerance(name, data, n, k, x, dtype, scaled=scaled, depth=depth)
+    return linear(x, weight), tolerance(name, data, n, k, x, dtype, scaled)
 
 
-def dense_tolerance(x, w, dtype: str, splits: int = 1) -> np.ndarray:
-    """(rows, N) bound for a dense product of x and w in `dtype`: half and bfloat16 accumulate in float, round once.
-
-    With `splits` above 1 that many partial sums along K are rounded to `dtype` and added in it.
-    """
+def dense_tolerance(x, w, dtype: str) -> np.ndarray:
+    """(rows, N) bound for a dense product of x and w in `dtype`: half and bfloat16 accumulate in float, round once."""
     x, w = np.asarray(x, dtype=np.float64), np.asarray(w, dtype=np.float64)
     k = x.shape[1]
     inner = "double" if dtype == "double" else "float"
@@ -115,8 +111,6 @@ def dense_tolerance(x, w, dtype: str, splits: int = 1) -> np.ndarray:
     bound = gamma(k + 2, UNIT[inner]) * magnitude
     if dtype != inner:
         bound = bound + UNIT[dtype] * result + UNDERFLOW[dtype]
-    if splits > 1:
-        bound = bound + gamma(splits + 1, UNIT[dtype]) * magnitude
     return bound
 
 

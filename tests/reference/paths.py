@@ -6,53 +6,26 @@ varies by format stands in RULES, ONE_ROW and SYSTOLIC.
 
 from __future__ import annotations
 
-import re
 from typing import NamedTuple
 
 from .registry import FORMATS
 
 ALL = (0, 1, 2, 3, 4, 5)
-FOUR_DTYPES = ("half", "float", "double", "bfloat16")
 ACCEPTED = {f.qtype: f.name for f in FORMATS.values()}
-
-UNSUPPORTED = "Unsupported input dtype, only fp32 and fp16 are supported"
-MULTIPLE = "{} must be a multiple of {}"
 
 
 class Outcome(NamedTuple):
-    path: str  # systolic, matrix_vector, small_batch, tile, expansion; refused; exit (process status 2); open
+    path: str  # systolic, matrix_vector, small_batch, tile, expansion; refused; exit (process status 2)
     launches: tuple = ()  # (kernel, host waits), in order
-    error: str | None = None  # a part of the exception's text; None where the wording is free
-    error_kind: str | None = None  # check, dispatch, runtime, invalid_argument, out_of_range
 
 
-class OneRow(NamedTuple):
-    kernel: str
-    width: int  # state_size has to be a multiple of it, or the call is refused; 1: nothing is tested
-    defined: tuple  # state_size multiples from which the result is defined: class 0, other classes
-    quantised: bool = False  # the input row is quantised first
-
-
-ONE_ROW = {
-    2: OneRow("qlinear_xpu_kernel_q4_0_2x16", 16, (64, 64)),
-    3: OneRow("qlinear_xpu_kernel_q4_1_2x16", 16, (64, 64)),
-    6: OneRow("qlinear_xpu_kernel_q5_0", 1, (128, 64)),
-    7: OneRow("qlinear_xpu_kernel_q5_1", 1, (128, 64)),
-    8: OneRow("qlinear_xpu_kernel_q8_0_2x8", 8, (64, 64)),
-    10: OneRow("qlinear_xpu_kernel_nf4_2x16", 16, (64, 64)),
-    11: OneRow("qlinear_xpu_kernel_nf3_2x16", 16, (64, 64)),
-    15: OneRow("qlinear_xpu_kernel_fp8_e4m3_2x8", 8, (64, 64)),
-    16: OneRow("qlinear_xpu_kernel_fp4_2x16", 16, (64, 64)),
-    19: OneRow("qlinear_xpu_kernel_fp8_e5m2_2x8", 8, (64, 64)),
-    21: OneRow("qlinear_xpu_kernel_iq2_xxs_q8_1", 1, (256, 256), quantised=True),
-    23: OneRow("qlinear_xpu_kernel_q2_k_q8_1", 1, (256, 256), quantised=True),
-    24: OneRow("qlinear_xpu_kernel_iq1_s_q8_1", 1, (256, 256), quantised=True),
-    26: OneRow("qlinear_xpu_kernel_q6_k_2x16", 16, (1024, 512)),
-    27: OneRow("qlinear_xpu_kernel_q4_k_2x16", 16, (1024, 512)),
-    28: OneRow("qlinear_xpu_kernel_q5_k", 64, (256, 256)),
-    29: OneRow("qlinear_xpu_kernel_fp6_2x16", 16, (64, 64)),
-    30: OneRow("qlinear_xpu_kernel_fp6_k_2x16", 16, (256, 256)),
-}
+_ONE_ROW = {
+    2: "q4_0_2x16", 3: "q4_1_2x16", 6: "q5_0", 7: "q5_1", 8: "q8_0_2x8", 10: "nf4_2x16", 11: "nf3_2x16",
+    15: "fp8_e4m3_2x8", 16: "fp4_2x16", 19: "fp8_e5m2_2x8", 21: "iq2_xxs_q8_1", 23: "q2_k_q8_1", 24: "iq1_s_q8_1",
+    26: "q6_k_2x16", 27: "q4_k_2x16", 28: "q5_k", 29: "fp6_2x16", 30: "fp6_k_2x16",
+}  # fmt: skip
+ONE_ROW = {qtype: "qlinear_xpu_kernel_" + stem for qtype, stem in _ONE_ROW.items()}
+QUANTISED = (21, 23, 24)  # their input row is quantised first
 
 # (class, qtype): fewest rows, most rows. output_size must be a multiple of 16.
 SYSTOLIC = {
@@ -72,12 +45,11 @@ class Rule(NamedTuple):
     most_rows: int | None = None
     tile: str | None = None  # "q4_0" or "byte": which of the two tile tests
     fast: tuple | None = None  # float or half; (unit, multiple, state_size multiple) of the number of units
-    k_multiple: int = 1  # state_size has to be a multiple, or the launch is refused
 
 
 def _general(stem: str, other: str = "") -> Rule:
     name = "qlinear_xpu_dequantize_kernel_"
-    return Rule("expansion", name + stem, name + other if other else "", k_multiple=64)
+    return Rule("expansion", name + stem, name + other if other else "")
 
 
 def _fast(stem: str, multiple: int = 1, unit: int = 64, k: int = 1) -> Rule:
@@ -86,11 +58,11 @@ def _fast(stem: str, multiple: int = 1, unit: int = 64, k: int = 1) -> Rule:
 
 def _tile(stem: str, other: str, **conditions) -> Rule:
     name = "qlinear_xpu_tile_dequantize_kernel_"
-    return Rule("tile", name + stem, name + other, k_multiple=64, **conditions)
+    return Rule("tile", name + stem, name + other, **conditions)
 
 
 def _batch(stem: str, most_rows: int, classes: tuple = ALL) -> Rule:
-    return Rule("small_batch", "qlinear_xpu_kernel_" + stem, classes=classes, most_rows=most_rows, k_multiple=16)
+    return Rule("small_batch", "qlinear_xpu_kernel_" + stem, classes=classes, most_rows=most_rows)
 
 
 REFUSE = Rule("refused")
@@ -143,48 +115,11 @@ WAITED = {
     *(_TILE + f for f in ("q4_0_1x2", "q8_0_1x1", "fp8_e5m2_1x1")),
 }
 
-# Variables that a launcher parses before anything else, in order: name, signed, default.
-PARSED = {
-    2: (("TILE_THRESHOLD", True, 50000), ("TARN_LLM_LOW_MEM", True, 0), ("TILE_SIZE", False, 4096)),
-    8: (("TILE_THRESHOLD", True, 50000), ("TILE_SIZE", False, 4096)),
-    19: (("TILE_THRESHOLD", True, 50000), ("TILE_SIZE", False, 4096)),
-}
-
-
-class Malformed(Exception):
-    """An environment value that does not parse; carries the kind of exception and its text."""
-
-
-def parse_number(text: str, signed: bool) -> int:
-    """Leading white space, sign and digits; what follows is ignored. An unsigned number may have a minus: it wraps."""
-    match = re.match(r"[ \t\n\v\f\r]*([+-]?)([0-9]+)", text)
-    function = "stoll" if signed else "stoull"
-    if not match:
-        raise Malformed("invalid_argument", f"invalid {function} argument")
-    number = int(match[2]) * (-1 if match[1] == "-" else 1)
-    if not (-(2**63) <= number < 2**63 if signed else -(2**64) < number < 2**64):
-        raise Malformed("out_of_range", f"{function} argument out of range")
-    return number if signed else number % 2**64
-
-
-def not_implemented(label: str, dtype: str) -> str:
-    return f"\"{label}\" not implemented for '{dtype.capitalize()}'"
+TILE_POLICY = {"TILE_THRESHOLD": 50000, "TILE_SIZE": 4096, "TARN_LLM_LOW_MEM": 0}
 
 
 def _launched(kernels) -> tuple:
     return tuple((kernel, kernel in WAITED) for kernel in kernels)
-
-
-def _one_row(cls: int, qtype: int, k: int, dtype: str) -> Outcome:
-    row = ONE_ROW[qtype]
-    if dtype not in FOUR_DTYPES:
-        return Outcome("refused", error=not_implemented("qlinear_forward_xpu", dtype), error_kind="dispatch")
-    if k % row.width:
-        return Outcome("refused", error=MULTIPLE.format(k, row.width), error_kind="check")
-    if k % row.defined[0 if cls == 0 else 1]:
-        return Outcome("open")
-    kernels = ("quantize_xpu_kernel_q8_1", row.kernel) if row.quantised else (row.kernel,)
-    return Outcome("matrix_vector", _launched(kernels))
 
 
 def _tile_test(kind: str, cls: int, n: int, row_hint: int, env: dict) -> bool:
@@ -204,47 +139,21 @@ def _holds(rule: Rule, cls: int, rows: int, n: int, k: int, dtype: str, row_hint
     return True
 
 
-def _several_rows(rule: Rule, cls: int, qtype: int, n: int, k: int, dtype: str, env: dict) -> Outcome:
-    if rule is REFUSE:
-        return Outcome("refused", error=UNSUPPORTED, error_kind="runtime")
-    if rule.path == "tile" and n == 0:
-        return Outcome("tile")
-    if rule.path == "tile" and env["TILE_SIZE"] == 0:
-        return Outcome("open")
-    if not rule.fast and dtype not in FOUR_DTYPES:
-        return Outcome("refused", error=not_implemented("qlinear_forward_xpu", dtype), error_kind="dispatch")
-    if k % rule.k_multiple:
-        return Outcome("refused", error=MULTIPLE.format(k, rule.k_multiple), error_kind="check")
-    open_end = rule.kernel.endswith("nf4_2x16_batch") and n % 2  # the last output row would stay unwritten
-    partial = n * k % FORMATS[ACCEPTED[qtype]].block_elements  # elements behind the last whole block
-    if k % 64 or partial or open_end or (qtype == 15 and (n * k // 64) % 4):
-        return Outcome("open")
-    kernel = rule.other if cls != 0 and rule.other else rule.kernel
-    count = -(-n // env["TILE_SIZE"]) if rule.path == "tile" else 1
-    return Outcome(rule.path, _launched([kernel] * count))
-
-
 def select(cls: int, qtype: int, rows: int, n: int, k: int, dtype: str, env: dict | None = None, row_hint: int = 0):
-    """The outcome of one call. `env` holds the variables that are set; `dtype` is one of rounding.DTYPES, or another
-    type's name ("int", "long"), which is refused. "open" marks calls whose treatment the design leaves free."""
+    """The outcome of one call that no check of its sizes refuses. `env` holds the variables that are set."""
     env = env or {}
-    if qtype not in ACCEPTED:
-        return Outcome("refused")
     allowed = env.get("VOREL_LLM_SYSDOT_DISABLED") != "1" and n % 16 == 0
     fewest, most = SYSTOLIC.get((cls, qtype), (1, 0))
     if allowed and fewest <= rows <= most:
-        if dtype not in ("float", "half", "bfloat16"):
-            return Outcome("exit", error="unsupported dtype")
-        if k % 64:
-            return Outcome("refused", error="state_size % QK == 0", error_kind="check")
-        return Outcome("systolic", (("sysdot_forward_kernel", False),))
-    numbers = {}
-    try:
-        for name, signed, default in PARSED.get(qtype, ()):
-            numbers[name] = parse_number(env[name], signed) if name in env else default
-    except Malformed as bad:
-        return Outcome("refused", error=bad.args[1], error_kind=bad.args[0])
+        return Outcome("exit") if dtype == "double" else Outcome("systolic", (("sysdot_forward_kernel", False),))
     if rows == 1:
-        return _one_row(cls, qtype, k, dtype)
+        first = ("quantize_xpu_kernel_q8_1",) * (qtype in QUANTISED)
+        return Outcome("matrix_vector", _launched((*first, ONE_ROW[qtype])))
+    numbers = {name: int(env.get(name, default)) for name, default in TILE_POLICY.items()}
     rule = next(r for r in RULES[qtype] if _holds(r, cls, rows, n, k, dtype, row_hint, numbers))
-    return _several_rows(rule, cls, qtype, n, k, dtype, numbers)
+    if rule is REFUSE or n * k % FORMATS[ACCEPTED[qtype]].block_elements:  # a block behind the last whole one
+        return Outcome("refused")
+    count = -(-n // numbers["TILE_SIZE"]) if rule.path == "tile" else 1
+    if qtype == 15 and n * k // 64 % 4:  # the blocks that fill no thread of four follow, from a copy
+        count = 1 + (n * k // 64 > 4)
+    return Outcome(rule.path, _launched([rule.other if cls != 0 and rule.other else rule.kernel] * count))

@@ -15,7 +15,7 @@ from .linear import gamma
 from .registry import block_count
 from .rounding import UNDERFLOW, UNIT
 
-BLOCK_ELEMENTS, BLOCK_BYTES = 32, 36
+BLOCK_ELEMENTS = 32
 RECIPROCAL_127 = np.uint32(0x3C010204).view(np.float32)  # the float nearest 1/127
 
 # Lanes that share a super-block, and super-blocks that the 32 lanes of a row work on at once.
@@ -26,11 +26,6 @@ class Blocks(NamedTuple):
     d: np.ndarray  # (blocks,) float16, scale
     s: np.ndarray  # (blocks,) float16, sum of the inputs before quantising
     qs: np.ndarray  # (blocks, 32) int8
-
-    def to_bytes(self) -> np.ndarray:
-        """The activation buffer: 36 bytes a block, d, s, codes."""
-        head = np.stack([self.d, self.s], axis=1).astype("<f2")
-        return np.concatenate([np.ascontiguousarray(head).view(np.uint8), self.qs.view(np.uint8)], axis=1).reshape(-1)
 
 
 def quantize_q8_1(x, dtype: str) -> Blocks:
@@ -52,54 +47,36 @@ def quantize_q8_1(x, dtype: str) -> Blocks:
     return Blocks(d.astype(np.float16), total[:, 0].astype(np.float16), codes.astype(np.int8))
 
 
-def group_dots(name: str, data, n: int, k: int, activations: Blocks) -> np.ndarray:
+def group_dots(name: str, data, n: int, k: int, activations: Blocks, size: bool = False) -> np.ndarray:
     """(n, k / 256, groups) float64: what the vector dot gives for each row, super-block and group number.
 
     A group is 32 elements (8 to a super-block), for q2_k four codes of each of four 32-element runs (16 of them).
+    `size` takes every number by its magnitude, also the two halves of a result (scales, minimums or delta).
     """
     blocks = k // 256
-    nb = block_count(name, n, k)
-    f = fields(name, data, nb)
-    d8 = activations.d.astype(np.float64).reshape(blocks, 8)
-    s8 = activations.s.astype(np.float64).reshape(blocks, 8)
-    q = activations.qs.astype(np.int64).reshape(blocks, 8, 32)
-    d = f.d.reshape(n, blocks, 1)
+    f = fields(name, data, block_count(name, n, k))
+    d8, s8, q = (part.astype(np.float64) for part in activations)
+    code, d, m, delta = f.code, f.d, f.m, f.delta
+    if size:
+        d8, s8, q, code, d, delta = (None if part is None else np.abs(part) for part in (d8, s8, q, code, d, delta))
+        m = None if m is None else -np.abs(m)
+    d8, s8, q = d8.reshape(blocks, 8), s8.reshape(blocks, 8), q.reshape(blocks, 8, 32)
+    d = d.reshape(n, blocks, 1)
     if name == "q2_k":
-        code = f.code.reshape(n, blocks, 2, 4, 8, 4)  # half, run of 32, four-element cut of the run, element
+        code = code.reshape(n, blocks, 2, 4, 8, 4)  # half, run of 32, four-element cut of the run, element
         u = q.reshape(blocks, 2, 4, 8, 4)
         dot, su = (code * u).sum(axis=-1), u.sum(axis=-1)  # (n, blocks, 2, 4, 8), (blocks, 2, 4, 8)
         sub = np.repeat(f.sub.reshape(n, blocks, 2, 4, 2), 4, axis=-1)  # 16 elements, four cuts, share a scale
         sub_min = np.repeat(f.sub_min.reshape(n, blocks, 2, 4, 2), 4, axis=-1)
         scale = d8.reshape(blocks, 2, 4, 1)
         plus, minus = (scale * dot * sub).sum(axis=3), (scale * su * sub_min).sum(axis=3)
-        dmin = f.m.reshape(n, blocks, 1)
-        return plus.reshape(n, blocks, 16) * d - minus.reshape(n, blocks, 16) * dmin
-    sumi = (f.code.reshape(n, blocks, 8, 32) * q).sum(axis=-1)
+        return plus.reshape(n, blocks, 16) * d - minus.reshape(n, blocks, 16) * m.reshape(n, blocks, 1)
+    sumi = (code.reshape(n, blocks, 8, 32) * q).sum(axis=-1)
     sub = f.sub.reshape(n, blocks, 8)
     if name == "iq2_xxs":
         return (sub + 0.5) * d * d8 * 0.25 * sumi
     dl = d * (2 * sub + 1)
-    return dl * d8 * sumi + dl * s8 * f.delta.reshape(n, blocks, 8)
-
-
-def _group_magnitudes(name: str, data, n: int, k: int, activations: Blocks) -> np.ndarray:
-    """As group_dots with the two halves of a group's result (scales, minimums or delta) taken by magnitude."""
-    blocks = k // 256
-    f = fields(name, data, block_count(name, n, k))
-    d8 = np.abs(activations.d.astype(np.float64)).reshape(blocks, 8)
-    s8 = np.abs(activations.s.astype(np.float64)).reshape(blocks, 8)
-    reach = np.abs(activations.qs.astype(np.int64)).reshape(blocks, 8, 32)
-    weight = np.abs(f.code).reshape(n, blocks, 8, 32)
-    d, sub = np.abs(f.d).reshape(n, blocks, 1), f.sub
-    if name == "q2_k":
-        first = weight * np.repeat(sub, 16, axis=1).reshape(n, blocks, 8, 32) * d[..., None]
-        second = np.repeat(f.sub_min, 16, axis=1).reshape(n, blocks, 8, 32) * np.abs(f.m).reshape(n, blocks, 1, 1)
-        return ((first + second) * reach).sum(axis=-1) * d8
-    sub = sub.reshape(n, blocks, 8)
-    if name == "iq2_xxs":
-        return (sub + 0.5) * d * 0.25 * (weight * reach).sum(axis=-1) * d8
-    dl = d * (2 * sub + 1)
-    return dl * d8 * (weight * reach).sum(axis=-1) + dl * s8 * 1.125
+    return dl * d8 * sumi + dl * s8 * delta.reshape(n, blocks, 8)
 
 
 def matrix_vector_q8_1(name: str, data, n: int, k: int, x, dtype: str):
@@ -110,7 +87,7 @@ def matrix_vector_q8_1(name: str, data, n: int, k: int, x, dtype: str):
     activations = quantize_q8_1(x, dtype)
     dots = group_dots(name, data, n, k, activations)
     result = dots.sum(axis=(1, 2))
-    magnitude = _group_magnitudes(name, data, n, k, activations).sum(axis=(1, 2))
+    magnitude = group_dots(name, data, n, k, activations, size=True).sum(axis=(1, 2))
     bound = gamma(16 + k / 256, UNIT["float"]) * magnitude
     if name != "iq1_s":
         lanes, flight = LANES[name]

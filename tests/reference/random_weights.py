@@ -23,6 +23,9 @@ _SCALE = {  # d, where it is not at the start of the last plane
 }  # fmt: skip
 
 
+_UNUSUAL = [0.0, 3e-7, 60000.0, -60000.0, float(np.uint32(0x7FFFFFFF).view(np.float32))]
+
+
 def _store(plane: np.ndarray, first: int, numbers, kind: str) -> None:
     raw = np.ascontiguousarray(np.asarray(numbers).reshape(-1, 1).astype(kind)).view(np.uint8)
     plane[:, first : first + raw.shape[1]] = raw
@@ -48,17 +51,19 @@ def random_weight(
     seed: int,
     scale: float = 0.25,
     *,
-    full_range: bool = False,
-    nan_codes: bool = False,
     stored_scales: bool = False,
+    unusual: bool = False,
 ) -> np.ndarray:
     """Packed bytes of an (n, k) weight whose elements stay within about `scale` (twice that with an offset).
 
     Codes and sub-block scales are uniform random bytes; block scales are random between a quarter and the whole of
     what `scale` allows, a fifth of them negative. With normal inputs and scale 0.25 a dot product over 4096
     elements stays far below the largest half. fp8_e5m2 spans 31 binades, so its codes are drawn among those with
-    magnitudes up to `scale`; full_range allows every finite code, nan_codes every byte; its stored scales are 1.0
-    unless stored_scales asks for values from 0.5 to 2, so that all its readers agree.
+    magnitudes up to `scale`, or with `unusual` among all that are finite; its stored scales are 1.0 unless
+    stored_scales asks for values from 0.5 to 2, so that all its readers agree.
+
+    `unusual` makes an eighth of the block scales and offsets zero, subnormal, so large that products overflow in half,
+    or not a number with all bits set: rounding it as if it were a number would carry into its sign.
     """
     rng = np.random.default_rng([seed, FORMATS[name].qtype, n, k])
     nb = block_count(name, n, k)
@@ -67,13 +72,13 @@ def random_weight(
 
     def magnitudes(peak: float) -> np.ndarray:
         signs = np.where(rng.random((nb, 1)) < 0.2, -1.0, 1.0)
-        return signs * rng.uniform(0.25, 1.0, (nb, 1)) * (scale / peak)
+        usual = signs * rng.uniform(0.25, 1.0, (nb, 1)) * (scale / peak)
+        return np.where(unusual & (rng.random((nb, 1)) < 0.125), rng.choice(_UNUSUAL, (nb, 1)), usual)
 
     if name == "fp8_e5m2":
-        if not nan_codes:
-            value = np.abs(small_float(np.arange(256), 5, 2))
-            allowed = np.flatnonzero(np.isfinite(value) & (full_range | (value <= scale)))
-            planes[0][:] = rng.choice(allowed, planes[0].shape).astype(np.uint8)
+        value = np.abs(small_float(np.arange(256), 5, 2))
+        allowed = np.flatnonzero(np.isfinite(value) & (unusual | (value <= scale)))
+        planes[0][:] = rng.choice(allowed, planes[0].shape).astype(np.uint8)
         _store_scale(name, planes, rng.uniform(0.5, 2.0, nb) if stored_scales else np.ones(nb))
         return data
     _store_scale(name, planes, magnitudes(_PEAK[name]))

@@ -18,13 +18,6 @@ UNIT = {"half": 2.0**-11, "float": 2.0**-24, "double": 2.0**-53, "bfloat16": 2.0
 # Largest absolute error of one rounding that ends among the subnormals: half of the smallest number.
 UNDERFLOW = {"half": 2.0**-25, "float": 2.0**-150, "double": 0.0, "bfloat16": 2.0**-134}
 
-LARGEST = {
-    "half": 65504.0,
-    "float": float(np.finfo(np.float32).max),
-    "double": float(np.finfo(np.float64).max),
-    "bfloat16": (2.0 - 2.0**-7) * 2.0**127,
-}
-
 
 def round_bf16(x) -> np.ndarray:
     """Round to bfloat16, ties to even, through float32; any not-a-number becomes the pattern 0x7FC0."""
