@@ -37,7 +37,7 @@ void expand(const weight_columns& columns, uint64_t b, weight_tile<WT>& tile) {
       column[i] = columns.codes[16 * strip + i] + b * bytes;
       sycl::prefetch(column[i] + 64);  // 32 streams are too many for the host to foresee; one line ahead is enough
     }
-    alignas(64) uint8_t across[16 * bytes];
+    alignas(64) uint8_t across[16 * bytes + 16];  // a reader may load 32 bytes to make 16 elements of
     for (unsigned j = 0; j < bytes; j += 16) sycl::transpose_bytes(column, j, across + 16 * j);
     // Byte j of 16 columns is now what a reader takes for run 0 of a unit. Where it holds two elements, as in q4_0, the
     // second is j + 32, of run 2.
