@@ -29,13 +29,13 @@ TEST(pool, covers_every_index_once) {
 }
 
 TEST(pool, adaptive_run_calls_in_other_cores_for_long_work_and_not_for_short) {
-  const auto threads_of = [](size_t n, int spin) {
+  const auto threads_of = [](size_t n, unsigned spin) {
     std::mutex mutex;
     std::set<std::thread::id> threads;
     host::run_adaptively(n, [&](size_t begin, size_t end) {
-      volatile int work = 0;
+      volatile unsigned work = 0;
       for (size_t i = begin; i < end; ++i) {
-        for (int j = 0; j < spin; ++j) work = work + j;
+        for (unsigned j = 0; j < spin; ++j) work = work + j;
       }
       const std::lock_guard<std::mutex> lock(mutex);
       threads.insert(std::this_thread::get_id());
@@ -44,7 +44,7 @@ TEST(pool, adaptive_run_calls_in_other_cores_for_long_work_and_not_for_short) {
   };
   EXPECT_EQ(threads_of(16, 1), std::set<std::thread::id>{std::this_thread::get_id()});
   if (host::concurrency() > 1) {
-    EXPECT_GT(threads_of(2000, 100000).size(), 1u);
+    EXPECT_GT(threads_of(2000, 100'000).size(), 1u);
   }
 }
 

@@ -227,11 +227,13 @@ SPOILT = [
     (full_layer, APART),
     *[(to(kv_seq_len=n), APART) for n in (6, 2**62, 2**63 - 1)],
     *[(lambda c, n=n: behind_the_buffer(c, n), f"cache_k must have room at position {n}") for n in (6, 2**63 - 1)],
+    (to(cache_k=torch.zeros(95, device="xpu").as_strided((1, 2, 3, 8), (95, 8, 16, 1)), kv_seq_len=5),
+     "cache_k must have room at position 5 in its storage of 95 elements"),  # of the 96 that it takes
     (to(kv_seq_len=-1), "kv_seq_len must not be negative, found -1"),
     (to(position_ids=lambda t: t.int()), "expected scalar type Long"),
     (to(position_ids=lambda t: t[:0]), "position_ids must hold the token's position"),
     (to(position_ids=lambda t: t.cpu()), "position_ids must be on xpu:0, found on cpu"),
-]
+]  # fmt: skip
 
 SPOILT_VALUE = [
     *[(to(src_0_vtype=q), "does not name a weight format") for q in (-1, 9)],
