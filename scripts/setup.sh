@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Installs what corvane builds, tests and runs with: Debian packages, and a virtual environment with the Python
-# packages of requirements-dev.txt. Quick when nothing is missing.
+# Installs what corvane builds, tests and runs with: Debian packages, those named as arguments too, and a virtual
+# environment with the Python packages of requirements-dev.txt. Quick when nothing is missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(g++ cmake ninja-build ccache python3-dev python3-venv python3-torch libtorch-dev python3-numpy pybind11-dev
-  libtbb-dev libdnnl-dev libgtest-dev libopenblas0-pthread)
+  libtbb-dev libdnnl-dev libgtest-dev libopenblas0-pthread "$@")
 
 missing=()
 for package in "${packages[@]}"; do
