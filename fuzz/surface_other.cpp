@@ -1,0 +1,216 @@
+// bmm, the RWKV operators and expert grouping: the products and blends against references, the attentions by what their
+// results may be, and what is written in place only by calls that are answered.
+#include <ATen/Functions.h>
+
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+
+#include "fuzz/moe_check.hpp"
+#include "fuzz/surface.hpp"
+#include "module/linear_xpu.hpp"
+#include "rwkv/rwkv.hpp"
+
+namespace fuzz {
+namespace {
+
+// Tensors that a call writes in place, as they were before.
+struct in_place {
+  std::vector<at::Tensor> tensors;
+  std::vector<std::vector<uint8_t>> before;
+
+  explicit in_place(std::vector<at::Tensor> written) : tensors(std::move(written)) {
+    for (const at::Tensor& t : tensors) before.push_back(bytes_of(t));
+  }
+  void check_untouched(const char* name) const {
+    for (size_t i = 0; i < tensors.size(); ++i) {
+      if (bytes_of(tensors[i]) != before[i]) wrong("%s was refused and wrote all the same", name);
+    }
+  }
+};
+
+void check_element(const char* name, int64_t index, double answer, const expected& e) {
+  if (!agrees(answer, e)) {
+    wrong("%s: element %ld is %.9g, the reference %.9g with a tolerance of %.3g", name, index, answer, e.value,
+          e.tolerance);
+  }
+}
+
+at::ScalarType float_or_half(byte_source& source) { return source.below(2) != 0 ? at::kHalf : at::kFloat; }
+
+}  // namespace
+
+void bmm(byte_source& source) {
+  const int64_t batch = 1 + source.below(3), m = source.below(40), k = source.below(40), n = source.below(40);
+  const contents c = pick_contents(source);
+  tensor_maker make(source, source.word(4));
+  const at::Tensor a = make.floats({batch, m, k}, at::kFloat, c), b = make.floats({batch, k, n}, at::kFloat, c);
+  const int64_t more = source.below(3);
+  at::Tensor out = make.floats({batch * m * n + more}, at::kFloat, contents::dense);
+  const bool overlaps = source.rarely();
+  if (overlaps && !make.distorted()) out = source.below(2) != 0 ? a : b;
+  const bool good = !make.distorted() && !overlaps;
+  const in_place written({out});
+  if (!answers("bmm", good, [&] { corvane::bmm(a, b, out); })) return written.check_untouched("bmm");
+  if (!good) return;
+  for (int64_t i = batch * m * n; i < out.numel(); ++i) {
+    if (value_at(out, i) != reinterpret_cast<const float*>(written.before[0].data())[out.storage_offset() + i]) {
+      wrong("bmm wrote behind its product");
+    }
+  }
+  if (make.unusual()) return;
+  const precision p = precision_of(at::kFloat);
+  for (int64_t i = 0; i < batch * m * n; ++i) {
+    const int64_t of = i / (m * n), row = i / n % m, column = i % n;
+    expected e;
+    double magnitude = 0;
+    for (int64_t j = 0; j < k; ++j) {
+      const double term = value_at(a, (of * m + row) * k + j) * value_at(b, (of * k + j) * n + column);
+      e.value += term;
+      magnitude += std::abs(term);
+    }
+    e.tolerance = static_cast<double>(k + 1) * p.unit * magnitude;
+    check_element("bmm", i, value_at(out, i), e);
+  }
+}
+
+void rwkv_v4(byte_source& source) {
+  const int64_t batch = 1 + source.below(3), tokens = source.below(6), hidden = 32 * (1 + source.below(3));
+  const at::ScalarType dtype = source.rarely() ? source.pick(floating_types) : float_or_half(source);
+  const contents c = pick_contents(source);
+  const int64_t said_hidden = source.rarely() ? source.below(100) : hidden;
+  tensor_maker make(source, source.word(4));
+  const at::Tensor decay = make.floats({hidden}, dtype, c), first = make.floats({hidden}, dtype, c);
+  const at::Tensor key = make.floats({batch, tokens, said_hidden}, dtype, c);
+  const at::Tensor value = make.floats({batch, tokens, said_hidden}, dtype, c);
+  std::vector<at::Tensor> states;
+  for (const float start : {0.0f, 0.0f, -1e38f}) {
+    states.push_back(make.floats({batch, hidden}, at::kFloat, contents::dense));
+    if (!make.distorted()) std::fill_n(states.back().data_ptr<float>(), states.back().numel(), start);
+  }
+  const in_place written(states);
+  const bool good = !make.distorted() && said_hidden == hidden && (dtype == at::kFloat || dtype == at::kHalf);
+  at::Tensor result;
+  if (!answers("rwkv_linear_attention_v4", good, [&] {
+        result = corvane::rwkv_linear_attention_v4(decay, first, key, value, states[0], states[1], states[2]);
+      })) {
+    return written.check_untouched("rwkv_linear_attention_v4");
+  }
+  if (!good || make.unusual()) return;
+  // From an empty state, a result is an average of the values so far; each weight and sum is some float roundings off.
+  for (int64_t b = 0; b < batch; ++b) {
+    for (int64_t h = 0; h < hidden; ++h) {
+      double least = 1e9, most = -1e9;
+      for (int64_t s = 0; s < tokens; ++s) {
+        const int64_t at = (b * tokens + s) * hidden + h;
+        least = std::min(least, value_at(value, at));
+        most = std::max(most, value_at(value, at));
+        const double slack = 64 * 0x1p-24 * static_cast<double>(s + 1) + precision_of(dtype).unit;  // values reach 1
+        const double answer = value_at(result, at);
+        if (!(answer >= least - slack && answer <= most + slack)) {
+          wrong("rwkv_linear_attention_v4: token %ld, channel %ld is %.9g, its values lie in %.9g to %.9g", s, h,
+                answer, least, most);
+        }
+      }
+    }
+  }
+}
+
+void rwkv_v5(byte_source& source) {
+  const int64_t batch = 1 + source.below(2), heads = 1 + source.below(3), tokens = source.below(4), size = 64;
+  const int64_t last = source.rarely() ? source.below(130) : size;
+  const contents c = pick_contents(source);
+  const bool transposed = source.below(2) != 0;  // as a model has them: tokens before heads
+  tensor_maker make(source, source.word(4));
+  const at::Tensor decay = make.floats({heads, last}, at::kFloat, c), first = make.floats({heads, last}, at::kFloat, c);
+  at::Tensor tokens_of[3];  // receptance, key, value
+  for (at::Tensor& t : tokens_of) {
+    if (transposed) {
+      t = make.floats({batch, tokens, heads, last}, at::kFloat, c);
+      if (t.dim() == 4) t = t.transpose(1, 2);
+    } else {
+      t = make.floats({batch, heads, tokens, last}, at::kFloat, c);
+    }
+  }
+  at::Tensor state = make.floats({batch, heads, last, last}, at::kFloat, c);
+  const in_place written({state});
+  const std::vector<double> before = make.distorted() ? std::vector<double>{} : values_of(state);
+  const bool good = !make.distorted() && last == size;
+  at::Tensor result;
+  if (!answers("rwkv_linear_attention_v5", good, [&] {
+        result = corvane::rwkv_linear_attention_v5(decay, first, tokens_of[0], tokens_of[1], tokens_of[2], state);
+      })) {
+    return written.check_untouched("rwkv_linear_attention_v5");
+  }
+  if (!good || make.unusual()) return;
+  const double unit = precision_of(at::kFloat).unit;
+  for (int64_t head = 0; head < batch * heads; ++head) {
+    const int64_t b = head / heads, n = head % heads;
+    for (int64_t i = 0; i < size; i += 21) {
+      std::vector<double> column(64), magnitude(64);
+      for (int64_t j = 0; j < size; ++j) {
+        column[static_cast<size_t>(j)] = before[static_cast<size_t>((head * size + j) * size + i)];
+        magnitude[static_cast<size_t>(j)] = std::abs(column[static_cast<size_t>(j)]);
+      }
+      for (int64_t s = 0; s < tokens; ++s) {
+        const auto of = [&](const at::Tensor& t, int64_t element) {
+          return value_at(t, b * t.stride(0) + n * t.stride(1) + s * t.stride(2) + element);
+        };
+        expected e;
+        double total = 0;
+        for (int64_t j = 0; j < size; ++j) {
+          double &state_j = column[static_cast<size_t>(j)], &magnitude_j = magnitude[static_cast<size_t>(j)];
+          const double product = of(tokens_of[1], j) * of(tokens_of[2], i), r = of(tokens_of[0], j);
+          const double u = value_at(first, n * size + j), w = value_at(decay, n * size + j);
+          e.value += r * (u * product + state_j);
+          total += std::abs(r) * (std::abs(u * product) + magnitude_j);
+          state_j = w * state_j + product;
+          magnitude_j = std::abs(w) * magnitude_j + std::abs(product);
+        }
+        e.tolerance = static_cast<double>(size + 4 + 3 * s) * unit * total;  // the sum, its terms, the state's steps
+        const int64_t at = ((b * tokens + s) * heads + n) * size + i;
+        check_element("rwkv_linear_attention_v5", at, value_at(result, at), e);
+      }
+    }
+  }
+}
+
+void time_shift(byte_source& source) {
+  const int64_t batch = source.below(3), tokens = source.below(5), hidden = 64 * (1 + source.below(3)),
+                mixes = source.below(4);
+  const at::ScalarType dtype = source.rarely() ? source.pick(floating_types) : float_or_half(source);
+  const contents c = pick_contents(source);
+  const int64_t said_hidden = source.rarely() ? source.below(200) : hidden;
+  tensor_maker make(source, source.word(4));
+  const at::Tensor tokens_now = make.floats({batch, tokens, said_hidden}, dtype, c);
+  const at::Tensor shifted = make.floats({batch, tokens, said_hidden}, dtype, c);
+  const at::Tensor mix = make.floats({mixes, 1, said_hidden}, dtype, c);
+  const bool good = !make.distorted() && said_hidden == hidden && (dtype == at::kFloat || dtype == at::kHalf);
+  at::Tensor result;
+  if (!answers("rwkv_time_shift", good, [&] { result = corvane::rwkv_time_shift(tokens_now, shifted, mix); })) return;
+  if (!good || make.unusual()) return;
+  const precision p = precision_of(dtype);
+  for (int64_t i = 0; i < result.numel(); ++i) {
+    const int64_t e = i % tokens_now.numel();
+    const double x = value_at(tokens_now, e), y = value_at(shifted, e);
+    const double m = value_at(mix, i / tokens_now.numel() * hidden + e % hidden);
+    check_element(
+        "rwkv_time_shift", i, value_at(result, i),
+        {y + m * (x - y), 3 * p.unit * (std::abs(y) + std::abs(m) * (std::abs(x) + std::abs(y))) + p.smallest});
+  }
+}
+
+void moe(byte_source& source) {
+  constexpr int64_t experts[] = {8, 0, 1, 64, -1, -2147483648};
+  const auto n_experts = static_cast<int32_t>(source.pick(experts));
+  tensor_maker make(source, source.word(4));
+  at::Tensor selected = make.integers({source.below(8), source.below(5)}, at::kInt, n_experts);
+  if (!make.distorted() && !source.rarely()) {  // where it belongs; else the device's tensor has to be refused
+    const at::Tensor host = at::empty(selected.sizes(), at::TensorOptions(at::kCPU).dtype(at::kInt));
+    std::copy_n(selected.data_ptr<int32_t>(), selected.numel(), host.data_ptr<int32_t>());
+    selected = host;
+  }
+  check_moe(selected, n_experts);
+}
+
+}  // namespace fuzz

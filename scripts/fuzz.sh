@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs the fuzzers of fuzz/: each for some seconds, from its seeds and what earlier runs found
+# (build/fuzz/corpus). Fails on a finding, and says how to run it again.
+#
+#   scripts/fuzz.sh [seconds for each fuzzer]    60 by default
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds=${1:-60}
+[[ $seconds =~ ^[1-9][0-9]*$ ]] || { echo "usage: scripts/fuzz.sh [seconds for each fuzzer]" >&2; exit 2; }
+
+scripts/setup.sh clang libclang-rt-dev
+scripts/build.sh fuzz fuzzers
+
+# A process has one device class: the operators' fuzzer runs once for each, by names that fall into them.
+class_names=("Stratus Server GPU 9000" "Cirrus(TM) A770" "Stratus Edge GPU" "some other device" "Cirrus(TM) Graphics" "NBG 3")
+
+build=build/fuzz findings=build/fuzz/findings
+mkdir -p "$findings"
+failed=0
+
+# fuzz <fuzzer> <seconds> <device name>
+fuzz() {
+  local target=$1 corpus=$build/corpus/$1 log status=0
+  mkdir -p "$corpus"
+  log=$(mktemp)
+  # One thread: the pool belongs to the platform's own tests, and a run can be repeated. Inputs are small, contents
+  # follow from seeds in them. malloc_limit: an allocation that is too large is refused before, by the sanitizer.
+  HOST_XPU_DEVICE_NAME=$3 OMP_NUM_THREADS=1 "$build/fuzz/fuzz_$target" "$corpus" "fuzz/corpus/$target" \
+    -max_total_time="$2" -max_len=160 -timeout=30 -rss_limit_mb=4096 -malloc_limit_mb=2048 \
+    -artifact_prefix="$findings/$target-" >"$log" 2>&1 || status=$?
+  if ((status == 0)); then
+    printf 'fuzz: %-12s %-24s %s\n' "$target" "$3" "$(grep '^Done' "$log")"
+  else
+    failed=1
+    grep -vE '^#[0-9]+|NEW_FUNC|^INFO' "$log" || true
+    echo "fuzz: $target failed with status $status on \"$3\"" >&2
+    local file
+    file=$(sed -n 's/.*Test unit written to //p' "$log")
+    if [[ -n $file ]]; then
+      echo "fuzz: again: HOST_XPU_DEVICE_NAME=\"$3\" OMP_NUM_THREADS=1 $build/fuzz/fuzz_$target $file" >&2
+    fi
+  fi
+  rm -f "$log"
+}
+
+fuzz environment "$seconds" ""
+fuzz moe_indexes "$seconds" ""
+for name in "${class_names[@]}"; do fuzz surface $(((seconds + 5) / 6)) "$name"; done
+
+((failed == 0)) || { echo "fuzz: failed; what becomes of a finding: fuzz/README.md" >&2; exit 1; }
+echo "fuzz: all passed"
