@@ -33,7 +33,8 @@ bool takes_systolic_path(int32_t qtype, int64_t rows, int64_t output_size, const
 // find in such a call.
 bool would_end_process(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, const environment& set) {
   const format* f = format_of(qtype);
-  if (f == nullptr || input.dim() < 2 || weight.dim() < 1 || input.size(1) < 1) return false;
+  if (f == nullptr || input.dim() < 2 || weight.dim() < 1 || input.size(1) < 1 || weight.size(0) >> 32 != 0)
+    return false;
   const int64_t output_size = weight.size(0) / f->block_bytes * f->block_elements / input.size(1);
   const bool has_kernel = is_float_or_half(input.scalar_type()) || input.scalar_type() == at::kBFloat16;
   return !has_kernel && takes_systolic_path(qtype, input.size(0), output_size, set);
