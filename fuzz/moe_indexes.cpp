@@ -10,7 +10,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::byte_source source(data, size);
-  // At most 2^16 experts: the lists of 2^31 would take all memory, as a caller who asks for them must expect.
+  // Few enough that their lists are quickly made; numbers above 2^24 are refused.
   const int32_t n_experts = static_cast<int16_t>(source.word(2)) - (source.rarely() ? 1 << 20 : 0);
   const unsigned shape = source.byte();
   const bool narrow_ids = source.below(2) == 0;  // a byte each, so that they often name an expert; else four

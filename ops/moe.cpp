@@ -7,10 +7,17 @@
 
 namespace corvane {
 
+// The result has two lists for each expert, some 200 bytes once they are Python's: beyond this number a machine's memory
+// may end, and the process with it. No layer has a thousandth of it.
+constexpr int32_t most_experts = 1 << 24;
+
 std::vector<std::vector<std::vector<int32_t>>> get_moe_indexes(at::Tensor selected_experts, int32_t n_experts) {
   using lists = std::vector<std::vector<int32_t>>;
   const origin where{"moe", "get_moe_indexes"};
   const int32_t* expert = selected_experts.data_ptr<int32_t>();
+  if (n_experts > most_experts) {
+    fail(where, "n_experts must be at most " + std::to_string(most_experts) + ", found " + std::to_string(n_experts));
+  }
   lists positions(static_cast<size_t>(n_experts)), tokens(positions.size());  // a negative number: std::length_error
   check(selected_experts.dim() == 2, where, "selected_experts.dim() == 2");
   check(selected_experts.is_contiguous(), where, "selected_experts.is_contiguous()");

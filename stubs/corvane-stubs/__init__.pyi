@@ -186,6 +186,6 @@ def get_moe_indexes(selected_experts: Tensor, n_experts: int, /) -> list[list[li
     selected_experts: (tokens, selected), torch.int32, contiguous, in host memory, entries from 0 to n_experts - 1.
 
     Returns two lists of n_experts lists: result[0][e] the positions at which expert e was selected, result[1][e] the
-    tokens. Raises ValueError for a negative n_experts, RuntimeError for an entry that is no expert and for a tensor of
-    another type, shape or device.
+    tokens. Raises ValueError for a negative n_experts, RuntimeError for one above 2^24, for an entry that is no expert
+    and for a tensor of another type, shape or device.
     """

@@ -41,6 +41,7 @@ GOOD = choices([[1, 0], [1, 2]])
     [
         (GOOD.long(), -1, RuntimeError, "expected scalar type Int but found Long"),
         (GOOD[0], -1, ValueError, "cannot create std::vector larger than max_size()"),
+        (GOOD[0], 2**31 - 1, RuntimeError, "n_experts must be at most 16777216, found 2147483647"),
         (GOOD[0], 3, RuntimeError, "selected_experts.dim() == 2"),
         (GOOD.T, 3, RuntimeError, "selected_experts.is_contiguous()"),
         (GOOD.to("xpu"), 3, RuntimeError, "selected_experts must be in host memory: move it with .cpu()"),
