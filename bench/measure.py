@@ -21,25 +21,17 @@ def timing_of(seconds: list[float]) -> Timing:
     return Timing(median, low, high)
 
 
-SETTLE = 0.04  # seconds after which the threads of the framework's BLAS have stopped spinning
-
-
 def alternate(
-    candidates: dict[str, Callable[[int], object]], runs: int = 25, seconds: float = 2.0, settle: float = 0.0
+    candidates: dict[str, Callable[[int], object]], runs: int = 25, seconds: float = 2.0
 ) -> dict[str, Timing]:
     """Times each candidate(i) in turn, i counting up, so that noise of the machine meets all of them alike.
 
     Stops after `runs` rounds, or after `seconds` once five rounds are there. The first round is not counted.
-    Candidates that run on different threads need `settle`: a pause before each, in which threads of the one before
-    fall asleep that would spin on a core otherwise, and a call that is not counted and wakes its own.
     """
     taken: dict[str, list[float]] = {name: [] for name in candidates}
     start = time.perf_counter()
     for i in range(runs + 1):
         for name, call in candidates.items():
-            if settle:
-                time.sleep(settle)
-                call(i + 1)
             before = time.perf_counter()
             call(i)
             if i:

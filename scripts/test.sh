@@ -6,13 +6,15 @@
 #   scripts/test.sh --quick     the release build, the Python tests on two device classes
 #   scripts/test.sh --sanitize  under the address and undefined-behaviour sanitizers, on two device classes
 #   scripts/test.sh --thread    the tests of pool, queue and groups under the thread sanitizer
+#   scripts/test.sh --fuzz      each fuzzer for a minute (scripts/fuzz.sh)
+#   scripts/test.sh --ci        all of this
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 mode=${1:-all}
 case $mode in
-  all | --quick | --sanitize | --thread) ;;
-  *) echo "usage: scripts/test.sh [--quick | --sanitize | --thread]" >&2; exit 2 ;;
+  all | --quick | --sanitize | --thread | --fuzz | --ci) ;;
+  *) echo "usage: scripts/test.sh [--quick | --sanitize | --thread | --fuzz | --ci]" >&2; exit 2 ;;
 esac
 
 # Each device class by a name that falls into it.
@@ -48,32 +50,48 @@ test_python() {  # <title> <build folder> <class>
     .venv/bin/python -m pytest -q -p no:cacheprovider tests/python
 }
 
+test_all() {
+  test_build release build 0 1 2 3 4 5
+  local seed=1
+  python_environment=(HOST_XPU_CHECK_ORDER="$seed")
+  run "order check $seed: C++" env HOST_XPU_CHECK_ORDER="$seed" build/corvane_tests --gtest_brief=1
+  test_python "order check $seed: Python, class 1" build 1
+  python_environment=()
+  test_build avx2 build/avx2 1
+  run "package: wheel in a fresh environment" scripts/test_package.sh
+}
+
+test_sanitize() {
+  # The modules are loaded by an interpreter that knows nothing of the sanitizers: their runtimes have to be there
+  # first, and the C++ library with them, whose throw they replace. Leaks are the interpreter's and PyTorch's.
+  local -x ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1:detect_stack_use_after_return=0
+  local -x UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+  local preload='' library
+  for library in libasan.so libubsan.so libstdc++.so; do preload+=$(realpath "$(g++ -print-file-name=$library)"):; done
+  python_environment=(LD_PRELOAD="${preload%:}" PYTHONMALLOC=malloc)
+  test_build sanitize build/sanitize 1 0
+  python_environment=()
+}
+
+test_thread() {
+  scripts/build.sh thread platform_tests
+  local -x TSAN_OPTIONS=halt_on_error=1:suppressions=$PWD/scripts/thread_sanitizer.supp
+  run "thread: C++ of pool, queue and groups" build/thread/platform_tests --gtest_brief=1
+}
+
+test_fuzz() { run "fuzz: a minute each" scripts/fuzz.sh 60; }
+
 case $mode in
-  all)
-    test_build release build 0 1 2 3 4 5
-    seed=1
-    python_environment=(HOST_XPU_CHECK_ORDER="$seed")
-    run "order check $seed: C++" env HOST_XPU_CHECK_ORDER="$seed" build/corvane_tests --gtest_brief=1
-    test_python "order check $seed: Python, class 1" build 1
-    python_environment=()
-    test_build avx2 build/avx2 1
-    run "package: wheel in a fresh environment" scripts/test_package.sh
-    ;;
+  all) test_all ;;
   --quick) test_build release build 1 3 ;;
-  --sanitize)
-    # The modules are loaded by an interpreter that knows nothing of the sanitizers: their runtimes have to be there
-    # first, and the C++ library with them, whose throw they replace. Leaks are the interpreter's and PyTorch's.
-    export ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1:detect_stack_use_after_return=0
-    export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-    preload=
-    for library in libasan.so libubsan.so libstdc++.so; do preload+=$(realpath "$(g++ -print-file-name=$library)"):; done
-    python_environment=(LD_PRELOAD="${preload%:}" PYTHONMALLOC=malloc)
-    test_build sanitize build/sanitize 1 0
-    ;;
-  --thread)
-    scripts/build.sh thread platform_tests
-    export TSAN_OPTIONS=halt_on_error=1:suppressions=$PWD/scripts/thread_sanitizer.supp
-    run "thread: C++ of pool, queue and groups" build/thread/platform_tests --gtest_brief=1
+  --sanitize) test_sanitize ;;
+  --thread) test_thread ;;
+  --fuzz) test_fuzz ;;
+  --ci)
+    test_all
+    test_sanitize
+    test_thread
+    test_fuzz
     ;;
 esac
 

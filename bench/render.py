@@ -1,0 +1,133 @@
+"""Writes the measurements of `scripts/bench.sh --json FILE` into docs/performance.md, and draws its plot.
+
+Usage: .venv/bin/python bench/render.py FILE
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+from pathlib import Path
+
+import matplotlib
+
+matplotlib.use("Agg")
+from matplotlib import pyplot  # noqa: E402
+
+DOCS = Path(__file__).resolve().parents[1] / "docs"
+PAGE, PLOT = DOCS / "performance.md", DOCS / "performance.png"
+DTYPES = ("float", "half", "bfloat16", "double")
+
+
+def table(head: list[str], rows: list[list[str]]) -> str:
+    lines = [head, ["---"] * len(head), *rows]
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
+
+
+def milliseconds(row: dict) -> str:
+    return f"{row['median'] * 1e3:.2f}"
+
+
+def ratio(row: dict, what: str) -> str:
+    return f"{row['against'][what]:.2f}"
+
+
+def one_row(rows: dict[str, dict]) -> str:
+    names = list(dict.fromkeys(name.split()[0] for name in rows))
+    cells = []
+    for name in names:
+        by_dtype = [rows[f"{name} {dtype}"] for dtype in DTYPES]
+        times = [f"{milliseconds(row)} ({ratio(row, 'read')})" for row in by_dtype]
+        cells.append([name, f"{by_dtype[0]['gigabytes'] * 1e3:.1f}", *times, ratio(by_dtype[0], "dense float")])
+    return table(["format", "MB", *DTYPES, "`float` to dense"], cells)
+
+
+def several_rows(rows: dict[str, dict]) -> str:
+    counts = list(dict.fromkeys(name.split()[1] for name in rows))
+    cells = []
+    for count in counts:
+        of_count = {name.split()[0]: (name, row) for name, row in rows.items() if name.split()[1] == count}
+        kernel = " / ".join(dict.fromkeys(name.split(", ")[1] for name, _ in of_count.values()))
+        times = [f"{milliseconds(of_count[d][1])} ({ratio(of_count[d][1], 'dense float')})" for d in DTYPES[:3]]
+        cells.append([count, *times, f"`{kernel}`"])
+    return table(["rows", *DTYPES[:3], "first kernel"], cells)
+
+
+def expansion(rows: dict[str, dict]) -> str:
+    names = list(dict.fromkeys(name.split()[0] for name in rows))
+    cells = []
+    for name in names:
+        pair = [rows[f"{name} to {dtype}"] for dtype in ("float", "half")]
+        cells.append([name, *(f"{milliseconds(row)} ({ratio(row, 'fill speed')})" for row in pair)])
+    return table(["format", "to `float`", "to `half`"], cells)
+
+
+def fused(rows: dict[str, dict]) -> str:
+    cells = []
+    for dtype in DTYPES[:3]:
+        pair = [rows[f"layer, {dtype}, {way}"] for way in ("fused", "separate")]
+        cells.append([dtype, *(f"{milliseconds(row)} ({ratio(row, 'read')})" for row in pair)])
+    return table(["", "fused", "separate calls"], cells)
+
+
+def linear(rows: dict[str, dict]) -> str:
+    counts = list(dict.fromkeys(name.split()[1] for name in rows))
+    cells = [
+        [count, *(f"{milliseconds(rows[f'{d} {count} rows'])} ({ratio(rows[f'{d} {count} rows'], 'dense float')})"
+                  for d in DTYPES)]
+        for count in counts
+    ]  # fmt: skip
+    return table(["rows", *DTYPES], cells)
+
+
+def plot(rows: dict[str, dict]) -> None:
+    """Time of one row over the packed bytes: the line is a plain read at the median speed of the run."""
+    figure, axis = pyplot.subplots(figsize=(7.2, 4.2), constrained_layout=True)
+    speeds = sorted(row["gigabytes"] * row["against"]["read"] / row["median"] for row in rows.values())
+    largest = max(row["gigabytes"] for row in rows.values())
+    axis.plot([0, largest * 1e3], [0, largest / speeds[len(speeds) // 2] * 1e3], color="gray", linewidth=1,
+              label="plain read")  # fmt: skip
+    for dtype, marker in zip(DTYPES[:3], "o^s"):
+        points = {name.split()[0]: row for name, row in rows.items() if name.split()[1] == dtype}
+        x = [row["gigabytes"] * 1e3 for row in points.values()]
+        y = [row["median"] * 1e3 for row in points.values()]
+        axis.scatter(x, y, s=16, marker=marker, label=dtype)
+        if dtype == "float":
+            for name, a, b in zip(points, x, y):
+                axis.annotate(name, (a, b), (3, -8), textcoords="offset points", fontsize=6)
+    axis.set_xlabel("packed weight, MB")
+    axis.set_ylabel("one row, ms")
+    axis.set_ylim(bottom=0)
+    axis.set_xlim(left=0)
+    axis.legend(fontsize=8)
+    figure.savefig(PLOT, dpi=110)
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("file", type=Path)
+    measured = json.loads(parser.parse_args().file.read_text())
+    sections: dict[str, dict[str, dict]] = {}
+    for row in measured["rows"]:
+        sections.setdefault(row["section"], {})[row["name"]] = row
+    about = measured["about"]
+    parts = {
+        "about": f"Commit {about['commit']}, {about['processor_name']}, {about['threads']} threads, "
+        f"device name \"{about['device']}\".",
+        "one-row": one_row(sections["one-row"]),
+        "rows": several_rows(sections["rows"]),
+        "expand": expansion(sections["expand"]),
+        "fused": fused(sections["fused"]),
+        "linear": linear(sections["linear"]),
+    }
+    page = PAGE.read_text()
+    for name, text in parts.items():
+        begin, end = f"<!-- {name} -->", f"<!-- end of {name} -->"
+        before, rest = page.split(begin)
+        page = f"{before}{begin}\n{text}\n{end}{rest.split(end)[1]}"
+    PAGE.write_text(page)
+    plot(sections["one-row"])
+
+
+if __name__ == "__main__":
+    main()
