@@ -24,7 +24,8 @@ def write(fuzzer: str, name: str, data: bytes) -> None:
 def call(operator: str, *fields: int | bytes, order: int = 0, environment: bytes = bytes(5)) -> bytes:
     """A call on the surface: which operator, the order of work-groups, the environment, then the operator's fields."""
     head = bytes([OPERATORS.index(operator), order]) + environment
-    return head + b"".join(f if isinstance(f, bytes) else bytes([f]) for f in fields)
+    said = b"".join(f if isinstance(f, bytes) else bytes([f]) for f in fields)
+    return head + said + bytes(8)  # room for the tensors' own bytes: what is there is what changes
 
 
 def shape(blocks: int, rows: int) -> bytes:
@@ -50,7 +51,7 @@ def surface() -> None:
         write("surface", f"forward_new_tiles_{qtype}", tiles)
     malformed = bytes([0xFF, 0, 8, 0, 0])  # the ninth of the numbers is "x"
     write("surface", "forward_new_malformed", forward_new(2, FLOAT, 1, 1, 16, environment=malformed))
-    write("surface", "forward_new_on_the_cpu", forward_new(2, FLOAT, 1, 1, 16)[:-2] + bytes([USUAL, USUAL, 0xE0, 0]))
+    write("surface", "forward_new_on_the_cpu", forward_new(2, FLOAT, 1, 1, 16)[:-8] + bytes([0xE0, 0]))
     for qtype in (2, 19, 21):
         fields = [FORMATS.index(qtype), USUAL, HALF, shape(2, 16), SEED, USUAL, USUAL, USUAL, 1]
         write("surface", f"dequant_{qtype}", call("dequant", *fields))

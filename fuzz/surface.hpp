@@ -28,16 +28,17 @@ void rwkv_v5(byte_source& source);
 void time_shift(byte_source& source);
 void moe(byte_source& source);
 
-// Makes the call. An exception is an answer, but not to a call with nothing wrong about it.
+// Makes the call. An exception is an answer, but not to a call with nothing wrong about it; to some it is the only one.
 template <class Call>
-bool answers(const char* name, bool has_to, const Call& call) {
+bool answers(const char* name, bool good, bool has_to_be_refused, const Call& call) {
   try {
     call();
-    return true;
   } catch (const std::exception& refusal) {
-    if (has_to) wrong("%s refused a good call: %s", name, refusal.what());
+    if (good) wrong("%s refused a good call: %s", name, refusal.what());
     return false;
   }
+  if (has_to_be_refused) wrong("%s took a tensor in host memory", name);
+  return true;
 }
 
 // A format's id, now and then one of no format, or no number for one at all.

@@ -73,7 +73,7 @@ void project(byte_source& source, const char* name, unsigned matrices, bool with
   constexpr int64_t head_sizes[] = {8, 2, 16, 32, 6};
   const int64_t head_size = source.pick(head_sizes), heads = 1 + source.below(3), kv_heads = 1 + source.below(3);
   const int64_t length = source.below(5), room = length + 1 + source.below(3);
-  const int64_t position = source.count(source.below(2) != 0 ? length : source.below(4));
+  const int64_t position = source.count(source.below(2) != 0 ? length : source.below(8));
   const int64_t said_head_size = source.count(head_size);
   constexpr float bases[] = {10000.0f, 500000.0f, 1.0f, 0.0f, -10000.0f};
   const float base = source.pick(bases);
@@ -101,7 +101,7 @@ void project(byte_source& source, const char* name, unsigned matrices, bool with
   const bool good = !make.distorted() && has_kernel(qtype) && (matrices == 3 || qtype == 21) && vtype == value_qtype &&
                     shape.rows_begin_on_blocks() && position >= 0 && position < room && said_head_size == head_size;
   std::vector<at::Tensor> result;
-  const bool answered = answers(name, good, [&] {
+  const bool answered = answers(name, good, make.on_cpu() && !(with_bias && qtype == 21), [&] {
     if (matrices == 2) {
       result =
           corvane::linear_xpu_qk(input, weights[0], weights[1], ids, key.tensor, qtype, position, said_head_size, base);
@@ -186,7 +186,7 @@ void mlp(byte_source& source) {
                     batch == 1 && state_size == shape.state_size && output_size == shape.output_size &&
                     output_size % 8 == 0 && shape.rows_begin_on_blocks();
   at::Tensor result;
-  const bool answered = answers("mlp_forward_xpu", good, [&] {
+  const bool answered = answers("mlp_forward_xpu", good, make.on_cpu(), [&] {
     result = corvane::mlp_forward_xpu(input, first, second, batch, state_size, output_size, activation, qtype);
   });
   if (!answered || make.distorted() || state_size != shape.state_size || make.unusual()) return;

@@ -84,7 +84,8 @@ void forward_new(byte_source& source, const environment& set) {
   const bool good = !make.distorted() && format_of(qtype) != nullptr && shape.rows_begin_on_blocks() && set.valid &&
                     rows > 0 && shape.output_size > 0 && (rows == 1 || systolic || has_expansion);
   at::Tensor result;
-  if (!answers("forward_new", good, [&] { result = corvane::linear_forward_new(input, weight, qtype, row_hint); })) {
+  if (!answers("forward_new", good, make.on_cpu(),
+               [&] { result = corvane::linear_forward_new(input, weight, qtype, row_hint); })) {
     return;
   }
   if (make.distorted() || !shape.fits()) return;
@@ -120,7 +121,9 @@ void dequant(byte_source& source) {
   const at::Tensor input = make.floats({source.below(3), shape.state_size}, dtype, contents::any);
   const bool good = !make.distorted() && format_of(qtype) != nullptr && shape.rows_begin_on_blocks();
   at::Tensor result;
-  if (!answers("dequant", good, [&] { result = corvane::dequant(input, weight, qtype); }) || make.distorted()) return;
+  if (!answers("dequant", good, make.on_cpu(), [&] { result = corvane::dequant(input, weight, qtype); }) ||
+      make.distorted())
+    return;
   if (!shape.fits()) return;
   check_shape("dequant", result, {shape.output_size, shape.state_size}, dtype);
   if (!is_one_of(qtype, {2, 3, 8, 10, 16, 19, 21})) return;  // allocated and not written
@@ -147,7 +150,7 @@ void dequantize_rows(byte_source& source) {
   const bool as_made = !make.distorted() && state_size == shape.state_size && output_size == shape.output_size;
   const bool good = as_made && format_of(qtype) != nullptr && shape.rows_begin_on_blocks();
   at::Tensor result;
-  if (!answers("dequantize_rows", good,
+  if (!answers("dequantize_rows", good, make.on_cpu(),
                [&] { result = corvane::dequantize_rows(numbers, weight, qtype, state_size, output_size); }) ||
       !good) {
     return;

@@ -45,13 +45,13 @@ void bmm(byte_source& source) {
   const contents c = pick_contents(source);
   tensor_maker make(source, source.word(4));
   const at::Tensor a = make.floats({batch, m, k}, at::kFloat, c), b = make.floats({batch, k, n}, at::kFloat, c);
-  const int64_t more = source.below(3);
-  at::Tensor out = make.floats({batch * m * n + more}, at::kFloat, contents::dense);
+  const int64_t more = static_cast<int64_t>(source.below(4) + 1) % 4 - 1;  // from one too few to two more
+  at::Tensor out = make.floats({std::max<int64_t>(0, batch * m * n + more)}, at::kFloat, contents::dense);
   const bool overlaps = source.rarely();
   if (overlaps && !make.distorted()) out = source.below(2) != 0 ? a : b;
-  const bool good = !make.distorted() && !overlaps;
+  const bool good = !make.distorted() && !overlaps && more >= 0;
   const in_place written({out});
-  if (!answers("bmm", good, [&] { corvane::bmm(a, b, out); })) return written.check_untouched("bmm");
+  if (!answers("bmm", good, make.on_cpu(), [&] { corvane::bmm(a, b, out); })) return written.check_untouched("bmm");
   if (!good) return;
   for (int64_t i = batch * m * n; i < out.numel(); ++i) {
     if (value_at(out, i) != reinterpret_cast<const float*>(written.before[0].data())[out.storage_offset() + i]) {
@@ -91,7 +91,7 @@ void rwkv_v4(byte_source& source) {
   const in_place written(states);
   const bool good = !make.distorted() && said_hidden == hidden && (dtype == at::kFloat || dtype == at::kHalf);
   at::Tensor result;
-  if (!answers("rwkv_linear_attention_v4", good, [&] {
+  if (!answers("rwkv_linear_attention_v4", good, make.on_cpu(), [&] {
         result = corvane::rwkv_linear_attention_v4(decay, first, key, value, states[0], states[1], states[2]);
       })) {
     return written.check_untouched("rwkv_linear_attention_v4");
@@ -137,7 +137,7 @@ void rwkv_v5(byte_source& source) {
   const std::vector<double> before = make.distorted() ? std::vector<double>{} : values_of(state);
   const bool good = !make.distorted() && last == size;
   at::Tensor result;
-  if (!answers("rwkv_linear_attention_v5", good, [&] {
+  if (!answers("rwkv_linear_attention_v5", good, make.on_cpu(), [&] {
         result = corvane::rwkv_linear_attention_v5(decay, first, tokens_of[0], tokens_of[1], tokens_of[2], state);
       })) {
     return written.check_untouched("rwkv_linear_attention_v5");
@@ -187,7 +187,9 @@ void time_shift(byte_source& source) {
   const at::Tensor mix = make.floats({mixes, 1, said_hidden}, dtype, c);
   const bool good = !make.distorted() && said_hidden == hidden && (dtype == at::kFloat || dtype == at::kHalf);
   at::Tensor result;
-  if (!answers("rwkv_time_shift", good, [&] { result = corvane::rwkv_time_shift(tokens_now, shifted, mix); })) return;
+  if (!answers("rwkv_time_shift", good, make.on_cpu(),
+               [&] { result = corvane::rwkv_time_shift(tokens_now, shifted, mix); }))
+    return;
   if (!good || make.unusual()) return;
   const precision p = precision_of(dtype);
   for (int64_t i = 0; i < result.numel(); ++i) {

@@ -48,6 +48,7 @@ at::Tensor tensor_maker::make(std::vector<int64_t> sizes, at::ScalarType dtype) 
   const auto options = at::TensorOptions(xpu).dtype(dtype);
   switch (plan % 8) {
     case 0:
+      on_cpu_ = true;
       return at::empty(sizes, options.device(at::kCPU));
     case 1: {
       constexpr at::ScalarType others[] = {at::kByte, at::kFloat, at::kHalf, at::kBFloat16, at::kDouble,

@@ -30,6 +30,8 @@ class tensor_maker {
 
   // Whether a tensor is other than it was asked to be: the call may be refused.
   bool distorted() const { return distorted_; }
+  // Whether a tensor is in host memory, where no operator on the device may take it.
+  bool on_cpu() const { return on_cpu_; }
   // Whether there are contents that no answer is known for.
   bool unusual() const { return unusual_; }
   uint64_t seed() { return random_.next(); }
@@ -39,7 +41,7 @@ class tensor_maker {
 
   byte_source& source_;
   random_bits random_;
-  bool distorted_ = false, unusual_ = false;
+  bool distorted_ = false, on_cpu_ = false, unusual_ = false;
 };
 
 double value_at(const at::Tensor& tensor, int64_t index);  // of the elements as they lie in memory
