@@ -26,7 +26,7 @@ fuzz() {
   log=$(mktemp)
   # One thread: the pool belongs to the platform's own tests, and a run can be repeated. Inputs are small, contents
   # follow from seeds in them. malloc_limit: an allocation that is too large is refused before, by the sanitizer.
-  HOST_XPU_DEVICE_NAME=$3 OMP_NUM_THREADS=1 "$build/fuzz/fuzz_$target" "$corpus" "fuzz/corpus/$target" \
+  HOST_XPU_DEVICE_NAME=$3 OMP_NUM_THREADS=1 "$build/fuzz_$target" "$corpus" "fuzz/corpus/$target" \
     -max_total_time="$2" -max_len=160 -timeout=30 -rss_limit_mb=4096 -malloc_limit_mb=2048 \
     -artifact_prefix="$findings/$target-" >"$log" 2>&1 || status=$?
   if ((status == 0)); then
@@ -38,7 +38,7 @@ fuzz() {
     local file
     file=$(sed -n 's/.*Test unit written to //p' "$log")
     if [[ -n $file ]]; then
-      echo "fuzz: again: HOST_XPU_DEVICE_NAME=\"$3\" OMP_NUM_THREADS=1 $build/fuzz/fuzz_$target $file" >&2
+      echo "fuzz: again: HOST_XPU_DEVICE_NAME=\"$3\" OMP_NUM_THREADS=1 $build/fuzz_$target $file" >&2
     fi
   fi
   rm -f "$log"
