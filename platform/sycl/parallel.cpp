@@ -6,9 +6,12 @@
 #include <tbb/task_arena.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
+
+#include "platform/sycl/workers.hpp"
 
 #ifdef __SSE2__
 #include <emmintrin.h>
@@ -47,15 +50,34 @@ int count_cores() {
   return cores;
 }
 
+struct thread_pool {
+  tbb::task_arena arena{concurrency()};
+  workers helpers{arena};
+};
+
 // Leaked on purpose: worker threads may outlive static destruction at interpreter exit.
-//
-// Measured and dropped: a core of its own for every worker. A virtual machine's kernel often wakes the worker of a
-// pause on the caller's core, where it waits for the next tick: 128 rows of 4096 x 4096 after 40 ms of sleep took 13 to
-// 20 ms, and 13 so. But beside another busy process short calls took three times as long.
-tbb::task_arena& arena() {
-  static tbb::task_arena* pool = new tbb::task_arena(concurrency());
-  return *pool;
+thread_pool& pool() {
+  static auto* const instance = new thread_pool;
+  return *instance;
 }
+
+// Sees to it that a worker comes: as long as none has, some of the caller's pieces begin with a look where they are.
+class help_wanted {
+ public:
+  void piece_begins() {
+    if (std::this_thread::get_id() != caller_) {
+      come_.store(true, std::memory_order_relaxed);
+    } else if (looks_ < 4 && !come_.load(std::memory_order_relaxed)) {
+      // Before the first piece, one that is present may just not have taken its own yet.
+      if (looks_++ > 0 || !pool().helpers.any_present()) pool().helpers.move_elsewhere();
+    }
+  }
+
+ private:
+  const std::thread::id caller_ = std::this_thread::get_id();
+  std::atomic<bool> come_ = false;
+  int looks_ = 0;
+};
 
 // Stores past the caches (simd.hpp) are not ordered with what tells other threads that a piece is done.
 void finish_stores() {
@@ -86,14 +108,16 @@ void parallel_for(size_t n, size_t grain, range_function f) {
     return;
   }
   fork_join order;
+  help_wanted help;
   const auto piece = [&](const tbb::blocked_range<size_t>& r) {
+    help.piece_begins();
     order.piece_begins();
     f(r.begin(), r.end());
     finish_stores();
     order.piece_ends();
   };
   order.before_all();
-  arena().execute(
+  pool().arena.execute(
       [&] { tbb::parallel_for(tbb::blocked_range<size_t>(0, n, grain), piece, tbb::simple_partitioner()); });
   order.after_all();
 }
