@@ -43,20 +43,20 @@ template <class T, unsigned Units>
 constexpr unsigned sums_of_row = sizeof(T) == 2 && Units > 1 ? 2 : 1;
 
 // Units u to u + Units - 1 of all rows against all inputs, the units of a row in turn to its Sums sums. A code is
-// decoded once for all inputs. `scales` begins with that of unit u of row 0; rows lie batch_units apart.
+// decoded once for all inputs. `scales` and `offsets` begin with those of unit u of row 0; rows lie batch_units apart.
 template <class Reader, class T,
           bool Pairs,  // BFloat16 products and sums of a unit are rounded in pairs: row_input.hpp
           unsigned Inputs, unsigned Rows, unsigned Units, unsigned Sums>
-CORVANE_INLINE void accumulate_units(const sycl::lane_of<T>* input, uint64_t stride,
-                                     const typename Reader::planes& weight, const row_list<Rows>& rows, uint32_t u,
-                                     const sycl::lane_of<T>* scales, simd<T, 16>* sum) {
+CORVANE_INLINE void accumulate_units(const row_input<T>& input, uint64_t stride, const typename Reader::planes& weight,
+                                     const row_list<Rows>& rows, uint32_t u, const sycl::lane_of<T>* scales,
+                                     const sycl::lane_of<T>* offsets, simd<T, 16>* sum) {
   constexpr unsigned chains = Rows * Units;  // chain c: row c % Rows, unit u + c / Rows
   const auto unit = [&](unsigned c) CORVANE_INLINE_LAMBDA { return rows.first_unit[c % Rows] + u + c / Rows; };
   if constexpr (Rows > 1) {
     for (unsigned c = 0; c < chains; ++c) Reader::prefetch(weight, unit(c) + rows.ahead);
   }
   const auto x = [&](unsigned i, unsigned c, unsigned v) CORVANE_INLINE_LAMBDA {
-    return simd<T, 16>::load_lanes(input + i * stride + unit_elements * (u + c / Rows) + 16 * v);
+    return simd<T, 16>::load_lanes(input.lanes + i * stride + unit_elements * (u + c / Rows) + 16 * v);
   };
   const auto code = [&](unsigned c, unsigned v) CORVANE_INLINE_LAMBDA {
     const typename Reader::raw codes = Reader::fetch(weight, unit(c));
@@ -106,6 +106,12 @@ CORVANE_INLINE void accumulate_units(const sycl::lane_of<T>* input, uint64_t str
       } else {
         to = to + dot[i * chains + c];
       }
+      // Unit by unit, so that it cancels against the scaled codes before it can lose them their last places.
+      if constexpr (Reader::has_offset) {
+        const auto sum_x = simd<T, 16>::load_lanes(input.sums + 16 * (u + c / Rows));
+        const auto offset = simd<T, 16>::broadcast_lane(offsets[c % Rows * batch_units + c / Rows]);
+        to = multiply_add(sum_x, offset, to);
+      }
     });
   });
 }
@@ -123,7 +129,7 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
     sum[k] = sums[k];
     if constexpr (spread == 2) sum[results + k] = simd<T, 16>::zero();
   });
-  alignas(64) sycl::lane_of<T> scales[Rows * batch_units];
+  alignas(64) sycl::lane_of<T> scales[Rows * batch_units], offsets[Rows * batch_units];
   for (uint32_t first = 0; first < units; first += batch_units) {
     const uint32_t count = std::min(units - first, batch_units);
     sycl::unroll<Rows>([&](auto r) CORVANE_INLINE_LAMBDA {
@@ -132,20 +138,20 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
         if constexpr (Rows > 1) Reader::prefetch_scales(weight, unit + rows.ahead);
         Reader::template scales<T>(weight, unit, count).store_lanes(scales + r * batch_units);
       }
-      if constexpr (Reader::has_offset) {  // lanes are units here
-        sum[r] = multiply_add(simd<T, 16>::load_lanes(input.unit_sums + first),
-                              Reader::template offsets<T>(weight, unit, count), sum[r]);
+      if constexpr (Reader::has_offset) {
+        Reader::template offsets<T>(weight, unit, count).store_lanes(offsets + r * batch_units);
       }
     });
     uint32_t n = 0;
     for (; n + step <= count; n += step) {
-      accumulate_units<Reader, T, Pairs, Inputs, Rows, step, spread>(input.lanes, stride, weight, rows, first + n,
-                                                                     scales + n, sum);
+      accumulate_units<Reader, T, Pairs, Inputs, Rows, step, spread>(input, stride, weight, rows, first + n, scales + n,
+                                                                     offsets + n, sum);
     }
     if constexpr (step > 1) {
       for (; n < count; ++n) {
-        accumulate_units<Reader, T, Pairs, Inputs, Rows, 1, 1>(input.lanes, stride, weight, rows, first + n, scales + n,
-                                                               sum);
+        // To the sum that it would have in a full step, whatever the step: two inputs give what two calls do.
+        accumulate_units<Reader, T, Pairs, Inputs, Rows, 1, 1>(input, stride, weight, rows, first + n, scales + n,
+                                                               offsets + n, sum + n % spread * results);
       }
     }
   }
@@ -165,7 +171,7 @@ CORVANE_INLINE void accumulate_rows(const row_input<T>& input, const typename Re
                                     const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs * Rows],
                                     uint64_t stride = 0) {
   static_assert(Reader::shared_scale == unit_elements || Reader::shared_scale == 0, "a unit has one scale, or none");
-  static_assert(!Reader::has_offset || Inputs == 1, "unit sums are those of one input");
+  static_assert(!Reader::has_offset || Inputs == 1, "the sums are those of one input");
   if constexpr (std::is_same_v<T, BFloat16>) {
     if (input.pairable) return detail::accumulate<Reader, true, Inputs>(input, weight, rows, units, sums, stride);
   }

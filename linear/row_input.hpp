@@ -17,9 +17,10 @@ constexpr float smallest_pairable = 0x1p-90f;
 
 template <class T>
 struct row_input {
-  const sycl::lane_of<T>* lanes;      // (state_size)
-  const sycl::lane_of<T>* unit_sums;  // (units, rounded up to 16), zero behind the last unit; formats with an offset
-  bool pairable;                      // BFloat16: rounding in pairs loses nothing
+  const sycl::lane_of<T>* lanes;  // (state_size)
+  const sycl::lane_of<T>* sums;   // (units, 16): lane t adds up elements t, 16 + t, 32 + t, 48 + t of a unit, as its
+                                  // dot product does; formats with an offset
+  bool pairable;                  // BFloat16: rounding in pairs loses nothing
 };
 
 // The input row of one launch, and what row_input points to beside it.
@@ -34,8 +35,8 @@ class prepared_row {
       view_.lanes = input;
     }
     if (with_sums) {
-      sums_ = std::make_unique<line[]>((units + 15) / 16);
-      view_.unit_sums = sums_.get()->lane;
+      sums_ = std::make_unique_for_overwrite<line[]>(units);
+      view_.sums = sums_.get()->lane;
     }
   }
 
@@ -68,9 +69,9 @@ class prepared_row {
   void add_up() {
     for (uint32_t u = 0; u < units_; ++u) {
       const sycl::lane_of<T>* x = view_.lanes + uint64_t{unit_elements} * u;
-      const lanes sum =
-          (lanes::load_lanes(x) + lanes::load_lanes(x + 16)) + (lanes::load_lanes(x + 32) + lanes::load_lanes(x + 48));
-      sums_[u / 16].lane[u % 16] = static_cast<sycl::lane_of<T>>(sum_tree(sum));
+      const lanes low = lanes::load_lanes(x) + lanes::load_lanes(x + 16);
+      const lanes high = lanes::load_lanes(x + 32) + lanes::load_lanes(x + 48);
+      (low + high).store_lanes(sums_[u].lane);
     }
   }
 

@@ -5,6 +5,7 @@ The device class is the process's; an independent statement of path selection sa
 
 import corvane
 import host_xpu
+import numpy as np
 import pytest
 import torch
 from reference import geometry, paths
@@ -12,7 +13,7 @@ from reference.forward import forward
 from reference.linear import matrix_vector, random_input
 from reference.random_weights import blank_weight, random_weight
 from reference.registry import FORMATS
-from tensors import DTYPES, assert_close, assert_launches, bytes_behind, environment, on_device
+from tensors import DTYPES, assert_close, assert_launches, bytes_behind, environment, on_device, refusal
 
 BLOCK_256 = [name for name, f in FORMATS.items() if f.block_elements == 256]
 SYSTOLIC = ["q4_0", "q8_0", "fp8_e4m3", "fp8_e5m2"]
@@ -94,6 +95,18 @@ def test_tiles(name, rows, dtype, device_class):
     for n, changed in ((40, {}), (41, {}), (41, {"TILE_SIZE": "4096"}), (41, {"TARN_LLM_LOW_MEM": "2"})):
         for row_hint in (128, 129):
             run(name, n, 320, rows, dtype, device_class, env | changed, row_hint)
+
+
+@pytest.mark.parametrize("dtype", DTYPES)
+def test_two_rows_of_a_small_batch_are_two_calls(dtype, device_class):
+    """To the last bit, where a group of the one-row kernel has two rows as well."""
+    if device_class in (0, 5):
+        pytest.skip("other groups")
+    for name, k in [(name, k) for name in ("nf4", "q4_0") for k in (64, 128, 192, 960, 1088)]:
+        data, x = on_device(random_weight(name, 6, k, 3)), on_device(random_input(2, k, dtype, 3), dtype)
+        with environment({"VOREL_LLM_SYSDOT_DISABLED": "1"}):
+            first, second, both = (corvane.forward_new(part, data, FORMATS[name].qtype, 1) for part in (x[:1], x[1:], x))
+        assert torch.equal(both, torch.cat([first, second]))
 
 
 @pytest.mark.parametrize("n", [3, 5])
@@ -204,6 +217,17 @@ def test_no_rows_and_no_outputs(name, rows):
         assert corvane.forward_new(torch.zeros(0, k, device="xpu"), data, FORMATS[name].qtype, 0).shape == (0, 32)
 
 
+@pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16])
+def test_offsets_of_q4_1_meet_no_sum_over_more_than_their_rows_can_hold(dtype):
+    """64 inputs of 1500 would be beyond what Half holds, had they been added up before the offset came to them."""
+    codes, pairs = np.full(2 * 32, 0x22, np.uint8), np.tile(np.array([0.5, -0.999], np.float16), 2)
+    weight = on_device(np.concatenate([codes, pairs.view(np.uint8)]))
+    y = corvane.forward_new(torch.full((1, 64), 1504.0, dtype=dtype).to("xpu"), weight, 3, 1)
+    exact = 64 * 1504 * (2 * 0.5 + float(np.float16(-0.999)))  # what is left of two sums of that size
+    unit = 2.0**-11 if dtype == torch.half else 2.0**-8
+    assert (y.cpu().double() - exact).abs().max() <= 10 * unit * 64 * 1504  # ten roundings on the way of each product
+
+
 @pytest.mark.parametrize("name", FORMATS)
 def test_rows_that_end_within_a_block_are_refused(name):
     block = FORMATS[name].block_elements
@@ -215,6 +239,15 @@ def test_rows_that_end_within_a_block_are_refused(name):
         with host_xpu.record_launches() as records, pytest.raises(RuntimeError, match=text):
             corvane.forward_new(torch.zeros(rows, k, dtype=dtype, device="xpu"), data, FORMATS[name].qtype, 0)
         assert not records
+
+
+@pytest.mark.parametrize("name", sorted(set(BLOCK_256) - {"fp6_k"}))  # fp6_k has another word for it
+def test_a_last_block_that_no_row_fills_is_refused_before_anything_runs(name):
+    data = torch.zeros(3 * FORMATS[name].block_bytes, dtype=torch.uint8, device="xpu")  # one row of 640 elements
+    for dtype in (torch.float, torch.half):
+        x = torch.zeros(100, 640, dtype=dtype, device="xpu")
+        text = refusal(lambda x=x: corvane.forward_new(x, data, FORMATS[name].qtype, 0))
+        assert text.endswith("of state_size 640 does not end with a block of 256 elements")
 
 
 def test_tail_bytes_and_further_dimensions_are_not_looked_at():
