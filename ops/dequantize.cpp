@@ -58,12 +58,10 @@ constexpr origin rows_here{"linear_xpu", "dequantize_rows"};
 // All that would let a kernel read outside the weight: a device could not tell.
 void check_rows(const at::Tensor& row_numbers, const at::Tensor& weight, int32_t qtype, int64_t state_size,
                 int64_t output_size) {
-  const auto elements = static_cast<uint64_t>(state_size) * static_cast<uint64_t>(output_size);
-  const uint64_t needed = elements / registry[qtype].block_elements * registry[qtype].block_bytes;
-  if (needed > static_cast<uint64_t>(weight.size(0))) {
-    fail(rows_here, "weight must hold " + std::to_string(needed) + " bytes for " + std::to_string(output_size) +
-                        " rows of " + std::to_string(state_size) + " elements, found " +
-                        std::to_string(weight.size(0)));
+  constexpr int64_t most = std::numeric_limits<int32_t>::max();
+  if (state_size * output_size > most) {
+    fail(rows_here, "a packed weight holds fewer than 2147483648 elements, found " + std::to_string(output_size) +
+                        " rows of " + std::to_string(state_size));
   }
   const at::Tensor on_host = row_numbers.to(c10::DeviceType::CPU).contiguous();
   const int64_t* numbers = on_host.data_ptr<int64_t>();
@@ -73,6 +71,14 @@ void check_rows(const at::Tensor& row_numbers, const at::Tensor& weight, int32_t
   if (outside != end) {
     fail(rows_here, "row numbers must lie in 0 to output_size - 1 = " + std::to_string(output_size - 1) + ", found " +
                         std::to_string(*outside));
+  }
+  // Planes of q4_k lie where the rows of the whole weight put them. Blocks of q2_k lie behind each other, so that a
+  // weight of fewer rows than output_size serves those that it has.
+  const int64_t rows = qtype == qtype_q4_k ? output_size : *std::max_element(numbers, end) + 1;
+  const int64_t needed = rows * state_size / registry[qtype].block_elements * registry[qtype].block_bytes;
+  if (needed > weight.size(0)) {
+    fail(rows_here, "weight must hold " + std::to_string(needed) + " bytes for " + std::to_string(rows) + " rows of " +
+                        std::to_string(state_size) + " elements, found " + std::to_string(weight.size(0)));
   }
 }
 
@@ -101,9 +107,9 @@ at::Tensor dequantize_rows_body(const at::Tensor& input, const at::Tensor& weigh
   if (input.dim() != 2) fail(rows_here, "input must have two dimensions, found " + std::to_string(input.dim()));
   check_weight(weight, rows_here);
   constexpr int64_t most = std::numeric_limits<int32_t>::max();
-  if (state_size < 1 || output_size < 0 || state_size > most || output_size > most || state_size * output_size > most) {
-    fail(rows_here, "state_size must be at least 1, output_size at least 0 and their product below 2147483648, found " +
-                        std::to_string(state_size) + " and " + std::to_string(output_size));
+  if (state_size < 0 || output_size < 0 || state_size > most || output_size > most) {
+    fail(rows_here, "state_size and output_size must lie in 0 to 2147483647, found " + std::to_string(state_size) +
+                        " and " + std::to_string(output_size));
   }
 
   const int64_t batch = input.size(0), sequence = input.size(1);
@@ -113,7 +119,7 @@ at::Tensor dequantize_rows_body(const at::Tensor& input, const at::Tensor& weigh
   const char* name = is_q4_k ? "xpu_dequantize_rows_kernel_q4_k" : "xpu_dequantize_rows_kernel_q2_k";
   check_multiple(state_size, 64,
                  {"linear_xpu_kernel", name});  // as the launcher does, but ahead of what needs whole rows
-  check_rows(input, weight, qtype, state_size, output_size);
+  if (input.numel() != 0) check_rows(input, weight, qtype, state_size, output_size);
   auto* kernel = is_q4_k ? xpu_dequantize_rows_kernel_q4_k : xpu_dequantize_rows_kernel_q2_k;
   kernel(weight.data_ptr<uint8_t>(), input.data_ptr<int64_t>(), output.data_ptr<float>(), batch, sequence, state_size,
          output_size, weight.device());

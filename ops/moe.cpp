@@ -15,13 +15,13 @@ std::vector<std::vector<std::vector<int32_t>>> get_moe_indexes(at::Tensor select
   using lists = std::vector<std::vector<int32_t>>;
   const origin where{"moe", "get_moe_indexes"};
   const int32_t* expert = selected_experts.data_ptr<int32_t>();
+  check(selected_experts.dim() == 2, where, "selected_experts.dim() == 2");
+  check(selected_experts.is_contiguous(), where, "selected_experts.is_contiguous()");
+  check(selected_experts.is_cpu(), where, "selected_experts must be in host memory: move it with .cpu()");
   if (n_experts > most_experts) {
     fail(where, "n_experts must be at most " + std::to_string(most_experts) + ", found " + std::to_string(n_experts));
   }
   lists positions(static_cast<size_t>(n_experts)), tokens(positions.size());  // a negative number: std::length_error
-  check(selected_experts.dim() == 2, where, "selected_experts.dim() == 2");
-  check(selected_experts.is_contiguous(), where, "selected_experts.is_contiguous()");
-  check(selected_experts.is_cpu(), where, "selected_experts must be in host memory: move it with .cpu()");
 
   const int64_t selections = selected_experts.numel(), n_selected = selected_experts.size(1);
   for (int64_t at = 0; at < selections; ++at) {

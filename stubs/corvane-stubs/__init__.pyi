@@ -157,7 +157,7 @@ def rwkv_linear_attention_v5(
 ) -> Tensor:
     """RWKV attention, version 5, over all tokens of the call; state is updated in place. All float.
 
-    time_decay, time_first: (N, 64). receptance, key, value: (B, N, S, 64), of the same strides, the last axis dense.
+    time_decay, time_first: (N, 64). receptance, key, value: (B, N, S, 64), all read with key's strides.
     state: (B, N, 64, 64).
 
     Returns (B, S, N, 64). Raises RuntimeError for other sizes, strides and types.

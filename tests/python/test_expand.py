@@ -85,7 +85,8 @@ def test_dequant_of_other_formats_runs_nothing(name):
     data = on_device(random_weight(name, 2, 256, 1))
     with host_xpu.record_launches() as records:
         found = corvane.dequant(torch.zeros(1, 256, device="xpu"), data, ids[name])
-    assert found.shape == (2, 256) and not records
+        odd = corvane.dequant(torch.zeros(1, 100, dtype=torch.int, device="xpu"), data, ids[name])
+    assert found.shape == (2, 256) and odd.shape == (5, 100) and odd.dtype == torch.int and not records
 
 
 @pytest.mark.parametrize("qtype", [-1, 9, 31, 32, 2**31 - 1, -(2**31)])
@@ -160,18 +161,36 @@ def test_rows_outside_the_weight_are_refused(name, number):
     ("k", "n", "text"),
     [
         (96, 4, "96 must be a multiple of 64"),
-        (0, 4, "state_size must be at least 1"),
-        (-256, -4, "state_size must be at least 1"),
-        (256, -1, "output_size at least 0"),
-        (2**16, 2**15, "product below 2147483648"),
-        (2**62, 4, "product below 2147483648"),
-        (256, 5, "weight must hold"),
+        (-256, -4, "state_size and output_size must lie in 0 to 2147483647, found -256 and -4"),
+        (256, -1, "state_size and output_size must lie in 0 to 2147483647"),
+        (2**62, 4, "state_size and output_size must lie in 0 to 2147483647"),
+        (2**16, 2**15, "a packed weight holds fewer than 2147483648 elements, found 32768 rows of 65536"),
+        (512, 4, "weight must hold"),
     ],
 )
 def test_dequantize_rows_refuses_sizes(name, k, n, text):
     data = on_device(random_weight(name, 4, 256, 5))
     with pytest.raises(RuntimeError, match=text):
-        corvane.dequantize_rows(torch.zeros(1, 1, dtype=torch.long, device="xpu"), data, ids[name], k, n)
+        corvane.dequantize_rows(torch.full((1, 1), 3, device="xpu"), data, ids[name], k, n)
+
+
+def test_dequantize_rows_needs_all_rows_of_q4_k_and_of_q2_k_those_asked_for():
+    rows = torch.tensor([[0, 3]], device="xpu")
+    data = random_weight("q2_k", 4, 256, 5)
+    found = corvane.dequantize_rows(rows, on_device(data), ids["q2_k"], 256, 100)
+    np.testing.assert_array_equal(found.cpu().numpy(), dequantize_rows("q2_k", data, rows.cpu().numpy(), 256))
+    cut = on_device(data[:-1])
+    assert refusal(lambda: corvane.dequantize_rows(rows, cut, ids["q2_k"], 256, 100)).startswith("weight must hold 336")
+    table = on_device(random_weight("q4_k", 4, 256, 5))
+    assert refusal(lambda: corvane.dequantize_rows(rows, table, ids["q4_k"], 256, 5)).startswith("weight must hold 740")
+
+
+@pytest.mark.parametrize("name", ROWS)
+def test_dequantize_rows_without_elements(name):
+    rows = torch.zeros(2, 3, dtype=torch.long, device="xpu")
+    data = on_device(random_weight(name, 1, 256, 5))
+    assert corvane.dequantize_rows(rows, data, ids[name], 0, 4).shape == (2, 3, 0)
+    assert corvane.dequantize_rows(rows[:, :0], data, ids[name], 256, 2**20).shape == (2, 0, 256)
 
 
 def test_dequantize_rows_wants_64_bit_row_numbers_in_two_dimensions():

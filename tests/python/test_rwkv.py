@@ -105,6 +105,15 @@ def test_v5(shape, dense):
     assert_close(arguments[5], state, state_tolerance)
 
 
+def test_v5_reads_all_tokens_with_the_strides_of_key():
+    arguments = v5_arguments(2, 3, 4)
+    receptance = torch.randn(2, 3, 4, 64).to("xpu")  # dense, unlike key
+    as_read = receptance.as_strided(receptance.shape, arguments[3].stride())
+    expected = corvane.rwkv_linear_attention_v5(*arguments[:2], as_read, *arguments[3:5], arguments[5].clone())
+    found = corvane.rwkv_linear_attention_v5(*arguments[:2], receptance, *arguments[3:])
+    assert torch.equal(found, expected)
+
+
 # --- time shift --------------------------------------------------------------------------------------------------
 
 
@@ -184,7 +193,7 @@ V4_REFUSALS = [  # arguments put in place of good ones for B = 2, S = 3, H = 64,
         {"key": zeros(2, 3, 64, dtype=torch.half), "max_state": zeros(2, 64, dtype=torch.half)},
         "time_decay.scalar_type() == key.scalar_type() && time_first.scalar_type() == key.scalar_type()",
     ),
-    ({name: zeros(64).double() for name in V4_NAMES[:2]} | {"key": zeros(2, 3, 64).double()}, ONLY_FLOAT),
+    ({name: zeros(48).double() for name in V4_NAMES[:2]} | {"key": zeros(2, 3, 48).double()}, ONLY_FLOAT),
     ({"num_state": zeros(2, 64, dtype=torch.half)}, "expected scalar type Float but found Half"),
     ({"value": zeros(2, 3, 64, dtype=torch.half)}, "expected scalar type Float but found Half"),
     ({"key": torch.zeros(2, 3, 48)}, "hidden_size % GS == 0"),  # before the device is asked for
@@ -205,8 +214,8 @@ V5_REFUSALS = [  # B = 2, N = 3, S = 4
     ({"time_first": zeros(4, 64)}, "time_first must have the sizes [3, 64], found [4, 64]"),
     ({"receptance": torch.zeros(2, 3, 4, 64)}, "receptance must be a XPU tensor"),
     (
-        {"receptance": zeros(2, 3, 4, 64)},
-        "receptance must have the strides of key, [768, 64, 192, 1], found [768, 256, 64, 1]",
+        {"receptance": zeros(1, 3, 4, 64).expand(2, 3, 4, 64)},  # key's strides lead behind it
+        "receptance must have the strides of key, [768, 64, 192, 1], found [0, 256, 64, 1]",
     ),
     ({"value": zeros(2, 3, 5, 64)}, "value must have the sizes [2, 3, 4, 64], found [2, 3, 5, 64]"),
     ({"key": zeros(2, 3, 64, 4).transpose(2, 3)}, "key must be dense along its last axis, found the stride 4"),
@@ -220,7 +229,7 @@ SHIFT_REFUSALS = [  # B = 2, S = 3, H = 128, M = 2
         {"mix": zeros(2, 1, 128, dtype=torch.half)},
         "hidden.scalar_type() == shifted.scalar_type() && hidden.scalar_type() == mix.scalar_type()",
     ),
-    ({name: zeros(2, 3, 128).double() for name in SHIFT_NAMES[:2]} | {"mix": zeros(2, 1, 128).double()}, ONLY_FLOAT),
+    ({name: zeros(2, 3, 96).double() for name in SHIFT_NAMES[:2]} | {"mix": zeros(2, 1, 96).double()}, ONLY_FLOAT),
     ({"hidden": zeros(2, 3, 96), "shifted": torch.zeros(2, 2, 96), "mix": zeros(2, 1, 96)}, "hidden_size % GS == 0"),
     ({"hidden": torch.zeros(2, 3, 128)}, "hidden must be a XPU tensor"),
     ({"shifted": zeros(2, 2, 128)}, "shifted must have the sizes [2, 3, 128], found [2, 2, 128]"),
