@@ -47,9 +47,10 @@ at::Tensor linear(const at::Tensor& input, const at::Tensor& weight, const optio
     return stack.back().toTensor();
   }
   const at::AutoDispatchBelowADInplaceOrView below_autograd;
-  const at::Tensor x = input.contiguous();
-  const at::Tensor w = weight.stride(1) == 1 && weight.stride(0) >= weight.size(1) ? weight : weight.contiguous();
-  const at::Tensor b = has_value(bias) ? bias->contiguous() : at::Tensor();
+  const at::Tensor x = input.resolve_neg().contiguous();
+  at::Tensor w = weight.resolve_neg();
+  if (w.stride(1) != 1 || w.stride(0) < w.size(1)) w = w.contiguous();
+  const at::Tensor b = has_value(bias) ? bias->resolve_neg().contiguous() : at::Tensor();
   c10::DimVector sizes(input.sizes());
   sizes.back() = weight.size(0);
   at::Tensor y = at::empty(sizes, input.options());

@@ -464,6 +464,12 @@ def test_linear_of_nothing(shape):
     assert torch.equal(linear(x, w, bias).cpu(), linear(x.cpu(), w.cpu(), bias.cpu()))
 
 
+def test_linear_of_lazily_negated_tensors():
+    x, w, b = (torch.randn(*shape).to("xpu") for shape in ((3, 64), (5, 64), (5,)))
+    assert torch.equal(linear(torch._neg_view(x), w, b), linear(-x, w, b))
+    assert torch.equal(linear(x, torch._neg_view(w), torch._neg_view(b)), linear(x, -w, -b))
+
+
 def test_linear_keeps_infinities_and_nans_of_half_in_their_rows():
     x = torch.ones(3, 64, dtype=torch.half, device="xpu")
     x[1, 7], x[2, 3] = float("inf"), float("nan")
