@@ -68,30 +68,29 @@ def test_binding_refuses(arguments):
         corvane.forward_new(*arguments)
 
 
-INPUT, STRIDED = xpu(1, 64), torch.zeros(64, 2, device="xpu").t()[:1]
-CPU = torch.zeros(1, 64)
+GOOD, STRIDED, CPU = xpu(1, 64), torch.zeros(64, 2, device="xpu").t()[:1], torch.zeros(1, 64)
+# The wrappers: the tensors that they check in order, by the names of their messages; the number of the others, which
+# they do not; the other arguments.
+WRAPPERS = {
+    "forward_new": ("input weights", 0, (2, 1)),
+    "forward_qkv": ("input weight_q weight_k weight_v", 3, (2, 2, 0, 64)),
+    "forward_qkv_bias": ("input weight_q weight_k weight_v", 6, (2, 2, 0, 64, 1e4)),
+    "forward_qk": ("input weight_q weight_k", 2, (21, 0, 64, 1e4)),
+    "dequant": ("input weight", 0, (2,)),
+    "bmm": ("A B C", 0, ()),
+    "dequantize_rows": ("input weight", 0, (23, 64, 64)),
+}
 
 
 @pytest.mark.parametrize(
-    ("call", "message"),
-    [
-        (lambda: corvane.forward_new(CPU, CPU, 2, 1), "input must be a XPU tensor"),
-        (lambda: corvane.forward_new(STRIDED, CPU, 2, 1), "input must be contiguous"),
-        (lambda: corvane.forward_new(INPUT, CPU, 2, 1), "weights must be a XPU tensor"),
-        (lambda: corvane.forward_new(INPUT, STRIDED, 2, 1), "weights must be contiguous"),
-        (lambda: corvane.dequant(INPUT, CPU, 2), "weight must be a XPU tensor"),
-        (lambda: corvane.dequant(STRIDED, CPU, 2), "input must be contiguous"),
-        (lambda: corvane.dequantize_rows(INPUT, STRIDED, 23, 64, 64), "weight must be contiguous"),
-        (lambda: corvane.bmm(INPUT, CPU, CPU), "B must be a XPU tensor"),
-        (lambda: corvane.bmm(INPUT, INPUT, STRIDED), "C must be contiguous"),
-        (lambda: corvane.forward_qkv(INPUT, INPUT, INPUT, CPU, *[CPU] * 3, 2, 2, 0, 64), "weight_v must be a XPU tensor"),
-        (lambda: corvane.forward_qkv_bias(INPUT, INPUT, STRIDED, CPU, *[CPU] * 6, 2, 2, 0, 64, 1e4),
-         "weight_k must be contiguous"),
-        (lambda: corvane.forward_qk(INPUT, CPU, *[CPU] * 3, 21, 0, 64, 1e4), "weight_q must be a XPU tensor"),
-    ],
-)  # fmt: skip
-def test_wrapper_checks_in_order(call, message):
-    assert refusal(call) == message
+    ("name", "number", "tensor"),
+    [(name, number, tensor) for name in WRAPPERS for number, tensor in enumerate(WRAPPERS[name][0].split())],
+)
+def test_wrapper_checks_in_order(name, number, tensor):
+    checked, others, rest = WRAPPERS[name]
+    for wrong, text in ((CPU, "must be a XPU tensor"), (STRIDED, "must be contiguous")):
+        tensors = [GOOD] * number + [wrong] + [CPU] * (len(checked.split()) - number - 1 + others)
+        assert refusal(lambda tensors=tensors: getattr(corvane, name)(*tensors, *rest)) == f"{tensor} {text}"
 
 
 def test_undefined_formats_are_refused():
@@ -137,6 +136,17 @@ def test_malformed_environment(monkeypatch, variable, value, error, text):
         expected = pytest.raises(error, match=f"^{text}$") if qtype in readers else contextlib.nullcontext()
         with expected:
             corvane.forward_new(xpu(1, 128), xpu(2 * size, dtype=torch.uint8), qtype, 1)
+
+
+def test_environment_is_read_in_order(monkeypatch):
+    for variable, value, error, text in (
+        ("TILE_SIZE", "", ValueError, "invalid stoull argument"),
+        ("TARN_LLM_LOW_MEM", "9" * 30, IndexError, "stoll argument out of range"),
+        ("TILE_THRESHOLD", "x", ValueError, "invalid stoll argument"),
+    ):  # each is read before those in front of it
+        monkeypatch.setenv(variable, value)
+        with pytest.raises(error, match=f"^{text}$"):
+            corvane.forward_new(xpu(1, 64), weight(), 2, 1)
 
 
 @pytest.mark.parametrize("value", ["12abc", "  7", "+3", "-1"])
@@ -213,13 +223,25 @@ print(host_xpu.device_name(), records[0].global_size, records[0].local_size, sep
         assert done.stdout.strip() == f"{name};{global_size};{local_size}"
 
 
-def test_record_of_a_call():
-    x, w = xpu(1, 64), weight()
-    with torch.profiler.profile(record_shapes=True) as profile:
-        corvane.forward_new(x, w, 2, 1)
-    events = [e for e in profile.events() if e.name == "vorel_qlinear_forward"]
-    assert len(events) == 1
-    assert events[0].input_shapes == [[1, 64]]
-    with torch.profiler.profile() as profile, pytest.raises(RuntimeError):
-        corvane.forward_new(CPU, w, 2, 1)
-    assert not [e for e in profile.events() if e.name == "vorel_qlinear_forward"]  # opened after the checks
+RECORDS = {  # label, and the number of the tensor in it
+    "forward_new": ("vorel_qlinear_forward", 0),
+    "forward_qkv": ("vorel_qkv_forward", 0),
+    "forward_qkv_bias": ("vorel_qkv_bias_forward", 0),
+    "forward_qk": ("vorel_qk_forward", 0),
+    "dequant": ("vorel_xpu_dequant", 1),
+    "bmm": ("vorel_bmm", 0),
+    "dequantize_rows": ("vorel_dequantize_rows", 0),
+}
+
+
+@pytest.mark.parametrize("name", WRAPPERS)
+def test_records(name):
+    """One of a call that the wrapper lets through, whatever becomes of it, and none of another."""
+    checked, others, rest = WRAPPERS[name]
+    label, recorded = RECORDS[name]
+    shapes = [[i + 1, 8] for i in range(len(checked.split()))]
+    tensors = [xpu(*shape, dtype=torch.int8) for shape in shapes]
+    for first, inputs in ((tensors[0], [[shapes[recorded]]]), (CPU, [])):
+        with torch.profiler.profile(record_shapes=True) as profile, pytest.raises(RuntimeError):
+            getattr(corvane, name)(first, *tensors[1:], *[CPU] * others, *rest)
+        assert [e.input_shapes for e in profile.events() if e.name == label] == inputs
