@@ -7,8 +7,8 @@
 
 namespace corvane {
 
-// The result has two lists for each expert, some 200 bytes once they are Python's: beyond this number a machine's memory
-// may end, and the process with it. No layer has a thousandth of it.
+// The result has two lists for each expert, some 200 bytes once they are Python's: beyond this number a machine's
+// memory may end, and the process with it. No layer has a thousandth of it.
 constexpr int32_t most_experts = 1 << 24;
 
 std::vector<std::vector<std::vector<int32_t>>> get_moe_indexes(at::Tensor selected_experts, int32_t n_experts) {
