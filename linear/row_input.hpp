@@ -15,6 +15,22 @@ namespace corvane {
 // a product keeps 8 bits, and a sum is a multiple of the last of them.
 constexpr float smallest_pairable = 0x1p-90f;
 
+// Whether an input has lanes below that.
+template <class T>
+class tiny_lanes {
+ public:
+  CORVANE_INLINE void look_at(const simd<T, 16>& x) {
+    if constexpr (std::is_same_v<T, BFloat16>) {
+      const sycl::f32x16 v = x.r[0];
+      seen_ |= (sycl::i32x16)((v < smallest_pairable) & (v > -smallest_pairable) & (v != 0.0f));
+    }
+  }
+  bool any() const { return !std::is_same_v<T, BFloat16> || sycl::any_lane(seen_); }
+
+ private:
+  sycl::i32x16 seen_{};
+};
+
 template <class T>
 struct row_input {
   const sycl::lane_of<T>* lanes;  // (state_size)
@@ -56,14 +72,13 @@ class prepared_row {
   };
 
   void widen() {
-    sycl::i32x16 tiny{};
+    tiny_lanes<T> tiny;
     for (uint64_t i = 0; i < uint64_t{4} * units_; ++i) {
       const lanes x = lanes::load(input_ + 16 * i);
       x.store_lanes(widened_[i].lane);
-      const sycl::f32x16 v = x.r[0];
-      tiny |= (sycl::i32x16)((v < smallest_pairable) & (v > -smallest_pairable) & (v != 0.0f));
+      tiny.look_at(x);
     }
-    view_.pairable = std::is_same_v<T, BFloat16> && !sycl::any_lane(tiny);
+    view_.pairable = !tiny.any();
   }
 
   void add_up() {

@@ -11,6 +11,7 @@ import torch
 from reference import geometry, paths
 from reference.forward import forward
 from reference.linear import matrix_vector, random_input
+from reference.paths import QUANTISED
 from reference.random_weights import blank_weight, random_weight
 from reference.registry import FORMATS
 from tensors import DTYPES, assert_close, assert_launches, bytes_behind, environment, on_device, refusal
@@ -215,6 +216,22 @@ def test_no_rows_and_no_outputs(name, rows):
     if rows == 0:
         data = on_device(random_weight(name, 32, k, 0))
         assert corvane.forward_new(torch.zeros(0, k, device="xpu"), data, FORMATS[name].qtype, 0).shape == (0, 32)
+
+
+@pytest.mark.parametrize("rows", [1, 2])
+@pytest.mark.parametrize("name", [name for name in FORMATS if FORMATS[name].qtype not in QUANTISED])
+def test_subnormal_bfloat16_is_not_lost(name, rows, device_class):
+    """Instructions that round two results at once take subnormal ones for zero."""
+    n, k, qtype = 16, whole_rows(name, 1024), FORMATS[name].qtype
+    data = random_weight(name, n, k, 2, scale=256)
+    outcome = paths.select(device_class, qtype, rows, n, k, "bfloat16", {}, 0)
+    if outcome.path not in ("matrix_vector", "small_batch"):
+        pytest.skip(f"by the path {outcome.path}")
+    for magnitude in (2.0**-128, 2.0**-133):  # for codes below 1, for integers
+        x = np.where(random_input(rows, k, "float", 2) < 0, -magnitude, magnitude)
+        y = corvane.forward_new(on_device(x, "bfloat16"), on_device(data), qtype, 0)
+        expected, bound = forward(outcome, qtype, x, data, n, k, "bfloat16")
+        assert_close(y, expected, bound, name)
 
 
 @pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16])
