@@ -3,6 +3,7 @@
 #include <ATen/Functions.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace fuzz {
 namespace {
@@ -32,48 +33,57 @@ int64_t stored(const at::Tensor& t) { return static_cast<int64_t>(t.storage().nb
 
 }  // namespace
 
+unsigned tensor_maker::next_mishap() {
+  constexpr unsigned none = 0x80, kinds = 10;  // a byte below means that nothing is wrong
+  unsigned kind = kinds;
+  for (const uint8_t mishap : mishaps_) {
+    if (mishap >= none && (mishap - none) / kinds == made_) kind = (mishap - none) % kinds;
+  }
+  ++made_;
+  return kind;
+}
+
 at::Tensor tensor_maker::make(std::vector<int64_t> sizes, at::ScalarType dtype) {
+  const auto options = at::TensorOptions(xpu).dtype(dtype);
   const auto elements = [&] {
     int64_t n = 1;
     for (const int64_t size : sizes) n *= size;
     return n;
   };
-  const unsigned plan = source_.byte();
-  if (plan < 0xD0) return at::empty(sizes, at::TensorOptions(xpu).dtype(dtype));
-  if (plan < 0xE0) {  // as good a tensor, but not at the start of its storage, nor aligned
-    return at::empty({elements() + 1}, at::TensorOptions(xpu).dtype(dtype)).narrow(0, 1, elements()).view(sizes);
+  const unsigned kind = next_mishap();
+  if (kind >= 10) return at::empty(sizes, options);
+  if (kind >= 8) {  // as good a tensor, but not at the start of its storage, nor aligned
+    return at::empty({elements() + 1}, options).narrow(0, 1, elements()).view(sizes);
   }
   distorted_ = true;
-  const unsigned at = source_.below(static_cast<unsigned>(sizes.size()));
-  const auto options = at::TensorOptions(xpu).dtype(dtype);
-  switch (plan % 8) {
+  const auto at = static_cast<ptrdiff_t>(random_.next() % sizes.size());
+  const size_t dimension = static_cast<size_t>(at);
+  switch (kind) {
     case 0:
       on_cpu_ = true;
       return at::empty(sizes, options.device(at::kCPU));
     case 1: {
       constexpr at::ScalarType others[] = {at::kByte, at::kFloat, at::kHalf, at::kBFloat16, at::kDouble,
                                            at::kInt,  at::kLong,  at::kBool, at::kChar,     at::kComplexFloat};
-      return at::empty(sizes, options.dtype(source_.pick(others)));
+      return at::empty(sizes, options.dtype(others[random_.next() % std::size(others)]));
     }
-    case 2:
-      sizes.insert(sizes.begin() + at, source_.below(3));
-      break;  // a dimension more
-    case 3:
+    case 2:  // a dimension more
+      sizes.insert(sizes.begin() + at, static_cast<int64_t>(random_.next() % 3));
+      break;
+    case 3:  // one less, down to none
       sizes.erase(sizes.begin() + at);
-      break;  // one less, down to none
+      break;
     case 4:
-      sizes[at] = 0;
+      sizes[dimension] = 0;
       break;
     case 5:
-      sizes[at] = std::max<int64_t>(0, sizes[at] + (source_.below(2) != 0 ? 1 : -1));
+      sizes[dimension] = std::max<int64_t>(0, sizes[dimension] + (random_.next() % 2 != 0 ? 1 : -1));
       break;
-    case 6: {  // a size that nothing could hold, of a tensor without elements
-      sizes[at] = source_.count(int64_t{1} << 31);
-      if (sizes[at] < 0) sizes[at] = int64_t{1} << 40;
-      if (sizes.size() > 1) sizes[(at + 1) % sizes.size()] = 0;
+    case 6:  // a size that nothing could hold, of a tensor without elements
+      sizes[dimension] = int64_t{1} << (20 + random_.next() % 42);
       if (sizes.size() == 1) sizes.push_back(0);
+      sizes[(dimension + 1) % sizes.size()] = 0;
       break;
-    }
     default: {  // not contiguous
       std::vector<int64_t> strides(sizes.size());
       int64_t stride = 2;

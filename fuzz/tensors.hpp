@@ -18,10 +18,12 @@ enum class contents {
   any,     // any bits: infinities, not-a-numbers
 };
 
-// Makes the tensors of one call.
+// Makes the tensors of one call. Two bytes say what is wrong with up to two of them: half of all bytes mean nothing,
+// and any one fault of any one tensor is one byte away.
 class tensor_maker {
  public:
-  tensor_maker(byte_source& source, uint64_t seed) : source_(source), random_(seed) {}
+  tensor_maker(byte_source& source, uint64_t seed)
+      : source_(source), random_(seed), mishaps_{source.byte(), source.byte()} {}
 
   at::Tensor floats(const std::vector<int64_t>& sizes, at::ScalarType dtype, contents c);
   at::Tensor bytes(int64_t size);  // random ones
@@ -37,10 +39,13 @@ class tensor_maker {
   uint64_t seed() { return random_.next(); }
 
  private:
+  unsigned next_mishap();  // of the tensor to make
   at::Tensor make(std::vector<int64_t> sizes, at::ScalarType dtype);
 
   byte_source& source_;
   random_bits random_;
+  uint8_t mishaps_[2];
+  unsigned made_ = 0;  // tensors so far
   bool distorted_ = false, on_cpu_ = false, unusual_ = false;
 };
 
