@@ -79,7 +79,7 @@ class help_wanted {
   int looks_ = 0;
 };
 
-// Stores past the caches (simd.hpp) are not ordered with what tells other threads that a piece is done.
+// Stores past the caches (vector_types.hpp) are not ordered with what tells other threads that a piece is done.
 void finish_stores() {
 #ifdef __SSE2__
   _mm_sfence();
