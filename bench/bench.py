@@ -30,12 +30,30 @@ selected = list(FORMATS)
 
 
 def report(section: str, name: str, timing: Timing, against: dict[str, float], gigabytes: float | None = None) -> None:
-    """Prints one line and keeps it for --json. `against`: ratios by what they are to."""
-    rate = "" if gigabytes is None else f"{gigabytes / timing.median:7.1f} GB/s"
-    ratios = "  ".join(f"{ratio:5.2f} x {what}" for what, ratio in against.items())
-    spread = f"{timing.median * 1e3:8.3f} ms ({timing.low * 1e3:.3f}-{timing.high * 1e3:.3f})"
-    print(f"{section:10} {name:26} {spread:32} {rate:13} {ratios}", flush=True)
+    """Keeps one measurement. `against`: ratios by what they are to."""
     rows.append({"section": section, "name": name, **timing._asdict(), "gigabytes": gigabytes, "against": against})
+
+
+def show(row: dict) -> None:
+    rate = "" if row["gigabytes"] is None else f"{row['gigabytes'] / row['median']:7.1f} GB/s"
+    ratios = "  ".join(f"{ratio:5.2f} x {what}" for what, ratio in row["against"].items())
+    spread = f"{row['median'] * 1e3:8.3f} ms ({row['low'] * 1e3:.3f}-{row['high'] * 1e3:.3f})"
+    print(f"{row['section']:10} {row['name']:26} {spread:32} {rate:13} {ratios}", flush=True)
+
+
+def run(section: str, rounds: int) -> None:
+    """Measures a section some times and keeps each line's median: another process takes one of the rounds, not all."""
+    before = rows.copy()
+    rows.clear()
+    for _ in range(rounds):
+        SECTIONS[section]()
+    measured: dict[str, list[dict]] = {}
+    for row in rows:
+        measured.setdefault(row["name"], []).append(row)
+    rows[:] = before
+    for of_line in measured.values():
+        rows.append(sorted(of_line, key=lambda row: row["median"])[(len(of_line) - 1) // 2])
+        show(rows[-1])
 
 
 class Copies:
@@ -217,16 +235,19 @@ def main() -> None:
                         help=f"of {', '.join(SECTIONS)}")  # fmt: skip
     parser.add_argument("--formats", nargs="+", choices=FORMATS, default=selected, metavar="FORMAT",
                         help="of the sections one-row and expand: " + ", ".join(FORMATS))  # fmt: skip
+    parser.add_argument("--rounds", type=int, default=1, metavar="N", help="measure each section N times; the lines "
+                        "shown are medians of the rounds")  # fmt: skip
     arguments = parser.parse_args()
     selected[:] = arguments.formats
     torch.set_num_threads(bench_memory.threads())
     commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], capture_output=True, text=True).stdout.strip()
     about = {"commit": commit, "device": host_xpu.device_name(), "processor_name": processor_name(),
-             "threads": bench_memory.threads(), "shape": [N, K]}  # fmt: skip
+             "threads": bench_memory.threads(), "shape": [N, K],
+             "rounds": max(1, arguments.rounds)}  # fmt: skip
     print(" ".join(f"{key} {value}" for key, value in about.items()))
     print("ratios are times (less is faster); 'fill speed' is a speed (more is faster); spread: quartiles\n")
     for section in arguments.only:
-        SECTIONS[section]()
+        run(section, max(1, arguments.rounds))
     if arguments.json:
         with open(arguments.json, "w") as file:
             json.dump({"about": about, "rows": rows}, file, indent=1)
