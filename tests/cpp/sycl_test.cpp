@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
-#include <numeric>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -107,7 +106,7 @@ TEST(queue, runs_in_order_and_event_remembers_waits) {
   EXPECT_EQ(first.record().source, "a_source");
   EXPECT_EQ(first.record().sub_group_size, 16);
   EXPECT_EQ(first.record().queue, 3);
-  EXPECT_FALSE(first.record().labelled);
+  EXPECT_FALSE(first.record().label);
 }
 
 TEST(queue, log_fills_between_begin_and_end_alone) {

@@ -47,7 +47,7 @@ def test_gated_mlp(name, n, blocks, dtype, form, device_class):
 def test_the_last_group_is_right_when_rows_are_left_over(n, device_class):
     for name in formats(device_class):
         for form in (SILU, TANH):
-            run(name, n, 256, "float", form, seed=n)
+            run(name, n, 256, "float", form, device_class, seed=n)
 
 
 def test_nothing_is_written_behind_the_result(device_class):

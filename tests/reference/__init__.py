@@ -3,7 +3,11 @@
 Nothing here is shared with the kernels: layouts are read again from their description, code tables are written
 out as numbers or formulas, and the two published grids come from the PyPI package `gguf`.
 
-    formats    bytes -> codes, scales, values; random packed weights
+    registry   ids, block sizes and planes of the formats
+    formats    bytes -> codes, scales, values
+    grids      the two published grids
+    random_weights   random packed weights whose matrix stays within a magnitude, and blank ones
+    rounding   the element types and rounding to them
     expand     the expansions of a whole weight, with every rounding that the kernels are to make
     linear     x times W transposed, and how far a kernel in a given dtype may be away from it
     q8_1       activations in 8-bit blocks, and the integer dot products on them

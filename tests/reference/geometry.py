@@ -128,7 +128,7 @@ def mlp(cls: int, qtype: int, n: int, k: int) -> list:
     name = {2: "q4_0", 16: "fp4", 19: "fp8_e5m2", 29: "fp6"}[qtype]
     sub, local = sizes(cls)
     per_group = 8 if cls == 5 and qtype in (2, 29) else 2
-    return [Launch(f"mlp_forward_{name}_kernel", MLP, LABEL, (n // per_group * local,), (local,), sub)]
+    return [Launch(f"mlp_forward_{name}_kernel", MLP, LABEL, (-(-n // per_group) * local,), (local,), sub)]
 
 
 def dequantize_rows(qtype: int, count: int, k: int) -> Launch:
