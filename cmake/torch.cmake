@@ -1,5 +1,5 @@
 # The PyTorch of the chosen interpreter: torch_headers, torch_libraries, torch_python. Asked of the interpreter itself,
-# so that a distribution's package and a wheel are found alike.
+# so that a distribution's package and a wheel are found alike. Built and tested with 1.13, the oldest that will do.
 if(NOT Python3_EXECUTABLE)
   set(Python3_EXECUTABLE /usr/bin/python3)
 endif()

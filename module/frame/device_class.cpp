@@ -1,7 +1,5 @@
 #include "module/frame/device_class.hpp"
 
-#include <string>
-
 #include "module/frame/launch.hpp"
 
 namespace corvane {

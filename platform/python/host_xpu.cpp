@@ -75,7 +75,7 @@ void define_records(py::module_& module) {
       .def_readonly("kernel", &record::kernel, "Function name of the launch's source location: the kernel's name.")
       .def_readonly("source", &record::source, "Stem of the source file that launched it.")
       .def_property_readonly(
-          "label", [](const record& r) { return r.labelled ? std::optional<std::string>(r.label) : std::nullopt; },
+          "label", [](const record& r) { return r.label; },
           "Label under which the profiler recorded it; None if it never did.")
       .def_property_readonly(
           "global_size", [](const record& r) { return as_tuple(r.global_size); }, "Work-items in each dimension.")
@@ -147,7 +147,8 @@ void define_streams(py::module_& module) {
 
 void define_memory(py::module_& module) {
   module.def("memory_allocated", &xpu::memory_allocated,
-             "Bytes of device memory that tensors hold. A block is at most an eighth larger than its tensor.");
+             "Bytes of device memory that tensors hold. A block is at most an eighth, or one cache line, larger than "
+             "its tensor.");
   module.def("max_memory_allocated", &xpu::max_memory_allocated,
              "The most bytes that tensors held at a time, since the start or the last reset_peak_memory_stats().");
   module.def("reset_peak_memory_stats", &xpu::reset_peak_memory_stats,

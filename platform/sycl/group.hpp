@@ -83,7 +83,8 @@ class local_array {
 template <class T, std::size_t Items>
 using per_item = local_array<T, Items>;
 
-// sum over the sub-group of `width` items by exchange with lane XOR mask, halving; every item ends with the result.
+// combine() over the sub-group of `width` items by exchange with lane XOR mask, halving; every item ends with the
+// result.
 template <class T, std::size_t Items, class Combine>
 void xor_exchange(per_item<T, Items>& value, unsigned width, const Combine& combine) {
   for (unsigned mask = width / 2; mask != 0; mask /= 2) {

@@ -1,5 +1,6 @@
 #include "platform/sycl/parallel.hpp"
 
+#include <emmintrin.h>
 #include <tbb/blocked_range.h>
 #include <tbb/info.h>
 #include <tbb/parallel_for.h>
@@ -12,10 +13,6 @@
 #include <thread>
 
 #include "platform/sycl/workers.hpp"
-
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
 
 #ifdef __SANITIZE_THREAD__
 #include <sanitizer/tsan_interface.h>
@@ -61,13 +58,13 @@ thread_pool& pool() {
   return *instance;
 }
 
-// Sees to it that a worker comes: as long as none has, some of the caller's pieces begin with a look where they are.
+// Gets a worker started: until one has taken a piece, the caller, at up to four of its own, moves workers off its core.
 class help_wanted {
  public:
   void piece_begins() {
     if (std::this_thread::get_id() != caller_) {
-      come_.store(true, std::memory_order_relaxed);
-    } else if (looks_ < 4 && !come_.load(std::memory_order_relaxed)) {
+      helped_.store(true, std::memory_order_relaxed);
+    } else if (looks_ < 4 && !helped_.load(std::memory_order_relaxed)) {
       // Before the first piece, one that is present may just not have taken its own yet.
       if (looks_++ > 0 || !pool().helpers.any_present()) pool().helpers.move_elsewhere();
     }
@@ -75,16 +72,12 @@ class help_wanted {
 
  private:
   const std::thread::id caller_ = std::this_thread::get_id();
-  std::atomic<bool> come_ = false;
+  std::atomic<bool> helped_ = false;
   int looks_ = 0;
 };
 
 // Stores past the caches (vector_types.hpp) are not ordered with what tells other threads that a piece is done.
-void finish_stores() {
-#ifdef __SSE2__
-  _mm_sfence();
-#endif
-}
+void finish_stores() { _mm_sfence(); }
 
 using clock = std::chrono::steady_clock;
 

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <type_traits>
 
 namespace host {
 

@@ -9,8 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/sycl/group.hpp"
@@ -44,18 +44,15 @@ namespace detail {
 struct code_location {
   const char* source = "";
   const char* function = "";
-  int line = 0;
-  int column = 0;
 };
 
 }  // namespace detail
 
 // One launch, as a profiler would see it.
 struct launch_record {
-  std::string kernel;     // function name of the source location
-  std::string source;     // its source stem
-  std::string label;      // profiler label
-  bool labelled = false;  // false until the profiler was told
+  std::string kernel;                // function name of the source location
+  std::string source;                // its source stem
+  std::optional<std::string> label;  // of the profiler, once it was told
   std::vector<std::size_t> global_size;
   std::vector<std::size_t> local_size;  // empty: a basic range
   int sub_group_size = 0;               // 0: none required

@@ -1,7 +1,7 @@
 // Vectors below any notion of rounding: loads, widening, table look-ups, shuffles.
 //
-// Everything works on any processor through GCC's vector types. Where AVX-512 or F16C has an instruction for a step
-// that GCC would not find, it is named.
+// GCC's vector types throughout; where there is an instruction for a step that GCC would not find, it is named. The
+// processor has at least AVX2, FMA, F16C and BMI2 (x86-64-v3).
 #pragma once
 
 #include "platform/sycl/vector_types.hpp"

@@ -10,7 +10,7 @@
 #include <utility>
 
 // What the processor has, as far as the headers here ask.
-#if defined(__AVX512F__) && defined(__AVX512BW__) && defined(__AVX512VL__)
+#if defined(__AVX512F__) && defined(__AVX512BW__) && defined(__AVX512DQ__) && defined(__AVX512VL__)
 #define CORVANE_AVX512 1
 #ifdef __AVX512VNNI__
 #define CORVANE_AVX512_VNNI 1
@@ -86,13 +86,11 @@ CORVANE_INLINE void store_past_caches(const V& x, void* to) {
   static_assert(sizeof(V) == 64);
 #if defined(__AVX512F__)
   _mm512_stream_si512(static_cast<__m512i*>(to), (__m512i)x);
-#elif defined(__AVX__)
+#else
   __m256i half[2];
   std::memcpy(half, &x, sizeof(x));
   _mm256_stream_si256(static_cast<__m256i*>(to), half[0]);
   _mm256_stream_si256(static_cast<__m256i*>(to) + 1, half[1]);
-#else
-  std::memcpy(to, &x, sizeof(x));
 #endif
 }
 

@@ -22,11 +22,14 @@ struct place {
 
 void workers::on_scheduler_entry(bool is_worker) {
   if (!is_worker) return;
-  present_.fetch_add(1, std::memory_order_relaxed);
 #ifdef __linux__
+  if (process_.exchange(getpid(), std::memory_order_relaxed) != getpid()) {  // the first one, or the first after a fork
+    for (std::atomic<int>& thread : threads_) thread.store(0, std::memory_order_relaxed);
+    present_.store(0, std::memory_order_relaxed);
+  }
+  present_.fetch_add(1, std::memory_order_relaxed);
   thread_local place mine;
   if (mine.taken != nullptr) return;
-  process_.store(getpid(), std::memory_order_relaxed);
   for (std::atomic<int>& thread : threads_) {
     int free = 0;
     if (!thread.compare_exchange_strong(free, gettid())) continue;

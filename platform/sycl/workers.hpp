@@ -21,7 +21,7 @@ class workers final : public tbb::task_scheduler_observer {
 
   // Whether one is in the arena, at work or looking for some.
   bool any_present() const { return present_.load(std::memory_order_relaxed) > 0; }
-  // To another core than the calling thread's, those that wait for this one.
+  // Forbids all of them the calling thread's core for a moment, so that one that waits there is moved.
   void move_elsewhere() const;
 
   void on_scheduler_entry(bool is_worker) override;

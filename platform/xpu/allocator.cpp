@@ -63,8 +63,8 @@ void drop_cached_blocks() {}
 
 #else
 
-// Eight classes to each doubling, so a block is at most an eighth larger than asked for; the smallest is one cache
-// line.
+// Eight classes to each doubling, so a block is at most an eighth larger than asked for; small ones are whole cache
+// lines.
 struct size_class {
   std::size_t index;
   std::size_t bytes;

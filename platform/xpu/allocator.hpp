@@ -22,7 +22,7 @@ c10::DataPtr relabel(c10::DataPtr&& data, c10::Device device);
 void empty_cache();
 
 // Bytes of the blocks that tensors hold now, and the most they held since the start or the last reset. A block is at
-// most an eighth larger than what was asked for.
+// most an eighth, or one cache line, larger than what was asked for.
 std::size_t memory_allocated();
 std::size_t max_memory_allocated();
 void reset_peak_memory_stats();

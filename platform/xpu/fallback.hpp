@@ -1,3 +1,4 @@
+// What becomes of operators that the device does not bring.
 #pragma once
 
 #include <ATen/core/boxing/KernelFunction.h>

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <memory>
 #include <mutex>
 
 namespace xpu {
@@ -42,10 +41,7 @@ sycl::queue& get_queue_from_stream(c10::Stream stream) {
   return *queue;
 }
 
-void profiler_record(const std::string& label, sycl::event& event) {
-  event.record().label = label;
-  event.record().labelled = true;
-}
+void profiler_record(const std::string& label, sycl::event& event) { event.record().label = label; }
 
 c10::Stream default_stream() { return stream_of(0); }
 

@@ -90,7 +90,7 @@ def stream(stream: Stream) -> StreamContext:
     """Context manager: within it `stream` is the current stream of the calling thread."""
 
 def memory_allocated() -> int:
-    """Bytes of device memory that tensors hold. A block is at most an eighth larger than its tensor."""
+    """Bytes of device memory that tensors hold. A block is at most an eighth, or one cache line, larger than its tensor."""
 
 def max_memory_allocated() -> int:
     """The most bytes that tensors held at a time, since the start or the last reset_peak_memory_stats()."""
