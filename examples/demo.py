@@ -11,8 +11,8 @@ from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
+from llama import device  # noqa: F401  isort: skip  (first: it says what to do when a module is missing)
 import torch
-from llama import device  # noqa: F401  (first: it says what to do when the modules are missing)
 from llama.calibrate import SAMPLE_TEXT, Importance, load_importance
 from llama.generate import Speed, clock, generate, perplexity
 from llama.gguf_model import GgufModel, ModelError

@@ -1,7 +1,7 @@
 // Fuzzer of the environment's variables: what the policy makes of any text, against a parser of its own.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <stdexcept>
 #include <string>

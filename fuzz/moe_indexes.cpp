@@ -2,15 +2,12 @@
 // to be.
 #include <ATen/Functions.h>
 
-#include <algorithm>
-#include <cstring>
-
 #include "fuzz/byte_source.hpp"
 #include "fuzz/moe_check.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::byte_source source(data, size);
-  // Few enough that their lists are quickly made; numbers above 2^24 are refused.
+  // Few enough that their lists are quickly made.
   const int32_t n_experts = static_cast<int16_t>(source.word(2)) - (source.rarely() ? 1 << 20 : 0);
   const unsigned shape = source.byte();
   const bool narrow_ids = source.below(2) == 0;  // a byte each, so that they often name an expert; else four

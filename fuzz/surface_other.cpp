@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 
 #include "fuzz/moe_check.hpp"
 #include "fuzz/surface.hpp"

@@ -18,13 +18,6 @@ done
 
 scripts/setup.sh >&2
 python=.venv/bin/python
-if ! $python -c "import gguf, tokenizers, tqdm, matplotlib" 2>/dev/null; then
-  echo "demo: installing the Python packages of examples/requirements.txt" >&2
-  if ! $python -m pip install --quiet --disable-pip-version-check -r examples/requirements.txt; then
-    echo "demo: they could not be installed: check the network, then run this again" >&2
-    exit 1
-  fi
-fi
 scripts/build.sh >&2
 
 if ((!own_model)) && [[ ! -f $model ]]; then

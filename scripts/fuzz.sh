@@ -12,8 +12,7 @@ seconds=${1:-60}
 scripts/setup.sh clang libclang-rt-dev
 scripts/build.sh fuzz fuzzers
 
-# A process has one device class: the operators' fuzzer runs once for each, by names that fall into them.
-class_names=("Stratus Server GPU 9000" "Cirrus(TM) A770" "Stratus Edge GPU" "some other device" "Cirrus(TM) Graphics" "NBG 3")
+. scripts/device_names.sh
 
 build=build/fuzz findings=build/fuzz/findings
 mkdir -p "$findings"
@@ -46,7 +45,9 @@ fuzz() {
 
 fuzz environment "$seconds" ""
 fuzz moe_indexes "$seconds" ""
-for name in "${class_names[@]}"; do fuzz surface $(((seconds + 5) / 6)) "$name"; done
+# A process has one device class: the operators' fuzzer runs once for each.
+classes=${#device_names[@]}
+for name in "${device_names[@]}"; do fuzz surface $(((seconds + classes - 1) / classes)) "$name"; done
 
 ((failed == 0)) || { echo "fuzz: failed; what becomes of a finding: fuzz/README.md" >&2; exit 1; }
 echo "fuzz: all passed"

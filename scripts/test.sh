@@ -17,8 +17,7 @@ case $mode in
   *) echo "usage: scripts/test.sh [--quick | --sanitize | --thread | --fuzz | --ci]" >&2; exit 2 ;;
 esac
 
-# Each device class by a name that falls into it.
-class_names=("Stratus Server GPU 9000" "Cirrus(TM) A770" "Stratus Edge GPU" "some other device" "Cirrus(TM) Graphics" "NBG 3")
+. scripts/device_names.sh
 
 scripts/setup.sh
 failures=0
@@ -46,7 +45,7 @@ test_build() {  # <preset> <build folder> <classes...>
 }
 
 test_python() {  # <title> <build folder> <class>
-  run "$1" env PYTHONPATH="$2/python" HOST_XPU_DEVICE_NAME="${class_names[$3]}" "${python_environment[@]}" \
+  run "$1" env PYTHONPATH="$2/python" HOST_XPU_DEVICE_NAME="${device_names[$3]}" "${python_environment[@]}" \
     .venv/bin/python -m pytest -q -p no:cacheprovider tests/python
 }
 
