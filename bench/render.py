@@ -113,7 +113,7 @@ def main() -> None:
     about = measured["about"]
     parts = {
         "about": f"Commit {about['commit']}, {about['processor_name']}, {about['threads']} threads, "
-        f"device name \"{about['device']}\".",
+        f"device name \"{about['device']}\", {about['rounds']} rounds.",
         "one-row": one_row(sections["one-row"]),
         "rows": several_rows(sections["rows"]),
         "expand": expansion(sections["expand"]),
