@@ -10,11 +10,22 @@ import host_xpu
 import numpy as np
 import pytest
 import torch
+from reference.geometry import ANY
 
 # Under the address sanitizer each tensor is an allocation of its own and of its exact size.
 GUARDED = "ASAN_OPTIONS" in os.environ
 
+FLOATING = [torch.float, torch.half, torch.bfloat16, torch.double]
+# Unit roundoff: half the distance from 1 to the next value.
+ROUNDOFF = {torch.float: 2.0**-24, torch.half: 2.0**-11, torch.bfloat16: 2.0**-8, torch.double: 2.0**-53}
+
 DTYPES = {"half": torch.half, "float": torch.float, "double": torch.double, "bfloat16": torch.bfloat16}
+
+
+def pair(*shape, dtype=torch.float):
+    """The same random values on both devices, in memory of their own."""
+    on_cpu = torch.randn(*shape).to(dtype) if dtype.is_floating_point else torch.randint(-9, 9, shape, dtype=dtype)
+    return on_cpu, on_cpu.to("xpu")
 
 
 def on_device(array, dtype: str | None = None) -> torch.Tensor:
@@ -49,7 +60,7 @@ def assert_launches(records, expected) -> None:
         assert record.label == launch.label, launch.kernel
         assert record.global_size == launch.global_size, launch.kernel
         assert record.local_size == launch.local_size, launch.kernel
-        if launch.sub_group_size != "any":
+        if launch.sub_group_size != ANY:
             assert record.sub_group_size == launch.sub_group_size, launch.kernel
 
 
