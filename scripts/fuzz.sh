@@ -3,6 +3,8 @@
 # (build/fuzz/corpus). Fails on a finding, and says how to run it again.
 #
 #   scripts/fuzz.sh [seconds for each fuzzer]    60 by default
+#
+# FUZZ_SEED=<number> makes the inputs the same in each run, as far as the time takes them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -27,7 +29,7 @@ fuzz() {
   # follow from seeds in them. malloc_limit: an allocation that is too large is refused before, by the sanitizer.
   HOST_XPU_DEVICE_NAME=$3 OMP_NUM_THREADS=1 "$build/fuzz_$target" "$corpus" "fuzz/corpus/$target" \
     -max_total_time="$2" -max_len=160 -timeout=30 -rss_limit_mb=4096 -malloc_limit_mb=2048 \
-    -artifact_prefix="$findings/$target-" >"$log" 2>&1 || status=$?
+    -seed="${FUZZ_SEED:-0}" -artifact_prefix="$findings/$target-" >"$log" 2>&1 || status=$?
   if ((status == 0)); then
     printf 'fuzz: %-12s %-24s %s\n' "$target" "$3" "$(grep '^Done' "$log")"
   else
