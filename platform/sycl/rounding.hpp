@@ -62,9 +62,7 @@ CORVANE_INLINE void round_two_to_bfloat16(f32x16& a, f32x16& b) {
 }
 
 CORVANE_INLINE u16x16 bfloat16_bits(f32x16 x) {  // x holds BFloat16 values
-  const i32x16 is_nan = (i32x16)(x != x);
-  const i32x16 bits = (as_int(x) & ~is_nan) | (is_nan & 0x7FC00000);
-  return narrow_u16((i32x16)((u32x16)bits >> 16));
+  return narrow_u16((i32x16)((u32x16)as_int(with_plain_nan(x)) >> 16));
 }
 
 // The bits of any float lanes, each rounded to BFloat16.
@@ -79,10 +77,8 @@ CORVANE_INLINE u16x32 to_half_bits(f32x16 low, f32x16 high) {
 }
 CORVANE_INLINE u16x32 to_bfloat16_bits(f32x16 low, f32x16 high) {
 #ifdef CORVANE_AVX512
-  const auto upper_halves = [](f32x16 x) {  // each lane's BFloat16 in its upper 16 bits
-    const i32x16 is_nan = (i32x16)(x != x);
-    return (as_int(round_to_bfloat16(x)) & ~is_nan) | (is_nan & 0x7FC00000);
-  };
+  // Each lane's BFloat16 in its upper 16 bits.
+  const auto upper_halves = [](f32x16 x) { return as_int(round_any_to_bfloat16(x)); };
   const __m512i odd_words =
       (__m512i)(i32x16{0x00030001, 0x00070005, 0x000B0009, 0x000F000D, 0x00130011, 0x00170015, 0x001B0019, 0x001F001D,
                        0x00230021, 0x00270025, 0x002B0029, 0x002F002D, 0x00330031, 0x00370035, 0x003B0039, 0x003F003D});
