@@ -95,29 +95,28 @@ void project(byte_source& source, const char* name, unsigned matrices, bool with
     if (with_bias) biases.push_back(make.floats({rows[m]}, dtype, contents::dense));
   }
   const at::Tensor ids = make.integers({1, 1 + source.below(2)}, at::kLong, 50);
-  cache key(make, kv_heads, length, room, head_size, dtype);
-  cache value(make, kv_heads, length, room, head_size, dtype);
+  std::vector<cache> caches;  // of the key, and of the value where there is one
+  for (unsigned m = 1; m < matrices; ++m) caches.emplace_back(make, kv_heads, length, room, head_size, dtype);
 
   const bool good = !make.distorted() && has_kernel(qtype) && (matrices == 3 || qtype == 21) && vtype == value_qtype &&
                     shape.rows_begin_on_blocks() && position >= 0 && position < room && said_head_size == head_size;
   std::vector<at::Tensor> result;
   const bool answered = answers(name, good, make.on_cpu() && !(with_bias && qtype == 21), [&] {
     if (matrices == 2) {
-      result =
-          corvane::linear_xpu_qk(input, weights[0], weights[1], ids, key.tensor, qtype, position, said_head_size, base);
+      result = corvane::linear_xpu_qk(input, weights[0], weights[1], ids, caches[0].tensor, qtype, position,
+                                      said_head_size, base);
     } else if (with_bias) {
-      result =
-          corvane::linear_xpu_qkv_bias(input, weights[0], weights[1], weights[2], biases[0], biases[1], biases[2], ids,
-                                       key.tensor, value.tensor, qtype, vtype, position, said_head_size, base);
+      result = corvane::linear_xpu_qkv_bias(input, weights[0], weights[1], weights[2], biases[0], biases[1], biases[2],
+                                            ids, caches[0].tensor, caches[1].tensor, qtype, vtype, position,
+                                            said_head_size, base);
     } else {
-      result = corvane::linear_xpu_qkv(input, weights[0], weights[1], weights[2], ids, key.tensor, value.tensor, qtype,
-                                       vtype, position, said_head_size, base);
+      result = corvane::linear_xpu_qkv(input, weights[0], weights[1], weights[2], ids, caches[0].tensor,
+                                       caches[1].tensor, qtype, vtype, position, said_head_size, base);
     }
   });
   if (!answered || good) {
     const auto written = answered ? std::optional(position) : std::nullopt;
-    key.check_untouched(name, kv_heads, head_size, written);
-    value.check_untouched(name, kv_heads, head_size, matrices == 3 ? written : std::nullopt);
+    for (const cache& one : caches) one.check_untouched(name, kv_heads, head_size, written);
   }
   if (!answered || !good || make.unusual()) return;
 
@@ -136,7 +135,7 @@ void project(byte_source& source, const char* name, unsigned matrices, bool with
       }
       return e;
     };
-    const at::Tensor& output = m == 0 ? result[0] : m == 1 ? key.tensor : value.tensor;
+    const at::Tensor& output = m == 0 ? result[0] : caches[m - 1].tensor;
     for (int64_t row = 0; row < rows[m]; ++row) {
       const int64_t head = row / head_size, e = row % head_size;
       if (e >= half) continue;
@@ -151,7 +150,7 @@ void project(byte_source& source, const char* name, unsigned matrices, bool with
       for (int64_t i = 0; i < 2; ++i) {
         const int64_t at = e + i * half;
         const double answer =
-            value_at(output, m == 0 ? head * head_size + at : (m == 1 ? key : value).element(head, position, at));
+            value_at(output, m == 0 ? head * head_size + at : caches[m - 1].element(head, position, at));
         if (!agrees(answer, pair[static_cast<size_t>(i)])) {
           wrong(
               "%s: %s, %s, K %ld, heads of %ld: matrix %u, head %ld, element %ld is %.9g, the reference %.9g with a "
