@@ -20,6 +20,7 @@
 //           15    14   13  12   11       8    7   6   0      y = value * d
 #pragma once
 
+#include "formats/byte_table.hpp"
 #include "formats/code_tables.hpp"
 
 namespace corvane {
@@ -39,42 +40,31 @@ struct fp6_codes {
   };
 
  private:
-  struct alignas(64) bit_positions {
-    uint8_t from[64];
-  };
   static constexpr unsigned byte_of[4] = {1, 3, 0, 2};  // where in a word the codes of four neighbours stand
 
   // Byte 0 of lane n: the nibble of element n, in two neighbouring words of the 4-bit plane.
-  static constexpr bit_positions make_low_from() {
-    bit_positions p{};
-    for (unsigned n = 0; n < 16; ++n) {
-      p.from[4 * n] = static_cast<uint8_t>(32 * (n / 8) + 8 * byte_of[n % 4] + (n / 4 % 2 == 0 ? 4 : 0));
-    }
-    return p;
-  }
+  static constexpr auto low_from = detail::table_of_bytes([](unsigned t) {
+    const unsigned n = t / 4;
+    return t % 4 == 0 ? 32 * (n / 8) + 8 * byte_of[n % 4] + (n / 4 % 2 == 0 ? 4 : 0) : 0;
+  });
 
   // Of the word of the 2-bit plane, which stands twice in 64 bits: the top exponent bit to bit 4 of lane n, the sign
   // to 31.
-  static constexpr bit_positions make_high_from() {
-    bit_positions p{};
-    for (unsigned n = 0; n < 16; ++n) {
-      const unsigned sign_at = 8 * byte_of[n % 4] + 7 - 2 * (n / 4);
-      p.from[4 * n] = static_cast<uint8_t>((sign_at - 1 - 4) & 63);
-      p.from[4 * n + 3] = static_cast<uint8_t>((sign_at - 7) & 63);
-    }
-    return p;
-  }
+  static constexpr auto high_from = detail::table_of_bytes([](unsigned t) {
+    const unsigned n = t / 4, sign_at = 8 * byte_of[n % 4] + 7 - 2 * (n / 4);
+    if (t % 4 == 0) return (sign_at - 1 - 4) & 63;
+    return t % 4 == 3 ? (sign_at - 7) & 63 : 0;
+  });
 
  public:
   // Bits are brought together in each lane: e2 e1 e0 m1 m0 at the bottom, the index of a magnitude, the sign on top.
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
     static constexpr auto smaller = table_of<T>(magnitudes(0)), larger = table_of<T>(magnitudes(1));
-    static constexpr auto low_from = make_low_from(), high_from = make_high_from();
     const auto low_word = sycl::load_integer<uint64_t>(codes.low + 8 * v);
     const auto high_word = sycl::load_integer<uint32_t>(codes.high + 4 * v);
-    const sycl::i32x16 low = sycl::multishift(low_word, sycl::load_bytes<sycl::u8x64>(&low_from));
-    const sycl::i32x16 high = sycl::multishift(high_word, sycl::load_bytes<sycl::u8x64>(&high_from));
+    const sycl::i32x16 low = sycl::multishift(low_word, low_from.value());
+    const sycl::i32x16 high = sycl::multishift(high_word, high_from.value());
     const sycl::f32x16 magnitude =
         sycl::lookup32(sycl::load_bytes<sycl::f32x16>(&smaller), sycl::load_bytes<sycl::f32x16>(&larger),
                        (low & 0x0F) | (high & ~0x0F));

@@ -67,7 +67,7 @@ struct fp6_k_reader {
     const uint8_t* sub = p.sub_scales + block * sizeof(block_fp6_k_scales) + 4 * detail::quarter_of(unit);
     const sycl::f32x16 d = sycl::splat_half(p.scales + block * sizeof(Half));
     const sycl::f32x16 factors = detail::product_in<Half>(d, sycl::to_float(detail::four_signed(sub)));
-    return detail::splat_lane<T>(converted<T>(factors).to_float(), static_cast<int>(v));
+    return detail::splat_lane<T>(half_values_as<T>(factors).to_float(), static_cast<int>(v));
   }
 
   // A chunk is a unit of 16 elements. Its codes are put together four at a time, one to a byte; a pair is two bytes
@@ -95,24 +95,13 @@ struct fp6_k_reader {
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {
     const sycl::f32x16 sc = sycl::to_float(sycl::widen_s8(p.sub_scales + uint64_t{block} * sizeof(block_fp6_k_scales)));
     const sycl::f32x16 d = sycl::splat_half(p.scales + uint64_t{block} * sizeof(Half));
-    return converted<T>(detail::product_in<Half>(d, sc));
+    return half_values_as<T>(detail::product_in<Half>(d, sc));
   }
   static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
     const uint8_t* low = p.low + uint64_t{block} * low_bytes;
     sycl::prefetch(low);
     sycl::prefetch(low + 64);
     sycl::prefetch(p.high + uint64_t{block} * high_bytes);
-  }
-
- private:
-  // Half values as T, rounded where T is BFloat16.
-  template <class T>
-  static CORVANE_INLINE simd<T, 16> converted(sycl::f32x16 halfs) {
-    if constexpr (std::is_same_v<T, BFloat16>) {
-      return simd<T, 16>::from_float(halfs);
-    } else {
-      return simd<T, 16>::exact(halfs);
-    }
   }
 };
 

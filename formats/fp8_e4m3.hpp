@@ -27,11 +27,6 @@ struct fp8_e4m3_reader : two_planes<qtype_fp8_e4m3, block_fp8_qs, float> {
   static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
     return simd<T, 16>::exact(sycl::half_bits_to_float(half_bits(qs, v)));
   }
-
-  template <class T>
-  static CORVANE_INLINE simd<T, 16> decode_without_midpoint(raw qs, unsigned v) {
-    return simd<T, 16>::exact(sycl::half_bits_to_float(half_bits<false>(qs, v)));
-  }
 };
 
 }  // namespace corvane

@@ -2,8 +2,7 @@
 // Interleaved.
 //
 //   byte 0   2         34               50
-//        | d | qs (32) | qh (8 x 2)     |      group ib of 32 elements: qs[4 ib] to qs[4 ib + 3], one byte a run; h =
-//        qh[ib]
+//        | d | qs (32) | qh (8 x 2)     |      group ib, 32 elements: h = qh[ib], a run each in qs[4 ib + 0 to 3]
 //
 //   h    | delta | scale | top bits of the index of run 3 | of run 2 | of run 1 | of run 0 |
 //         15      14   12 11                            9  8       6  5       3  2        0

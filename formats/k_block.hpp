@@ -36,6 +36,15 @@ CORVANE_INLINE sycl::i32x16 four_signed(const uint8_t* at) {
   return (sycl::splat(sycl::load_integer<int32_t>(at)) << place) >> 24;
 }
 
+// The low or the high nibbles of bytes, with what stands above them in `higher`, as numbers. As float bits over 2^23
+// (high nibbles: 2^19) a code is the last bits of the number; subtracting the power leaves it.
+CORVANE_INLINE sycl::f32x16 low_codes(sycl::i32x16 bytes, sycl::i32x16 higher = sycl::i32x16{}) {
+  return sycl::as_float(((bytes & 0x0F) | 0x4B000000) | higher) - 8388608.0f;
+}
+CORVANE_INLINE sycl::f32x16 high_codes(sycl::i32x16 bytes, sycl::i32x16 higher = sycl::i32x16{}) {
+  return sycl::as_float(((bytes & 0xF0) | 0x49000000) | higher) - 524288.0f;
+}
+
 // Two neighbouring Halfs, d and dmin, as lanes d, dmin, d, dmin and so on; the second with its sign turned.
 CORVANE_INLINE sycl::f32x16 scale_and_minus_minimum(const uint8_t* at) {
   constexpr auto minus = static_cast<int32_t>(0x80000000);

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 
+#include "formats/byte_table.hpp"
 #include "formats/code_tables.hpp"
 #include "formats/two_planes.hpp"
 
@@ -33,17 +34,14 @@ struct nf3_reader : two_planes<qtype_nf3, block_nf3_qs, Half> {
   }
 
   static CORVANE_INLINE sycl::u16x32 value_index(raw block, unsigned h) {
-    struct alignas(64) bit_positions {
-      uint8_t from[64];
-    };
-    static constexpr bit_positions to_word_bottom = [] {  // the low two bits of element 32 h + t to word t
-      bit_positions p{};
-      for (unsigned t = 0; t < 32; ++t) p.from[2 * t] = static_cast<uint8_t>(8 * (t / 4) + 6 - 2 * (t % 4));
-      return p;
-    }();
+    // The low two bits of element 32 h + n to word n.
+    static constexpr auto to_word_bottom = detail::table_of_bytes([](unsigned t) {
+      const unsigned n = t / 2;
+      return t % 2 == 0 ? 8 * (n / 4) + 6 - 2 * (n % 4) : 0;
+    });
     const auto top = sycl::load_integer<uint32_t>(block + offsetof(block_nf3_qs, qh) + 4 * h);
     const auto low = sycl::load_integer<uint64_t>(block + offsetof(block_nf3_qs, ql) + 8 * h);
-    const sycl::i32x16 code = sycl::multishift(low, sycl::load_bytes<sycl::u8x64>(&to_word_bottom));
+    const sycl::i32x16 code = sycl::multishift(low, to_word_bottom.value());
     return ((sycl::u16x32)code & uint16_t{3}) | sycl::splat_where(top, 4);
   }
   template <class T>

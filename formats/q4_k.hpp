@@ -52,8 +52,7 @@ struct q4_k_reader {
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
     const sycl::i32x16 bytes = sycl::widen_u8(qs + 16 * (v / 2));
-    if (v % 2 == 0) return simd<T, 16>::exact(sycl::as_float((bytes & 0x0F) | 0x4B000000) - 8388608.0f);
-    return simd<T, 16>::exact(sycl::as_float((bytes & 0xF0) | 0x49000000) - 524288.0f);
+    return simd<T, 16>::exact(v % 2 == 0 ? detail::low_codes(bytes) : detail::high_codes(bytes));
   }
 
   static CORVANE_INLINE sycl::u16x32 value_index(raw qs, unsigned h) {

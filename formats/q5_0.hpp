@@ -12,6 +12,7 @@
 
 #include <cstddef>
 
+#include "formats/byte_table.hpp"
 #include "formats/reader.hpp"
 
 namespace corvane {
@@ -54,21 +55,15 @@ struct q5_reader {
     static constexpr sycl::f32x16 nibble = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
     const sycl::f32x16 without_fifth = weights<T>(block, nibble), with_fifth = weights<T>(block, nibble + 16.0f);
     const auto fifths = sycl::load_integer<uint32_t>(block + offsetof(block_q5_1, qh) + 2 * v);
-    const sycl::i32x16 fifth = sycl::multishift(fifths, sycl::load_bytes<sycl::u8x64>(&fifth_from));
+    const sycl::i32x16 fifth = sycl::multishift(fifths, fifth_from.value());
     const sycl::i32x16 bytes = sycl::widen_u8(block + offsetof(block_q5_1, qs) + 16 * (v % 2));
     const sycl::i32x16 nibbles = v < 2 ? bytes : bytes >> 4;
     return simd<T, 16>::exact(sycl::lookup32(without_fifth, with_fifth, (fifth & 0x10) | (nibbles & ~0x10)));
   }
 
  private:
-  struct alignas(64) bit_positions {
-    uint8_t from[64];
-  };
-  static constexpr bit_positions fifth_from = [] {  // bit t of a word to bit 4 of lane t
-    bit_positions p{};
-    for (unsigned t = 0; t < 16; ++t) p.from[4 * t] = static_cast<uint8_t>((t - 4) & 63);
-    return p;
-  }();
+  // Bit n of a word to bit 4 of lane n.
+  static constexpr byte_table fifth_from = table_of_bytes([](unsigned t) { return t % 4 == 0 ? (t / 4 - 4) & 63 : 0; });
 
   // Weights of 16 codes, in float and rounded to T.
   template <class T>

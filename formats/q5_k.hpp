@@ -57,12 +57,8 @@ struct q5_k_reader {
   static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
     const sycl::i32x16 bytes = sycl::widen_u8(codes.qs + 16 * (v % 2));
     const sycl::i32x16 fifth = sycl::widen_u8(codes.qh + 16 * (v % 2));
-    if (v < 2) {
-      const sycl::i32x16 bits = ((bytes & 0x0F) | 0x4B000000) | ((fifth << 4 >> codes.first) & 0x10);
-      return simd<T, 16>::exact(sycl::as_float(bits) - 8388608.0f);
-    }
-    const sycl::i32x16 bits = ((bytes & 0xF0) | 0x49000000) | ((fifth << 7 >> codes.first) & 0x100);
-    return simd<T, 16>::exact(sycl::as_float(bits) - 524288.0f);
+    if (v < 2) return simd<T, 16>::exact(detail::low_codes(bytes, (fifth << 4 >> codes.first) & 0x10));
+    return simd<T, 16>::exact(detail::high_codes(bytes, (fifth << 7 >> codes.first) & 0x100));
   }
 
   // The six-bit scales and minimums of a block, unpacked: bytes sc[0] to sc[7], then m[0] to m[7].

@@ -17,8 +17,7 @@
 // fp6_k has planes of these widths too, but the low bits first, another order of bytes, and small floats for codes.
 #pragma once
 
-#include <array>
-
+#include "formats/byte_table.hpp"
 #include "formats/k_block.hpp"
 
 namespace corvane {
@@ -70,36 +69,25 @@ struct q6_k_reader {
   }
 
  private:
-  struct alignas(64) bit_positions {
-    uint8_t from[64];
-  };
-
-  // Byte 0 of lane t: the nibble of element t, in the two low words of its sub-block.
-  static constexpr bit_positions make_low_from() {
-    bit_positions p{};
-    for (unsigned t = 0; t < 16; ++t) {
-      p.from[4 * t] = static_cast<uint8_t>(32 * (t / 8) + 8 * (t % 4) + (t / 4 % 2 == 0 ? 4 : 0));
-    }
-    return p;
-  }
-  // Of the high word: the element's two bits to bits 5 and 4 of lane t.
-  static constexpr bit_positions make_high_from() {
-    bit_positions p{};
-    for (unsigned t = 0; t < 16; ++t) {
-      p.from[4 * t] = static_cast<uint8_t>((8 * (t % 4) + 6 - 2 * (t / 4) - 4) & 63);
-    }
-    return p;
-  }
+  // Byte 0 of lane n: the nibble of element n, in the two low words of its sub-block.
+  static constexpr auto low_from = detail::table_of_bytes([](unsigned t) {
+    const unsigned n = t / 4;
+    return t % 4 == 0 ? 32 * (n / 8) + 8 * (n % 4) + (n / 4 % 2 == 0 ? 4 : 0) : 0;
+  });
+  // Of the high word: the element's two bits to bits 5 and 4 of lane n.
+  static constexpr auto high_from = detail::table_of_bytes([](unsigned t) {
+    const unsigned n = t / 4;
+    return t % 4 == 0 ? (8 * (n % 4) + 6 - 2 * (n / 4) - 4) & 63 : 0;
+  });
 
  public:
   // The two parts of a code meet in the last bits of 2^23.
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
-    static constexpr auto low_from = make_low_from(), high_from = make_high_from();
     const auto low_words = sycl::load_integer<uint64_t>(codes.low + 8 * v);
     const auto high_word = uint64_t{sycl::load_integer<uint32_t>(codes.high + 4 * v)};
-    const sycl::i32x16 low = sycl::multishift(low_words, sycl::load_bytes<sycl::u8x64>(&low_from));
-    const sycl::i32x16 high = sycl::multishift(high_word, sycl::load_bytes<sycl::u8x64>(&high_from));
+    const sycl::i32x16 low = sycl::multishift(low_words, low_from.value());
+    const sycl::i32x16 high = sycl::multishift(high_word, high_from.value());
     const sycl::i32x16 bits = ((low & 0x0F) | 0x4B000000) | (high & 0x30);
     return simd<T, 16>::exact(sycl::as_float(bits) - (8388608.0f + 32.0f));
   }

@@ -9,9 +9,7 @@
 //   planes                      where the parts of a packed tensor begin
 //   locate(weight, K, N)        planes of a tensor
 //   prefetch(planes, unit)      hint that the unit's codes will be read
-//   prefetch_scales(planes, unit)   hint that the scales of 16 units from `unit` on will, where all 64 elements of a
-//   unit
-//                               share one
+//   prefetch_scales(planes, unit)   hint that the scales of 16 units from `unit` on will, where a unit has one
 //   raw, fetch(planes, unit)    a unit's codes, as far as they are best unpacked 64 at a time
 //   decode<T>(raw, v)           codes of elements 16v to 16v + 15 of the unit as T, unscaled, in element order; v < 4
 //   scale<T>(planes, unit, v)   their scale, in all lanes, where there is one
@@ -36,6 +34,7 @@
 #pragma once
 
 #include <cstdint>
+#include <type_traits>
 
 #include "formats/registry.hpp"
 #include "platform/sycl/simd.hpp"
@@ -46,26 +45,35 @@ using sycl::BFloat16;
 using sycl::Half;
 using sycl::simd;
 
+// M(T, ...) for every element type of inputs and outputs: how a kernel's source lists its instances.
+#define CORVANE_FOR_ELEMENT_TYPES(M, ...) \
+  M(Half __VA_OPT__(, ) __VA_ARGS__)      \
+  M(float __VA_OPT__(, ) __VA_ARGS__)     \
+  M(double __VA_OPT__(, ) __VA_ARGS__)    \
+  M(BFloat16 __VA_OPT__(, ) __VA_ARGS__)
+
 constexpr unsigned unit_elements = 64;
+
+// Values of Half, converted to T: rounded where T is BFloat16.
+template <class T>
+CORVANE_INLINE simd<T, 16> half_values_as(sycl::f32x16 values) {
+  if constexpr (std::is_same_v<T, BFloat16>) {
+    return simd<T, 16>::from_float(values);
+  } else {
+    return simd<T, 16>::exact(values);
+  }
+}
 
 // One value per plane entry, in all lanes, converted to T.
 template <class T>
 CORVANE_INLINE simd<T, 16> splat_half_as(const uint8_t* at) {
-  if constexpr (std::is_same_v<T, BFloat16>) {
-    return simd<T, 16>::from_float(sycl::splat_half(at));
-  } else {
-    return simd<T, 16>::exact(sycl::splat_half(at));
-  }
+  return half_values_as<T>(sycl::splat_half(at));
 }
 
 // `count` of at most 16 neighbouring entries as lanes, converted to T; the other lanes are zero.
 template <class T>
 CORVANE_INLINE simd<T, 16> half_lanes(sycl::u16x16 bits) {
-  if constexpr (std::is_same_v<T, BFloat16>) {
-    return simd<T, 16>::from_float(sycl::half_bits_to_float(bits));
-  } else {
-    return simd<T, 16>::exact(sycl::half_bits_to_float(bits));
-  }
+  return half_values_as<T>(sycl::half_bits_to_float(bits));
 }
 template <class T>
 CORVANE_INLINE simd<T, 16> half_lanes(const uint8_t* at, unsigned count) {

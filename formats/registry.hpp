@@ -79,8 +79,12 @@ constexpr bool is_format(int64_t id) { return id >= 0 && id < 32 && registry[id]
 // Refuses an id that names no format. Every operator asks this before it divides by a size.
 void check_format(int64_t id, const origin& where);
 
-// Rows of a packed weight of `bytes` bytes whose rows hold `state_size` elements. Refuses a state_size below 1, and a
-// weight of 2^31 elements or more, whose plane offsets would not fit the 32 bits that kernels compute with.
+// Refuses a weight of 2^31 elements or more, whose plane offsets would not fit the 32 bits that kernels compute with.
+// Neither size is negative.
+void check_elements(int64_t rows, int64_t state_size, const origin& where);
+
+// Rows of a packed weight of `bytes` bytes whose rows hold `state_size` elements. Refuses a state_size below 1, and
+// as check_elements does.
 int64_t derive_output_size(int64_t bytes, int64_t state_size, int32_t id, const origin& where);
 
 // Bytes before a plane of a planar weight: its blocks times the width of the planes before it. The product of the two

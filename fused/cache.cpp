@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace corvane {
 namespace {

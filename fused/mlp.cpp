@@ -4,7 +4,6 @@
 #include <ATen/record_function.h>
 
 #include <array>
-#include <limits>
 #include <string>
 
 #include "fused/arguments.hpp"
@@ -24,14 +23,11 @@ struct mlp_call {
   mlp_activation activation;
 };
 
-// Before the result is allocated: sizes whose product a signed 32-bit number does not hold have no plane offsets.
+// Before the result is allocated.
 void check_sizes(int64_t state_size, int64_t output_size) {
   if (state_size < 1) fail(here, "state_size must be at least 1, found " + std::to_string(state_size));
   if (output_size < 0) fail(here, "output_size must not be negative, found " + std::to_string(output_size));
-  if (output_size > std::numeric_limits<int32_t>::max() / state_size) {
-    fail(here, "a packed weight holds fewer than 2147483648 elements, found " + std::to_string(output_size) + " x " +
-                   std::to_string(state_size));
-  }
+  check_elements(output_size, state_size, here);
 }
 
 // What the kernel takes for granted. No wrapper has looked at the tensors before.

@@ -12,9 +12,6 @@ void mlp_forward_fp4_kernel(const T* input, const mlp_arguments<T>& arguments, c
 #define INSTANCE(T, SG, WG) \
   template void mlp_forward_fp4_kernel<T, SG, WG>(const T*, const mlp_arguments<T>&, c10::Device);
 #define INSTANCES(T) INSTANCE(T, 32, 64) INSTANCE(T, 16, 32)
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCES)
 
 }  // namespace corvane

@@ -12,9 +12,6 @@ void mlp_forward_fp6_kernel(const T* input, const mlp_arguments<T>& arguments, c
 #define INSTANCE(T, SG, WG, ROWS) \
   template void mlp_forward_fp6_kernel<T, SG, WG, ROWS>(const T*, const mlp_arguments<T>&, c10::Device);
 #define INSTANCES(T) INSTANCE(T, 32, 64, 2) INSTANCE(T, 16, 32, 2) INSTANCE(T, 16, 32, 8)
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCES)
 
 }  // namespace corvane

@@ -35,9 +35,6 @@ void mlp_forward_iq2_xxs_kernel(const uint8_t* input, const mlp_arguments<T>& a,
 }
 
 #define INSTANCE(T) template void mlp_forward_iq2_xxs_kernel<T>(const uint8_t*, const mlp_arguments<T>&, c10::Device);
-INSTANCE(Half)
-INSTANCE(float)
-INSTANCE(double)
-INSTANCE(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE)
 
 }  // namespace corvane

@@ -25,7 +25,7 @@ struct projection_call {
   at::Tensor input;
   std::array<at::Tensor, Matrices> weights;
   std::array<int32_t, Matrices> qtypes;  // by which the weights' sizes are read
-  std::vector<at::Tensor> biases;
+  std::vector<at::Tensor> biases;        // one for each weight, or none
   at::Tensor position_ids;
   std::array<at::Tensor, Matrices> caches;  // from 1 on: the query has none
   int64_t kv_seq_len, head_size;
@@ -143,9 +143,6 @@ std::vector<at::Tensor> project(projection_call<Matrices> call, const projection
   for (unsigned m = 1; m < Matrices; ++m) call.outputs[m] = longer_view({cache_names[m], call.caches[m]}, where);
   call.outputs[0] = at::empty({1, call.rows[0] / call.head_size, 1, call.head_size},
                               at::TensorOptions().device(call.weights[0].device()).dtype(call.input.scalar_type()));
-  if (!call.biases.empty() && call.biases.size() != Matrices) {
-    fail(where, "one bias for each weight, or none, found " + std::to_string(call.biases.size()));
-  }
   table[qtype](call);
   return {call.outputs.begin(), call.outputs.end()};
 }

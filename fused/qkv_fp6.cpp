@@ -12,9 +12,6 @@ void qlinear_xpu_kernel_fp6_qkv(const T* input, const qkv_arguments<T>& argument
 #define INSTANCE(T, SG, WG, BIAS) \
   template void qlinear_xpu_kernel_fp6_qkv<T, SG, WG, BIAS>(const T*, const qkv_arguments<T>&, c10::Device);
 #define INSTANCES(T) INSTANCE(T, 32, 64, false) INSTANCE(T, 32, 64, true)
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCES)
 
 }  // namespace corvane

@@ -13,9 +13,6 @@ void qlinear_xpu_kernel_fp8_e5m2_2x8_qkv(const T* input, const qkv_arguments<T>&
   template void qlinear_xpu_kernel_fp8_e5m2_2x8_qkv<T, SG, WG, BIAS>(const T*, const qkv_arguments<T>&, c10::Device);
 #define INSTANCES(T) \
   INSTANCE(T, 32, 64, false) INSTANCE(T, 32, 64, true) INSTANCE(T, 16, 32, false) INSTANCE(T, 16, 32, true)
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCES)
 
 }  // namespace corvane

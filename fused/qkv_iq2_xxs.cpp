@@ -52,9 +52,6 @@ void qlinear_xpu_kernel_iq2_xxs_qk(const uint8_t* input, const projection_argume
   template void qlinear_xpu_kernel_iq2_xxs_qkv<T, 32, 32>(const uint8_t*, const qkv_arguments<T>&, c10::Device); \
   template void qlinear_xpu_kernel_iq2_xxs_qk<T, 32, 32>(const uint8_t*, const projection_arguments<T, 2>&,      \
                                                          c10::Device);
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCES)
 
 }  // namespace corvane

@@ -123,21 +123,21 @@ void expand_direct(const linear_call& call, const uint8_t* weight, T* expanded, 
   }
 }
 
-// Tile of `cur` weight rows from row `start` on.
+// Tile of tile_rows weight rows from first_row on.
 template <class T>
-void expand_tile(const linear_call& call, const uint8_t* weight, T* tile, int64_t cur, int64_t start,
+void expand_tile(const linear_call& call, const uint8_t* weight, T* tile, int64_t tile_rows, int64_t first_row,
                  c10::Device device) {
   const auto k = static_cast<uint64_t>(call.state_size), n = static_cast<uint64_t>(call.output_size);
   if (call.qtype == qtype_q4_0) {
     if (call.device_class == 0) {
-      qlinear_xpu_tile_dequantize_kernel_q4_0_1x4<T, 32>(weight, tile, k, n, cur, start, device);
+      qlinear_xpu_tile_dequantize_kernel_q4_0_1x4<T, 32>(weight, tile, k, n, tile_rows, first_row, device);
     } else {
-      qlinear_xpu_tile_dequantize_kernel_q4_0_1x2<T, 16>(weight, tile, k, n, cur, start, device);
+      qlinear_xpu_tile_dequantize_kernel_q4_0_1x2<T, 16>(weight, tile, k, n, tile_rows, first_row, device);
     }
   } else if (call.qtype == qtype_q8_0) {
-    qlinear_xpu_tile_dequantize_kernel_q8_0_1x1<T, 16>(weight, tile, k, n, cur, start, device);
+    qlinear_xpu_tile_dequantize_kernel_q8_0_1x1<T, 16>(weight, tile, k, n, tile_rows, first_row, device);
   } else {
-    qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1<T, 16>(weight, tile, k, n, cur, start, device);
+    qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1<T, 16>(weight, tile, k, n, tile_rows, first_row, device);
   }
 }
 
@@ -184,15 +184,15 @@ at::Tensor multiply_by_tiles(const linear_call& call, const tile_policy& policy,
   using at::indexing::Slice;
   if (policy.tile_rows == 0) fail(here, "TILE_SIZE must be at least 1, found 0");
   at::Tensor result = empty_like_weight(weight, call, call.rows, call.output_size);
-  const auto tile_rows = static_cast<int64_t>(std::min<uint64_t>(policy.tile_rows, call.output_size));
-  for (int64_t start = 0; start < call.output_size; start += tile_rows) {
-    const int64_t cur = std::min(tile_rows, call.output_size - start);
-    at::Tensor tile = empty_like_weight(weight, call, cur, call.state_size);
+  const auto most_rows = static_cast<int64_t>(std::min<uint64_t>(policy.tile_rows, call.output_size));
+  for (int64_t first_row = 0; first_row < call.output_size; first_row += most_rows) {
+    const int64_t tile_rows = std::min(most_rows, call.output_size - first_row);
+    at::Tensor tile = empty_like_weight(weight, call, tile_rows, call.state_size);
     dispatch_floating(call.dtype, linear_dispatch_label, {"linear_xpu_kernel", "forward_new"}, [&](auto tag) {
       using T = typename decltype(tag)::type;
-      expand_tile<T>(call, weight.data_ptr<uint8_t>(), tile.data_ptr<T>(), cur, start, weight.device());
+      expand_tile<T>(call, weight.data_ptr<uint8_t>(), tile.data_ptr<T>(), tile_rows, first_row, weight.device());
     });
-    result.index_put_({Slice(), Slice(start, start + cur)}, at::linear(input, tile));
+    result.index_put_({Slice(), Slice(first_row, first_row + tile_rows)}, at::linear(input, tile));
   }
   return result;
 }

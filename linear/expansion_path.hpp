@@ -3,8 +3,6 @@
 
 #include <ATen/core/Tensor.h>
 
-#include <cstdint>
-
 #include "linear/path.hpp"
 
 namespace corvane {

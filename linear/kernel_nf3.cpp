@@ -5,20 +5,6 @@
 
 namespace corvane {
 
-template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
-void qlinear_xpu_kernel_nf3_2x16(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size,
-                                 uint64_t output_size, c10::Device device) {
-  matvec<nf3_reader, T, SG_SIZE, WG_SIZE, 2, 16>("qlinear_xpu_kernel_nf3_2x16", input, weight, output, state_size,
-                                                 output_size, device);
-}
-
-#define INSTANCE(T, SG, WG)                                                                                        \
-  template void qlinear_xpu_kernel_nf3_2x16<T, SG, WG>(const T*, const uint8_t*, T*, uint64_t, uint64_t, uint64_t, \
-                                                       c10::Device);
-#define INSTANCES(T) INSTANCE(T, 32, 64) INSTANCE(T, 16, 32)
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+MATVEC_KERNEL(qlinear_xpu_kernel_nf3_2x16, nf3_reader, 2, 16)
 
 }  // namespace corvane

@@ -16,9 +16,6 @@ void qlinear_xpu_kernel_q4_0_2x16(const T* input, const uint8_t* weight, T* outp
   template void qlinear_xpu_kernel_q4_0_2x16<T, SG, WG, ROWS>(const T*, const uint8_t*, T*, uint64_t, uint64_t, \
                                                               uint64_t, c10::Device);
 #define INSTANCES(T) INSTANCE(T, 32, 64, 2) INSTANCE(T, 16, 32, 8) INSTANCE(T, 16, 32, 2)
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCES)
 
 }  // namespace corvane

@@ -20,7 +20,7 @@ struct pair_product {
   static void stage(const T* x, staged& s) {
     s.sum_x = simd<float, 16>::zero();
     for (unsigned j = 0; j < 16; ++j) s.x[j] = detail::chunk_input<reader>(x, j);
-    for (unsigned j = 0; j < 16; j += j % 2 == 0 ? 1 : 3) {
+    for (unsigned j : {0, 1, 4, 5, 8, 9, 12, 13}) {  // j and j + 2 are a pair, 16 elements apart
       s.sum_x = s.sum_x + simd<float, 16>::exact((s.x[j] + s.x[j + 2]).to_float());
     }
   }
@@ -66,9 +66,6 @@ void qlinear_xpu_kernel_q5_k(const T* input, const uint8_t* weight, T* output, u
 
 #define INSTANCE(T) \
   template void qlinear_xpu_kernel_q5_k<T>(const T*, const uint8_t*, T*, uint64_t, uint64_t, uint64_t, c10::Device);
-INSTANCE(Half)
-INSTANCE(float)
-INSTANCE(double)
-INSTANCE(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE)
 
 }  // namespace corvane

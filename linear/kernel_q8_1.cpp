@@ -39,8 +39,8 @@ void quantize_block(const T* input, block_q8_1* block) {
   constexpr float over_127 = 0.007874015718698502f;  // the float nearest 1/127
   const simd<T, 16> x[2] = {simd<T, 16>::load(input), simd<T, 16>::load(input + 16)};
   const f32x16 low = x[0].to_float(), high = x[1].to_float();
-  // The exchange over 32 items, mask 16 first: their sum, and the largest magnitude. Magnitudes compare as integers, a
-  // not-a-number above all others, so that one in the input shows in the output.
+  // What an exchange over the block's 32 items gives: their sum and the largest magnitude. Magnitudes compare as
+  // integers, a not-a-number above all others, so that one in the input shows in the output.
   const float s = sum_tree(simd<float, 16>::exact(low + high));
   const i32x16 a = sycl::as_int(low) & 0x7FFFFFFF, b = sycl::as_int(high) & 0x7FFFFFFF;
   const i32x16 larger = a > b ? a : b;
@@ -132,9 +132,6 @@ void qlinear_xpu_kernel_q2_k_q8_1(const uint8_t* weight, const uint8_t* activati
   DOT_INSTANCE(qlinear_xpu_kernel_iq2_xxs_q8_1, T)                                                \
   DOT_INSTANCE(qlinear_xpu_kernel_iq1_s_q8_1, T)                                                  \
   DOT_INSTANCE(qlinear_xpu_kernel_q2_k_q8_1, T)
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCES)
 
 }  // namespace corvane

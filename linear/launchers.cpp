@@ -22,7 +22,6 @@ at::Tensor empty_result(const at::Tensor& input, const at::Tensor& weight, int64
   return at::empty({rows, output_size}, weight.options().dtype(input.scalar_type()));
 }
 
-// The 8-bit activations live until the kernel that reads them has been waited for.
 template <int32_t Id>
 at::Tensor one_quantised_row(const at::Tensor& input, const at::Tensor& weight, int64_t state_size,
                              int64_t output_size) {

@@ -5,8 +5,6 @@
 // through its reader alone (formats/reader.hpp).
 #pragma once
 
-#include <algorithm>
-
 #include "linear/row_accumulation.hpp"
 #include "linear/row_sums.hpp"
 #include "module/frame/launch.hpp"
@@ -17,10 +15,12 @@ template <class Reader,
           class T,               // input, output and sums: Half, float, double, BFloat16
           unsigned SG_SIZE,      // required sub-group size: 32 on device class 0, else 16
           unsigned WG_SIZE,      // work-items of a group: 2 * SG_SIZE
-          unsigned ROWS_PER_WG>  // output rows of a group: 1, 2 or 8
-void matvec_groups(const char* name, const T* input, const uint8_t* weight, T* output, uint64_t state_size,
-                   uint64_t output_size, c10::Device device) {
+          unsigned ROWS_PER_WG,  // output rows of a group: 1, 2 or 8
+          unsigned SUB_BLK_H>    // 16, 8 or 1: state_size is refused if no multiple of it
+void matvec(const char* name, const T* input, const uint8_t* weight, T* output, uint64_t state_size,
+            uint64_t output_size, c10::Device device) {
   const origin where{"linear_xpu_kernel", name};
+  check_multiple(state_size, SUB_BLK_H, where);
   check_whole_blocks(state_size, registry[Reader::id].block_elements, where);
 
   const typename Reader::planes planes = Reader::locate(weight, state_size, output_size);
@@ -34,15 +34,9 @@ void matvec_groups(const char* name, const T* input, const uint8_t* weight, T* o
     for (auto& sum : sums) sum = simd<T, 16>::zero();
     const uint64_t first_row = groups.first(0) * ROWS_PER_WG;
     for (unsigned g = 0; g < groups.count(0); ++g) {
-      row_list<ROWS_PER_WG> rows;
-      rows.ahead = ROWS_PER_WG * units;
+      const auto rows = rows_from<ROWS_PER_WG>(first_row + g * ROWS_PER_WG, output_size, units);
       simd<T, 16> group_sums[ROWS_PER_WG];
-      for (unsigned r = 0; r < ROWS_PER_WG; ++r) {
-        // A row past the end reads the last row again, so that nothing beyond the weight is touched; it is not written.
-        const uint64_t last = output_size - 1;
-        rows.first_unit[r] = static_cast<uint32_t>(std::min(first_row + g * ROWS_PER_WG + r, last)) * units;
-        group_sums[r] = simd<T, 16>::zero();
-      }
+      for (auto& sum : group_sums) sum = simd<T, 16>::zero();
       accumulate_rows<Reader>(row.view(), planes, rows, units, group_sums);
       for (unsigned r = 0; r < ROWS_PER_WG; ++r) sums[g * ROWS_PER_WG + r] = group_sums[r];
     }
@@ -53,13 +47,19 @@ void matvec_groups(const char* name, const T* input, const uint8_t* weight, T* o
             sycl::prepared_kernel{prepare, sycl::block_kernel<1, decltype(kernel)>{{tree_rows / ROWS_PER_WG}, kernel}});
 }
 
-// The same for the kernels that refuse a state_size by the elements that a work-item of a device takes in one step.
-template <class Reader, class T, unsigned SG_SIZE, unsigned WG_SIZE, unsigned ROWS_PER_WG,
-          unsigned SUB_BLK_H>  // 16 or 8
-void matvec(const char* name, const T* input, const uint8_t* weight, T* output, uint64_t state_size,
-            uint64_t output_size, c10::Device device) {
-  check_multiple(state_size, SUB_BLK_H, {"linear_xpu_kernel", name});
-  matvec_groups<Reader, T, SG_SIZE, WG_SIZE, ROWS_PER_WG>(name, input, weight, output, state_size, output_size, device);
-}
+#define MATVEC_INSTANCES(T, NAME)                                                                         \
+  template void NAME<T, 32, 64>(const T*, const uint8_t*, T*, uint64_t, uint64_t, uint64_t, c10::Device); \
+  template void NAME<T, 16, 32>(const T*, const uint8_t*, T*, uint64_t, uint64_t, uint64_t, c10::Device);
+
+// A one-row kernel by its name, which is also what launches show: reader, output rows of a group, and what state_size
+// has to be a multiple of.
+#define MATVEC_KERNEL(NAME, READER, ROWS_PER_WG, SUB_BLK_H)                                                            \
+  template <class T, unsigned SG_SIZE, unsigned WG_SIZE>                                                               \
+  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size, uint64_t output_size,     \
+            c10::Device device) {                                                                                      \
+    matvec<READER, T, SG_SIZE, WG_SIZE, ROWS_PER_WG, SUB_BLK_H>(#NAME, input, weight, output, state_size, output_size, \
+                                                                device);                                               \
+  }                                                                                                                    \
+  CORVANE_FOR_ELEMENT_TYPES(MATVEC_INSTANCES, NAME)
 
 }  // namespace corvane

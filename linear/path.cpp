@@ -68,9 +68,11 @@ bool takes_fast_expansion(const path_rule& rule, const linear_call& call) {
 }  // namespace
 
 bool takes_systolic_path(const linear_call& call, bool allowed) {
-  constexpr uint32_t formats = 0x88104;  // bits of q4_0, q8_0, fp8_e4m3, fp8_e5m2
   if (!allowed || call.rows < 2 || call.output_size % 16 != 0) return false;
-  if (call.qtype >= 20 || ((formats >> call.qtype) & 1) == 0) return false;
+  if (call.qtype != qtype_q4_0 && call.qtype != qtype_q8_0 && call.qtype != qtype_fp8_e4m3 &&
+      call.qtype != qtype_fp8_e5m2) {
+    return false;
+  }
   if (call.device_class == 0) return call.rows <= 16;
   if (call.device_class > 2) return false;
   return call.rows <= 64 && (call.qtype == qtype_fp8_e4m3 || call.rows >= 7);

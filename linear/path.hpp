@@ -12,7 +12,7 @@ namespace corvane {
 enum class linear_path : uint8_t {
   systolic,           // a few rows on the systolic unit, straight from the packed weight
   matrix_vector,      // one row
-  small_batch,        // a few rows, two at a time
+  small_batch,        // a few rows, two or four at a time
   tile,               // the weight expanded tile by tile, one product a tile
   fast_expansion,     // whole weight by the explicit-SIMD kernels, then one product
   general_expansion,  // whole weight by dequant(), then one product

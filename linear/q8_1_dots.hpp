@@ -13,6 +13,7 @@
 
 #include <memory>
 
+#include "formats/byte_table.hpp"
 #include "linear/q8_1.hpp"
 #include "platform/sycl/bytes.hpp"
 
@@ -31,17 +32,6 @@ sycl::f32x16 of_groups(const block_q8_1* y, unsigned blocks, const Get& get) {
   sycl::f32x16 lanes{};
   for (unsigned g = 0; g < 8 * blocks; ++g) lanes[g] = static_cast<float>(get(y[g]));
   return lanes;
-}
-
-struct alignas(64) byte_table {
-  uint8_t byte[64];
-  CORVANE_INLINE sycl::u8x64 value() const { return sycl::load_bytes<sycl::u8x64>(byte); }
-};
-template <class Entry>
-constexpr byte_table table_of_bytes(const Entry& entry) {
-  byte_table b{};
-  for (unsigned t = 0; t < 64; ++t) b.byte[t] = static_cast<uint8_t>(entry(t));
-  return b;
 }
 
 }  // namespace detail

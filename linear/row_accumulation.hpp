@@ -19,6 +19,18 @@ struct row_list {
   uint32_t ahead;             // units from a row to the one that takes its place in the next group: fetched meanwhile
 };
 
+// Neighbouring rows of `units` units, from first_row on. A row past the end reads the last row again, so that nothing
+// beyond the weight is touched; it is not written.
+template <unsigned Rows>
+CORVANE_INLINE row_list<Rows> rows_from(uint64_t first_row, uint64_t output_size, uint32_t units) {
+  row_list<Rows> rows;
+  rows.ahead = Rows * units;
+  for (unsigned r = 0; r < Rows; ++r) {
+    rows.first_unit[r] = static_cast<uint32_t>(std::min(first_row + r, output_size - 1)) * units;
+  }
+  return rows;
+}
+
 namespace detail {
 
 constexpr unsigned batch_units = 16;  // units whose scales are converted together, one to a lane

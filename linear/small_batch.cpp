@@ -7,13 +7,13 @@
 #include "formats/nf4.hpp"
 #include "formats/q4_0.hpp"
 #include "linear/row_accumulation.hpp"
+#include "linear/row_sums.hpp"
 #include "module/frame/launch.hpp"
 
 namespace corvane {
 namespace {
 
 constexpr unsigned weight_rows = 2, input_rows = 2;  // of a work-group
-constexpr unsigned block_sums = 16;                  // trees that are added together (row_sums.hpp)
 
 // Inputs that a decoded code meets at once. In float those of two groups: 4 rows against 4096 x 4096 take 0.8 of the
 // time, 7 rows 0.7. In the 16-bit types the roundings are all of it, in double the registers run out.
@@ -47,14 +47,10 @@ struct batch {
     const uint64_t first_row = groups.first(0) * weight_rows, block_rows = groups.count(0) * weight_rows;
     row_input<T> x = input;
     x.lanes += first_input * state_size;
-    simd<T, 16> sums[block_sums];  // of an input's rows behind each other
+    simd<T, 16> sums[tree_rows];  // of an input's rows behind each other
     for (auto& sum : sums) sum = simd<T, 16>::zero();
     for (uint64_t first = 0; first < block_rows; first += weight_rows) {
-      row_list<weight_rows> list;
-      list.ahead = weight_rows * units;
-      for (unsigned r = 0; r < weight_rows; ++r) {
-        list.first_unit[r] = static_cast<uint32_t>(std::min(first_row + first + r, output_size - 1)) * units;
-      }
+      const auto list = rows_from<weight_rows>(first_row + first, output_size, units);
       simd<T, 16> pair[Inputs * weight_rows];
       for (auto& sum : pair) sum = simd<T, 16>::zero();
       accumulate_rows<Reader, Inputs>(x, planes, list, units, pair, state_size);
@@ -74,7 +70,7 @@ struct batch {
 // Work-group (g, h): weight rows 2g and 2g + 1 against input rows 2h and 2h + 1, as far as they exist.
 template <class Reader, class T>
 void small_batch(const char* name, int sub_group, unsigned work_group, const T* input, const uint8_t* weight, T* output,
-                 uint64_t rows, uint64_t state_size, uint64_t output_size, uint64_t weight_pairs, c10::Device device) {
+                 uint64_t rows, uint64_t state_size, uint64_t output_size, c10::Device device) {
   const origin where{"linear_xpu_kernel", name};
   check_multiple(state_size, 16, where);
   check_whole_blocks(state_size, registry[Reader::id].block_elements, where);
@@ -87,8 +83,8 @@ void small_batch(const char* name, int sub_group, unsigned work_group, const T* 
   };
   // The last dimension runs fastest: blocks of the same weight rows follow each other, and find them in the cache.
   const size_t input_pairs = rows > input_rows ? most_inputs<T> / input_rows : 1;
-  const std::array<size_t, 2> block{block_sums / weight_rows / (input_pairs * input_rows), input_pairs};
-  launch<2>(device, where, {{weight_pairs * work_group, (rows + 1) / 2}, {work_group, 1}},
+  const std::array<size_t, 2> block{tree_rows / weight_rows / (input_pairs * input_rows), input_pairs};
+  launch<2>(device, where, {{(output_size + 1) / 2 * work_group, (rows + 1) / 2}, {work_group, 1}},
             sycl::sub_group_size{sub_group},
             sycl::prepared_kernel{prepare, sycl::block_kernel<2, decltype(kernel)>{block, kernel}});
 }
@@ -99,15 +95,14 @@ template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
 void qlinear_xpu_kernel_q4_0_2x16_by_batch(const T* input, const uint8_t* weight, T* output, uint64_t rows,
                                            uint64_t state_size, uint64_t output_size, c10::Device device) {
   small_batch<q4_0_reader, T>("qlinear_xpu_kernel_q4_0_2x16_by_batch", SG_SIZE, WG_SIZE, input, weight, output, rows,
-                              state_size, output_size, (output_size + 1) / 2, device);
+                              state_size, output_size, device);
 }
 
-// Its range covers floor(output_size / 2) pairs; with an odd output_size one group more does the last row alone.
 template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
 void qlinear_xpu_kernel_nf4_2x16_batch(const T* input, const uint8_t* weight, T* output, uint64_t rows,
                                        uint64_t state_size, uint64_t output_size, c10::Device device) {
   small_batch<nf4_reader, T>("qlinear_xpu_kernel_nf4_2x16_batch", SG_SIZE, WG_SIZE, input, weight, output, rows,
-                             state_size, output_size, output_size / 2 + output_size % 2, device);
+                             state_size, output_size, device);
 }
 
 #define INSTANCE(T, SG, WG)                                                                                        \
@@ -116,9 +111,6 @@ void qlinear_xpu_kernel_nf4_2x16_batch(const T* input, const uint8_t* weight, T*
   template void qlinear_xpu_kernel_nf4_2x16_batch<T, SG, WG>(const T*, const uint8_t*, T*, uint64_t, uint64_t,     \
                                                              uint64_t, c10::Device);
 #define INSTANCES(T) INSTANCE(T, 32, 64) INSTANCE(T, 16, 32)
-INSTANCES(Half)
-INSTANCES(float)
-INSTANCES(double)
-INSTANCES(BFloat16)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCES)
 
 }  // namespace corvane

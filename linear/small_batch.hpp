@@ -1,5 +1,5 @@
-// A few input rows against a packed weight, two weight rows against two input rows at a time: a weight byte is decoded
-// once for two input rows. On pointers and sizes; instances for the four element types and both group sizes.
+// A few input rows against a packed weight: a weight byte is decoded once for two input rows, in float for four. On
+// pointers and sizes; instances for the four element types and both group sizes.
 #pragma once
 
 #include <c10/core/Device.h>

@@ -58,11 +58,7 @@ constexpr origin rows_here{"linear_xpu", "dequantize_rows"};
 // All that would let a kernel read outside the weight: a device could not tell.
 void check_rows(const at::Tensor& row_numbers, const at::Tensor& weight, int32_t qtype, int64_t state_size,
                 int64_t output_size) {
-  constexpr int64_t most = std::numeric_limits<int32_t>::max();
-  if (state_size * output_size > most) {
-    fail(rows_here, "a packed weight holds fewer than 2147483648 elements, found " + std::to_string(output_size) +
-                        " rows of " + std::to_string(state_size));
-  }
+  check_elements(output_size, state_size, rows_here);
   const at::Tensor on_host = row_numbers.to(c10::DeviceType::CPU).contiguous();
   const int64_t* numbers = on_host.data_ptr<int64_t>();
   const int64_t* end = numbers + on_host.numel();

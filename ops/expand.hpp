@@ -3,15 +3,17 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
+#include <type_traits>
 
-#include "formats/reader.hpp"
+#include "formats/k_block.hpp"
 
 namespace corvane {
 
 namespace detail {
 
-// What the last operation of arithmetic type A gives on its way to Out. A 16-bit Out is rounded to by the store alone,
-// to the bits that rounding the lanes first would give.
+// Type of the last operation's result. For a 16-bit output the store does the rounding, to the same bits, so the lanes
+// stay float.
 template <class A, class Out>
 using unstored = std::conditional_t<sizeof(Out) == 2 && std::is_same_v<A, Out>, float, A>;
 
@@ -171,7 +173,7 @@ concept scales_by_block = requires(typename Reader::planes p) {
 
 template <class Reader, class A, class Out>
 CORVANE_INLINE void expand_block(const typename Reader::planes& weight, uint32_t block, const destination<Out>& out) {
-  constexpr uint32_t block_units = 4, unit_runs = 4;
+  constexpr uint32_t unit_runs = 4;
   const sycl::f32x16 scale = Reader::template chunk_scale<A>(weight, block).r[0];
   alignas(64) float scales[16], offsets[16];
   std::memcpy(scales, &scale, sizeof(scales));
@@ -209,8 +211,8 @@ CORVANE_INLINE void expand_units(const typename Reader::planes& weight, uint32_t
   const uint32_t end = unit + units;
   detail::destination<Out> out{output, past_caches};
   if constexpr (detail::scales_by_block<Reader>) {
-    for (; unit < end; unit += 4, out = out + 4 * unit_elements) {
-      detail::expand_block<Reader, A>(weight, unit / 4, out);
+    for (; unit < end; unit += detail::block_units, out = out + detail::block_elements) {
+      detail::expand_block<Reader, A>(weight, unit / detail::block_units, out);
     }
   } else {
     for (; unit < end; ++unit, out = out + unit_elements) {

@@ -90,24 +90,23 @@ template <class T>
 void qlinear_xpu_dequantize_kernel_iq1_s(const uint8_t* weight, T* output, uint64_t state_size, uint64_t output_size,
                                          c10::Device device);
 
-// --- tiles: rows `start` to `start` + `cur` - 1 of the weight alone, into tile (cur, state_size)
-// -------------------------
+// --- tiles: tile_rows rows of the weight from first_row on, into tile (tile_rows, state_size) ------------------------
 
 template <class T, unsigned SG_SIZE>
 void qlinear_xpu_tile_dequantize_kernel_q4_0_1x4(const uint8_t* weight, T* tile, uint64_t state_size,
-                                                 uint64_t output_size, uint64_t cur, uint64_t start,
+                                                 uint64_t output_size, uint64_t tile_rows, uint64_t first_row,
                                                  c10::Device device);
 template <class T, unsigned SG_SIZE>
 void qlinear_xpu_tile_dequantize_kernel_q4_0_1x2(const uint8_t* weight, T* tile, uint64_t state_size,
-                                                 uint64_t output_size, uint64_t cur, uint64_t start,
+                                                 uint64_t output_size, uint64_t tile_rows, uint64_t first_row,
                                                  c10::Device device);
 template <class T, unsigned SG_SIZE>
 void qlinear_xpu_tile_dequantize_kernel_q8_0_1x1(const uint8_t* weight, T* tile, uint64_t state_size,
-                                                 uint64_t output_size, uint64_t cur, uint64_t start,
+                                                 uint64_t output_size, uint64_t tile_rows, uint64_t first_row,
                                                  c10::Device device);
 template <class T, unsigned SG_SIZE>
 void qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1(const uint8_t* weight, T* tile, uint64_t state_size,
-                                                     uint64_t output_size, uint64_t cur, uint64_t start,
+                                                     uint64_t output_size, uint64_t tile_rows, uint64_t first_row,
                                                      c10::Device device);
 
 }  // namespace corvane

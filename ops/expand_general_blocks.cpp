@@ -13,18 +13,14 @@
 
 namespace corvane {
 
-#define INSTANCES(NAME)                                                                 \
-  template void NAME<Half>(const uint8_t*, Half*, uint64_t, uint64_t, c10::Device);     \
-  template void NAME<float>(const uint8_t*, float*, uint64_t, uint64_t, c10::Device);   \
-  template void NAME<double>(const uint8_t*, double*, uint64_t, uint64_t, c10::Device); \
-  template void NAME<BFloat16>(const uint8_t*, BFloat16*, uint64_t, uint64_t, c10::Device);
+#define INSTANCE(T, NAME) template void NAME<T>(const uint8_t*, T*, uint64_t, uint64_t, c10::Device);
 
 #define ELEMENT_KERNEL(NAME, READER, WAIT)                                                                     \
   template <class T>                                                                                           \
   void NAME(const uint8_t* weight, T* output, uint64_t state_size, uint64_t output_size, c10::Device device) { \
     expand_elements<READER, float>(#NAME, weight, output, state_size, output_size, device, host_wait::WAIT);   \
   }                                                                                                            \
-  INSTANCES(NAME)
+  CORVANE_FOR_ELEMENT_TYPES(INSTANCE, NAME)
 
 ELEMENT_KERNEL(qlinear_xpu_dequantize_kernel_q5_0, q5_0_reader, yes)
 ELEMENT_KERNEL(qlinear_xpu_dequantize_kernel_q5_1, q5_1_reader, no)
@@ -36,7 +32,7 @@ ELEMENT_KERNEL(qlinear_xpu_dequantize_kernel_nf3_new, nf3_reader, yes)
   void NAME(const uint8_t* weight, T* output, uint64_t state_size, uint64_t output_size, c10::Device device) {   \
     expand_super_blocks<READER>(#NAME, LOCAL, weight, output, state_size, output_size, device, host_wait::WAIT); \
   }                                                                                                              \
-  INSTANCES(NAME)
+  CORVANE_FOR_ELEMENT_TYPES(INSTANCE, NAME)
 
 SUPER_BLOCK_KERNEL(qlinear_xpu_dequantize_kernel_q2_k, q2_k_reader, 64, yes)
 SUPER_BLOCK_KERNEL(qlinear_xpu_dequantize_kernel_q4_k, q4_k_reader, 32, no)

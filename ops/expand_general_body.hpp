@@ -22,14 +22,14 @@ constexpr uint64_t row_group_size(uint64_t state_size, unsigned per_item) {
 
 }  // namespace detail
 
-// Rows `start` to `start` + `rows` - 1 of a weight of output_size rows, a work-group each.
+// `rows` rows from first_row on of a weight of output_size rows, a work-group each.
 template <class Reader,
           class A,            // the arithmetic, as expand_units has it
           unsigned SG_SIZE,   // required sub-group size: 32 on device class 0, else 16
           unsigned PER_ITEM,  // elements of a work-item in one pass: 4, 2 or 1
           class T>
 void expand_rows(const char* kernel, const uint8_t* weight, T* output, uint64_t state_size, uint64_t output_size,
-                 uint64_t rows, uint64_t start, c10::Device device, host_wait wait) {
+                 uint64_t rows, uint64_t first_row, c10::Device device, host_wait wait) {
   const origin where{detail::general_source, kernel};
   check_multiple(state_size, unit_elements, where);
   const auto planes = Reader::locate(weight, state_size, output_size);
@@ -39,7 +39,7 @@ void expand_rows(const char* kernel, const uint8_t* weight, T* output, uint64_t 
   launch<1>(
       device, where, {{rows * local}, {local}}, sycl::sub_group_size{SG_SIZE},
       [=](sycl::group<1> group) {
-        const auto first_unit = static_cast<uint32_t>(start + group.id()) * units;
+        const auto first_unit = static_cast<uint32_t>(first_row + group.id()) * units;
         expand_units<Reader, A>(planes, first_unit, units, output + group.id() * state_size, past_caches);
       },
       wait);
@@ -71,7 +71,7 @@ void expand_elements(const char* kernel, const uint8_t* weight, T* output, uint6
 template <class Reader, class T>
 void expand_super_blocks(const char* kernel, uint64_t local, const uint8_t* weight, T* output, uint64_t state_size,
                          uint64_t output_size, c10::Device device, host_wait wait) {
-  constexpr uint32_t block_elements = 256, block_units = block_elements / unit_elements;
+  using detail::block_elements, detail::block_units;
   static_assert(registry[Reader::id].block_elements == block_elements);
   const origin where{detail::general_source, kernel};
   check_multiple(state_size, unit_elements, where);

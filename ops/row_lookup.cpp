@@ -12,7 +12,7 @@ namespace {
 template <class Reader>
 void look_up_rows(const char* kernel, uint64_t local, const uint8_t* weight, const int64_t* row_numbers, float* output,
                   uint64_t batch, uint64_t sequence, uint64_t state_size, uint64_t output_size, c10::Device device) {
-  constexpr uint32_t block_elements = 256, block_units = block_elements / unit_elements;
+  using detail::block_elements, detail::block_units;
   const origin where{"linear_xpu_kernel", kernel};
   check_multiple(state_size, unit_elements, where);
   const auto planes = Reader::locate(weight, state_size, output_size);

@@ -152,4 +152,21 @@ void sysdot_forward_kernel(const void* input, const uint8_t* weight, const uint8
             sycl::sub_group_size{1}, sycl::block_kernel<2, decltype(kernel)>{{tile_columns / N, block_tiles}, kernel});
 }
 
+// All instances for an element type, which is a source each: 1 to 8 rows of the last tile, both widths.
+#define SYSDOT_INSTANCE(IT, WT, M, N)                                                                                 \
+  template void sysdot_forward_kernel<IT, WT, float, WT, M, N, 8>(const void*, const uint8_t*, const uint8_t*, void*, \
+                                                                  uint64_t, uint64_t, uint64_t, int32_t, c10::Device)
+#define SYSDOT_WIDTHS(IT, WT, M)  \
+  SYSDOT_INSTANCE(IT, WT, M, 16); \
+  SYSDOT_INSTANCE(IT, WT, M, 8)
+#define SYSDOT_INSTANCES(IT, WT) \
+  SYSDOT_WIDTHS(IT, WT, 1);      \
+  SYSDOT_WIDTHS(IT, WT, 2);      \
+  SYSDOT_WIDTHS(IT, WT, 3);      \
+  SYSDOT_WIDTHS(IT, WT, 4);      \
+  SYSDOT_WIDTHS(IT, WT, 5);      \
+  SYSDOT_WIDTHS(IT, WT, 6);      \
+  SYSDOT_WIDTHS(IT, WT, 7);      \
+  SYSDOT_WIDTHS(IT, WT, 8)
+
 }  // namespace corvane

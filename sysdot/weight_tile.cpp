@@ -15,7 +15,7 @@ namespace {
 struct fp8_e4m3_systolic : fp8_e4m3_reader {
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
-    return decode_without_midpoint<T>(qs, v);
+    return simd<T, 16>::exact(sycl::half_bits_to_float(half_bits<false>(qs, v)));
   }
 };
 

@@ -164,7 +164,7 @@ def test_rows_outside_the_weight_are_refused(name, number):
         (-256, -4, "state_size and output_size must lie in 0 to 2147483647, found -256 and -4"),
         (256, -1, "state_size and output_size must lie in 0 to 2147483647"),
         (2**62, 4, "state_size and output_size must lie in 0 to 2147483647"),
-        (2**16, 2**15, "a packed weight holds fewer than 2147483648 elements, found 32768 rows of 65536"),
+        (2**16, 2**15, "a packed weight holds fewer than 2147483648 elements, found 32768 x 65536"),
         (512, 4, "weight must hold"),
     ],
 )
