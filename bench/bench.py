@@ -8,7 +8,6 @@ from __future__ import annotations
 import argparse
 import json
 import subprocess
-from collections.abc import Callable
 
 import bench_memory
 import corvane
@@ -115,30 +114,32 @@ def bench_call() -> None:
     report("call", "1000 calls, 64 x 64", times["call"], {})
 
 
-def dense(row_count: int, weight: torch.Tensor) -> Callable[[int], object]:
-    """CPU PyTorch's float product on as many threads as the device has."""
+def dense_seconds(row_count: int, weight: torch.Tensor) -> float:
+    """CPU PyTorch's float product on as many threads as the device has.
+
+    By itself: its threads wait busily for a while after each product, on the cores that another candidate would need.
+    """
     x = torch.randn(row_count, weight.size(1))
-    return lambda _: torch.nn.functional.linear(x, weight)
+    return alternate({"dense": lambda _: torch.nn.functional.linear(x, weight)})["dense"].median
 
 
 def bench_linear() -> None:
     """The framework's linear on XPU tensors against CPU PyTorch's float product."""
     weight = torch.randn(N, K) * 0.02
     for row_count in (8, 32, 128):
-        candidates = {"dense": dense(row_count, weight)}
+        dense_time, candidates = dense_seconds(row_count, weight), {}
         for name, dtype in DTYPES.items():
             x, w = torch.randn(row_count, K).to(dtype).to("xpu"), weight.to(dtype).to("xpu")
             candidates[name] = lambda _, x=x, w=w: torch.nn.functional.linear(x, w)
         times = alternate(candidates)
         for name in DTYPES:
-            ratio = times[name].median / times["dense"].median
-            report("linear", f"{name} {row_count} rows", times[name], {"dense float": ratio})
+            against = {"dense float": times[name].median / dense_time}
+            report("linear", f"{name} {row_count} rows", times[name], against)
 
 
 def bench_rows() -> None:
     """Several rows on q4_0: whichever path this device class takes, against the dense float product."""
     copies, weight = Copies("q4_0"), torch.randn(N, K) * 0.02
-    one_row = {}
     for dtype_name in ("float", "half", "bfloat16"):
         dtype = DTYPES[dtype_name]
         for row_count in (1, 2, 4, 7, 8, 16, 32, 64, 128, 256):
@@ -147,15 +148,15 @@ def bench_rows() -> None:
             with host_xpu.record_launches() as records:
                 corvane.forward_new(x, copies(0), 2, row_count)
             kernel = records[0].kernel
+            dense_time = dense_seconds(row_count, weight)
             times = alternate(
                 {
-                    "dense": dense(row_count, weight),
-                    "call": lambda i, x=x: corvane.forward_new(x, copies(i), 2, x.size(0)),
+                    "one row": lambda i, x=x[:1]: corvane.forward_new(x, copies(i), 2, 1),
+                    "call": lambda i, x=x: corvane.forward_new(x, copies(i + 7), 2, x.size(0)),
                 },
             )
             call = times["call"].median
-            one_row.setdefault(dtype_name, call)
-            against = {"dense float": call / times["dense"].median, "one row": call / one_row[dtype_name]}
+            against = {"dense float": call / dense_time, "one row": call / times["one row"].median}
             report("rows", f"{dtype_name} {row_count} rows, {kernel}", times["call"], against)
 
 

@@ -28,6 +28,7 @@ def alternate(
 
     Stops after `runs` rounds, or after `seconds` once five rounds are there. The first round is not counted.
     """
+    time.sleep(0.1)  # threads of other pools (numpy's, OpenBLAS's) wait busily for some milliseconds after their work
     taken: dict[str, list[float]] = {name: [] for name in candidates}
     start = time.perf_counter()
     for i in range(runs + 1):
