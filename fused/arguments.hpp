@@ -1,36 +1,12 @@
-// Checks of tensors that the fused operators share: what a kernel takes for granted, refused before anything is
-// launched.
+// What the kernels of the fused operators take for granted of a weight, refused before anything is launched.
 #pragma once
-
-#include <ATen/core/Tensor.h>
 
 #include <string>
 
 #include "formats/registry.hpp"
+#include "module/frame/argument.hpp"
 
 namespace corvane {
-
-// A tensor under the name that messages give it.
-struct argument {
-  const char* name;
-  const at::Tensor& tensor;
-};
-
-inline void check_device(const argument& a, c10::Device device, const origin& where) {
-  if (a.tensor.device() != device) {
-    fail(where, std::string(a.name) + " must be on " + device.str() + ", found on " + a.tensor.device().str());
-  }
-}
-
-// Packed bytes: size(0) is their number.
-inline void check_packed(const argument& a, const origin& where) {
-  if (a.tensor.scalar_type() != c10::ScalarType::Byte) {
-    fail(where, std::string(a.name) + " must be unsigned bytes, found " + c10::toString(a.tensor.scalar_type()));
-  }
-  if (a.tensor.dim() < 1 || a.tensor.numel() < a.tensor.size(0)) {
-    fail(where, std::string(a.name) + " must have its bytes in dimension 0");
-  }
-}
 
 // Refuses a weight with fewer bytes than `rows` rows of state_size elements take in the format that a kernel reads.
 // state_size is a multiple of the format's block.

@@ -33,16 +33,16 @@ void check_sizes(int64_t state_size, int64_t output_size) {
 // What the kernel takes for granted. No wrapper has looked at the tensors before.
 void check_tensors(const mlp_call& call, int32_t id, const origin& where) {
   check_whole_blocks(call.state_size, registry[id].block_elements, where);
-  if (!call.first.is_xpu()) fail(where, "first weight must be a XPU tensor");
+  check_on_xpu({"first weight", call.first}, where);
   for (const argument& a : {argument{"first weight", call.first}, argument{"second weight", call.second}}) {
     check_packed(a, where);
     check_device(a, call.first.device(), where);
     check_holds(a, call.output_size, call.state_size, id, where);
-    if (!a.tensor.is_contiguous()) fail(where, std::string(a.name) + " must be contiguous");
+    check_contiguous(a, where);
   }
   const at::Tensor& input = call.input;
   check_device({"input", input}, call.first.device(), where);
-  if (!input.is_contiguous()) fail(where, "input must be contiguous");
+  check_contiguous({"input", input}, where);
   if (input.numel() != call.state_size || input.dim() < 1 || input.size(-1) != call.state_size) {
     fail(where, "input must be one row of " + std::to_string(call.state_size) + " elements, found " +
                     std::to_string(input.numel()) + " elements" +

@@ -6,6 +6,7 @@
 #include "linear/launchers.hpp"
 #include "linear/path.hpp"
 #include "linear/policy.hpp"
+#include "module/frame/argument.hpp"
 #include "module/frame/device_class.hpp"
 #include "sysdot/sysdot_forward.hpp"
 
@@ -18,13 +19,10 @@ constexpr origin here{"linear_xpu", "forward_new"};
 void check_arguments(const at::Tensor& input, const at::Tensor& weight, int32_t qtype) {
   check_format(qtype, here);
   if (input.dim() < 2) fail(here, "input must have two dimensions, found " + std::to_string(input.dim()));
-  if (weight.dim() < 1) fail(here, "weights must have at least one dimension");
-  if (weight.scalar_type() != c10::ScalarType::Byte) {
-    fail(here, std::string("weights must be unsigned bytes, found ") + c10::toString(weight.scalar_type()));
-  }
+  check_packed({"weights", weight}, here);
   // Dimensions after the second are not looked at; one of size 0 would leave the first two without data.
-  if (input.numel() < input.size(0) * input.size(1) || weight.numel() < weight.size(0)) {
-    fail(here, "input and weights must not have an empty dimension behind those that give the shape");
+  if (input.numel() < input.size(0) * input.size(1)) {
+    fail(here, "input must not have an empty dimension behind the second");
   }
 }
 

@@ -3,28 +3,22 @@
 #include <ATen/record_function.h>
 
 #include <initializer_list>
-#include <string>
 
 #include "fused/projections.hpp"
 #include "linear/forward.hpp"
-#include "module/frame/check.hpp"
+#include "module/frame/argument.hpp"
 #include "ops/bmm.hpp"
 #include "ops/dequantize.hpp"
 
 namespace corvane {
 namespace {
 
-struct named_tensor {
-  const at::Tensor& tensor;
-  const char* name;  // in messages
-};
-
 // Both checks of a tensor come before the next tensor's.
-void check_tensors(const char* wrapper, std::initializer_list<named_tensor> tensors) {
+void check_tensors(const char* wrapper, std::initializer_list<argument> tensors) {
   const origin where{"linear_xpu", wrapper};
-  for (const auto& [tensor, name] : tensors) {
-    if (tensor.device().type() != c10::DeviceType::XPU) fail(where, std::string(name) + " must be a XPU tensor");
-    if (!tensor.is_contiguous()) fail(where, std::string(name) + " must be contiguous");
+  for (const argument& a : tensors) {
+    check_on_xpu(a, where);
+    check_contiguous(a, where);
   }
 }
 
@@ -47,7 +41,7 @@ auto recorded_call(const char* label, const at::Tensor& recorded, const Body& bo
 }  // namespace
 
 at::Tensor linear_forward_new(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t row_hint) {
-  check_tensors("linear_forward_new", {{input, "input"}, {weight, "weights"}});
+  check_tensors("linear_forward_new", {{"input", input}, {"weights", weight}});
   return recorded_call("vorel_qlinear_forward", input, [&] { return linear_forward(input, weight, qtype, row_hint); });
 }
 
@@ -56,7 +50,7 @@ std::vector<at::Tensor> linear_xpu_qkv(const at::Tensor& input, const at::Tensor
                                        const at::Tensor& cache_k, const at::Tensor& cache_v, int32_t src_0_qtype,
                                        int32_t src_0_vtype, int64_t kv_seq_len, int64_t head_size, float rope_base) {
   check_tensors("linear_xpu_qkv",
-                {{input, "input"}, {weight_q, "weight_q"}, {weight_k, "weight_k"}, {weight_v, "weight_v"}});
+                {{"input", input}, {"weight_q", weight_q}, {"weight_k", weight_k}, {"weight_v", weight_v}});
   return recorded_call("vorel_qkv_forward", input, [&] {
     return forward_qkv_body(input, weight_q, weight_k, weight_v, {}, position_ids, cache_k, cache_v, src_0_qtype,
                             src_0_vtype, kv_seq_len, head_size, rope_base);
@@ -71,7 +65,7 @@ std::vector<at::Tensor> linear_xpu_qkv_bias(const at::Tensor& input, const at::T
                                             int32_t src_0_vtype, int64_t kv_seq_len, int64_t head_size,
                                             float rope_base) {
   check_tensors("linear_xpu_qkv_bias",
-                {{input, "input"}, {weight_q, "weight_q"}, {weight_k, "weight_k"}, {weight_v, "weight_v"}});
+                {{"input", input}, {"weight_q", weight_q}, {"weight_k", weight_k}, {"weight_v", weight_v}});
   return recorded_call("vorel_qkv_bias_forward", input, [&] {
     return forward_qkv_body(input, weight_q, weight_k, weight_v, {bias_q, bias_k, bias_v}, position_ids, cache_k,
                             cache_v, src_0_qtype, src_0_vtype, kv_seq_len, head_size, rope_base);
@@ -81,7 +75,7 @@ std::vector<at::Tensor> linear_xpu_qkv_bias(const at::Tensor& input, const at::T
 std::vector<at::Tensor> linear_xpu_qk(const at::Tensor& input, const at::Tensor& weight_q, const at::Tensor& weight_k,
                                       const at::Tensor& position_ids, const at::Tensor& cache_k, int32_t src_0_qtype,
                                       int64_t kv_seq_len, int64_t head_size, float rope_base) {
-  check_tensors("linear_xpu_qk", {{input, "input"}, {weight_q, "weight_q"}, {weight_k, "weight_k"}});
+  check_tensors("linear_xpu_qk", {{"input", input}, {"weight_q", weight_q}, {"weight_k", weight_k}});
   return recorded_call("vorel_qk_forward", input, [&] {
     return forward_qk_body(input, weight_q, weight_k, position_ids, cache_k, src_0_qtype, kv_seq_len, head_size,
                            rope_base);
@@ -89,18 +83,18 @@ std::vector<at::Tensor> linear_xpu_qk(const at::Tensor& input, const at::Tensor&
 }
 
 at::Tensor dequant(const at::Tensor& input, const at::Tensor& weight, int32_t qtype) {
-  check_tensors("dequant", {{input, "input"}, {weight, "weight"}});
+  check_tensors("dequant", {{"input", input}, {"weight", weight}});
   return recorded_call("vorel_xpu_dequant", weight, [&] { return dequant_body(input, weight, qtype); });
 }
 
 at::Tensor bmm(const at::Tensor& a, const at::Tensor& b, const at::Tensor& c) {
-  check_tensors("bmm", {{a, "A"}, {b, "B"}, {c, "C"}});
+  check_tensors("bmm", {{"A", a}, {"B", b}, {"C", c}});
   return recorded_call("vorel_bmm", a, [&] { return bmm_xpu(a, b, c); });
 }
 
 at::Tensor dequantize_rows(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t state_size,
                            int64_t output_size) {
-  check_tensors("dequantize_rows", {{input, "input"}, {weight, "weight"}});
+  check_tensors("dequantize_rows", {{"input", input}, {"weight", weight}});
   return recorded_call("vorel_dequantize_rows", input,
                        [&] { return dequantize_rows_body(input, weight, qtype, state_size, output_size); });
 }

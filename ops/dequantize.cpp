@@ -7,6 +7,7 @@
 #include <string>
 
 #include "formats/registry.hpp"
+#include "module/frame/argument.hpp"
 #include "module/frame/device_class.hpp"
 #include "module/frame/dispatch.hpp"
 #include "ops/expand_general.hpp"
@@ -14,15 +15,6 @@
 
 namespace corvane {
 namespace {
-
-void check_weight(const at::Tensor& weight, const origin& where) {
-  if (weight.dim() < 1) fail(where, "weight must have at least one dimension");
-  if (weight.scalar_type() != c10::ScalarType::Byte) {
-    fail(where, std::string("weight must be unsigned bytes, found ") + c10::toString(weight.scalar_type()));
-  }
-  // Dimensions after the first are not looked at; one of size 0 would leave the first without data.
-  if (weight.numel() < weight.size(0)) fail(where, "weight must not have an empty dimension behind the first");
-}
 
 // The formats that dequant has a kernel for.
 constexpr bool dequant_expands(int32_t qtype) {
@@ -84,7 +76,7 @@ at::Tensor dequant_body(const at::Tensor& input, const at::Tensor& weight, int32
   constexpr origin here{"linear_xpu", "dequant"};
   check_format(qtype, here);
   if (input.dim() < 2) fail(here, "input must have two dimensions, found " + std::to_string(input.dim()));
-  check_weight(weight, here);
+  check_packed({"weight", weight}, here);
   const int64_t state_size = input.size(1);
   const int64_t output_size = derive_output_size(weight.size(0), state_size, qtype, here);
 
@@ -101,7 +93,7 @@ at::Tensor dequantize_rows_body(const at::Tensor& input, const at::Tensor& weigh
                                 int64_t output_size) {
   check_format(qtype, rows_here);
   if (input.dim() != 2) fail(rows_here, "input must have two dimensions, found " + std::to_string(input.dim()));
-  check_weight(weight, rows_here);
+  check_packed({"weight", weight}, rows_here);
   constexpr int64_t most = std::numeric_limits<int32_t>::max();
   if (state_size < 0 || output_size < 0 || state_size > most || output_size > most) {
     fail(rows_here, "state_size and output_size must lie in 0 to 2147483647, found " + std::to_string(state_size) +

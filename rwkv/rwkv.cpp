@@ -5,7 +5,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "module/frame/check.hpp"
+#include "module/frame/argument.hpp"
 #include "rwkv/kernels.hpp"
 
 namespace corvane {
@@ -14,17 +14,7 @@ namespace {
 constexpr unsigned head_size = 64, attention_group = 32, shift_group = 64;
 constexpr unsigned attention_sub_group = 16, shift_sub_group = 32;
 
-// An argument under the name that messages give it.
-struct argument {
-  const char* name;
-  const at::Tensor& tensor;
-};
-
 // The conditions without which a kernel would read or write beyond a tensor. They come after the operator's own checks.
-
-void check_on_device(const argument& a, const origin& where) {
-  if (!a.tensor.is_xpu()) fail(where, std::string(a.name) + " must be a XPU tensor");
-}
 
 void check_sizes(const argument& a, at::IntArrayRef needed, const origin& where) {
   if (a.tensor.sizes() == needed) return;
@@ -34,15 +24,15 @@ void check_sizes(const argument& a, at::IntArrayRef needed, const origin& where)
 }
 
 void check_dense(const argument& a, at::IntArrayRef needed, const origin& where) {
-  check_on_device(a, where);
+  check_on_xpu(a, where);
   check_sizes(a, needed, where);
-  if (!a.tensor.is_contiguous()) fail(where, std::string(a.name) + " must be contiguous");
+  check_contiguous(a, where);
 }
 
 // Receptance and value are read with the strides of key. Their own are not asked: but where key's lead, there has to be
 // memory.
 void check_reach(const argument& a, const at::Tensor& key, const origin& where) {
-  check_on_device(a, where);
+  check_on_xpu(a, where);
   check_sizes(a, key.sizes(), where);
   if (key.numel() == 0) return;
   int64_t last = a.tensor.storage_offset();
@@ -121,7 +111,7 @@ at::Tensor rwkv_linear_attention_v5(at::Tensor time_decay, at::Tensor time_first
 
   check_dense({"time_decay", time_decay}, {heads, head_dim}, where);
   check_dense({"time_first", time_first}, {heads, head_dim}, where);
-  check_on_device({"key", key}, where);
+  check_on_xpu({"key", key}, where);
   if (key.numel() != 0 && key.stride(3) != 1) {
     fail(where, "key must be dense along its last axis, found the stride " + std::to_string(key.stride(3)));
   }
@@ -153,7 +143,7 @@ at::Tensor rwkv_time_shift(at::Tensor hidden, at::Tensor shifted, at::Tensor mix
     using T = decltype(element);
     check_hidden_size(hidden_size, shift_group, "rwkv_time_shift_kernel");
 
-    check_on_device({"hidden", hidden}, where);
+    check_on_xpu({"hidden", hidden}, where);
     check_dense({"shifted", shifted}, hidden.sizes(), where);
     check_dense({"mix", mix}, {mixes, 1, hidden_size}, where);
     rwkv_time_shift_kernel<T, shift_group, shift_sub_group>(hidden.data_ptr<T>(), shifted.data_ptr<T>(),
