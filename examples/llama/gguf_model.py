@@ -150,11 +150,8 @@ class GgufModel:
 
     def vector(self, name: str) -> NDArray[np.float32]:
         """The weights of a norm, float32 (hidden,)."""
-        return self.stored_vector(name).astype(np.float32)
-
-    def stored_vector(self, name: str) -> NDArray:
         try:
-            return np.asarray(self._tensors[name + ".weight"].data).reshape(-1)
+            return np.asarray(self._tensors[name + ".weight"].data).reshape(-1).astype(np.float32)
         except KeyError:
             raise ModelError(f"{self.path}: has no tensor {name}.weight") from None
 
