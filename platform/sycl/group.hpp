@@ -83,17 +83,6 @@ class local_array {
 template <class T, std::size_t Items>
 using per_item = local_array<T, Items>;
 
-// combine() over the sub-group of `width` items by exchange with lane XOR mask, halving; every item ends with the
-// result.
-template <class T, std::size_t Items, class Combine>
-void xor_exchange(per_item<T, Items>& value, unsigned width, const Combine& combine) {
-  for (unsigned mask = width / 2; mask != 0; mask /= 2) {
-    T before[Items];
-    std::memcpy(before, value.data(), sizeof(before));
-    for (std::size_t t = 0; t < Items; ++t) value[t] = combine(before[t], before[t ^ mask]);
-  }
-}
-
 // The work-groups of a launch, in pieces over all cores. The last dimension runs fastest, which is good for the caches
 // and nothing that a kernel may rely on.
 template <int D, class Kernel>

@@ -107,41 +107,6 @@ TEST_P(order_check, every_group_and_item_runs_once_and_out_of_order) {
   EXPECT_EQ(groups_of_a_launch(0), natural(0));
 }
 
-TEST_P(order_check, every_item_of_a_basic_range_runs_once) {
-  std::vector<std::atomic<int>> seen(5 * 6 * 7);
-  std::vector<size_t> first;
-  std::mutex mutex;
-  sycl::queue queue(0);
-  queue.submit(
-      [&](sycl::handler& h) {
-        h.parallel_for(sycl::range3{5, 6, 7}, sycl::range3{1, 4, 2}, [&](const sycl::item_box& box) {
-          const std::lock_guard<std::mutex> lock(mutex);
-          first.push_back((box.begin[0] * 6 + box.begin[1]) * 7 + box.begin[2]);
-          for (size_t i = box.begin[0]; i < box.end[0]; ++i) {
-            for (size_t j = box.begin[1]; j < box.end[1]; ++j) {
-              for (size_t k = box.begin[2]; k < box.end[2]; ++k) ++seen[(i * 6 + j) * 7 + k];
-            }
-          }
-        });
-      },
-      here);
-  for (const auto& count : seen) EXPECT_EQ(count, 1);
-  EXPECT_FALSE(std::is_sorted(first.begin(), first.end()));
-}
-
-TEST_P(order_check, every_group_of_a_block_kernel_runs_once) {
-  std::vector<std::atomic<int>> seen(70);
-  std::atomic<int> prepared{0};
-  const auto prepare = [&] { ++prepared; };
-  const auto kernel = [&](const sycl::group_block<1>& groups) {
-    EXPECT_GT(prepared, 0);
-    for (size_t i = 0; i < groups.count(0); ++i) ++seen[groups.first(0) + i];
-  };
-  sycl::run_groups(sycl::nd_range<1>{{70 * 8}, {8}},
-                   sycl::prepared_kernel{prepare, sycl::block_kernel<1, decltype(kernel)>{{4}, kernel}});
-  for (const auto& count : seen) EXPECT_EQ(count, 1);
-}
-
 TEST_P(order_check, a_missing_barrier_shows) {
   std::vector<int> right(items);
   for (size_t t = 1; t < items; ++t) right[t] = static_cast<int>(2 * t - 1);

@@ -134,47 +134,4 @@ TEST(queue, log_fills_between_begin_and_end_alone) {
   EXPECT_TRUE((*outer)[0]->local_size.empty());
 }
 
-TEST(group, ids_of_a_two_dimensional_launch) {
-  sycl::queue queue(0);
-  std::vector<std::atomic<int>> seen(6 * 4);
-  queue.submit(
-      [&](sycl::handler& h) {
-        h.parallel_for(sycl::nd_range<2>{{12, 4}, {2, 1}}, sycl::sub_group_size{}, [&](const sycl::group<2>& group) {
-          EXPECT_EQ(group.count(0), 6u);
-          EXPECT_EQ(group.count(1), 4u);
-          EXPECT_EQ(group.local(0), 2u);
-          ++seen[group.id(0) * 4 + group.id(1)];
-        });
-      },
-      here);
-  for (const auto& count : seen) EXPECT_EQ(count, 1);
-}
-
-TEST(group, empty_range_launches_nothing) {
-  sycl::queue queue(0);
-  queue.submit(
-      [&](sycl::handler& h) {
-        h.parallel_for(sycl::nd_range<1>{{0}, {32}}, sycl::sub_group_size{}, [](sycl::group<1>) { FAIL(); });
-      },
-      here);
-}
-
-TEST(group, a_phase_sees_all_of_the_phase_before) {
-  constexpr size_t items = 32;
-  const sycl::group<1> group({0}, {1}, {items});
-  sycl::local_array<int, items> scratch(group);
-  sycl::per_item<int, items> mine(group);
-  group.for_each_item([&](uint32_t t) { scratch[t] = static_cast<int>(t); });
-  group.for_each_item([&](uint32_t t) { mine[t] = scratch[(t + 1) % items]; });
-  for (size_t t = 0; t < items; ++t) EXPECT_EQ(mine[t], static_cast<int>((t + 1) % items));
-}
-
-TEST(group, xor_exchange_gives_every_item_its_sub_groups_sum) {
-  const sycl::group<1> group({0}, {1}, {32});
-  sycl::per_item<int, 32> value(group);
-  group.for_each_item([&](uint32_t t) { value[t] = static_cast<int>(t); });
-  sycl::xor_exchange(value, 16, [](int a, int b) { return a + b; });
-  for (int t = 0; t < 32; ++t) EXPECT_EQ(value[t], t < 16 ? 120 : 376);
-}
-
 }  // namespace

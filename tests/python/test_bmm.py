@@ -72,9 +72,6 @@ def test_launch_goes_to_the_current_stream():
 
 
 REFUSALS = [
-    (torch.zeros(2, 3, 4), xpu(2, 4, 5), xpu(2, 3, 5), "A must be a XPU tensor"),
-    (xpu(2, 4, 3).transpose(1, 2), torch.zeros(2, 4, 5), xpu(2, 3, 5), "A must be contiguous"),
-    (xpu(2, 3, 4), xpu(2, 4, 5), xpu(5, 3, 2).transpose(0, 2), "C must be contiguous"),
     (xpu(3, 4), xpu(2, 4, 5), xpu(2, 3, 5), "Input tensors must have 3 dimensions"),
     (xpu(2, 3, 4), xpu(2, 5, 6), xpu(2, 3, 6), "Input tensors dimensions do not match for batch multiplication"),
     (xpu(1, 3, 4), xpu(2, 4, 6), xpu(2, 3, 6), "Input tensors dimensions do not match for batch multiplication"),

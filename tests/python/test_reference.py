@@ -7,19 +7,13 @@ from reference import forward, formats, fused, linear, paths
 from reference.rounding import add, bf16_bits, multiply, round_bf16, round_to
 
 
-def test_round_bf16_by_bits():
-    cases = {0x3F808000: 0x3F80, 0x3F818000: 0x3F82, 0x3F808001: 0x3F81, 0x7F7FFFFF: 0x7F80, 0xFF800000: 0xFF80,
-             0x7F800001: 0x7FC0, 0xFFFFFFFF: 0x7FC0, 0x00008000: 0x0000, 0x00018000: 0x0002}  # fmt: skip
-    values = np.array(list(cases), dtype=np.uint32).view(np.float32)
-    assert list(bf16_bits(round_bf16(values))) == list(cases.values())
-
-
 def test_roundings_agree_with_the_framework():
     bits = np.random.default_rng(5).integers(0, 2**32, 200_000, dtype=np.uint64).astype(np.uint32)
     single = torch.from_numpy(bits.view(np.float32).copy())
     finite = ~torch.isnan(single)
     assert np.array_equal(round_bf16(single.numpy())[finite], single.to(torch.bfloat16).float().numpy()[finite])
     assert np.array_equal(round_to(single.numpy(), "half")[finite], single.to(torch.half).numpy()[finite])
+    assert set(bf16_bits(round_bf16(single.numpy()))[~finite]) == {0x7FC0}
 
 
 @pytest.mark.parametrize("dtype", ["half", "bfloat16"])
