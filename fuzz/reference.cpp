@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <iterator>
 #include <limits>
 
 #include "fuzz/byte_source.hpp"
@@ -81,41 +80,21 @@ double six_bit_float(const uint8_t* low, const uint8_t* high, size_t e) {
 }  // namespace
 
 const format* format_of(int64_t qtype) {
-  static constexpr format none{nullptr, 0, 0};
-  static constexpr format all[] = {none,
-                                   none,
-                                   {"q4_0", 64, 34},
-                                   {"q4_1", 64, 36},
-                                   none,
-                                   none,
-                                   {"q5_0", 64, 44},
-                                   {"q5_1", 64, 44},
-                                   {"q8_0", 64, 68},
-                                   none,
-                                   {"nf4", 64, 34},
-                                   {"nf3", 64, 26},
-                                   none,
-                                   none,
-                                   none,
-                                   {"fp8_e4m3", 64, 68},
-                                   {"fp4", 64, 34},
-                                   none,
-                                   none,
-                                   {"fp8_e5m2", 64, 68},
-                                   none,
-                                   {"iq2_xxs", 256, 66},
-                                   none,
-                                   {"q2_k", 256, 84},
-                                   {"iq1_s", 256, 50},
-                                   none,
-                                   {"q6_k", 256, 210},
-                                   {"q4_k", 256, 148},
-                                   {"q5_k", 256, 176},
-                                   {"fp6", 64, 50},
-                                   {"fp6_k", 256, 210},
-                                   none};
-  static_assert(std::size(all) == 32);
-  return qtype >= 0 && qtype < 32 && all[qtype].name != nullptr ? &all[qtype] : nullptr;
+  struct entry {
+    int64_t id;
+    format is;
+  };
+  static constexpr entry all[] = {
+      {2, {"q4_0", 64, 34}},    {3, {"q4_1", 64, 36}},      {6, {"q5_0", 64, 44}},      {7, {"q5_1", 64, 44}},
+      {8, {"q8_0", 64, 68}},    {10, {"nf4", 64, 34}},      {11, {"nf3", 64, 26}},      {15, {"fp8_e4m3", 64, 68}},
+      {16, {"fp4", 64, 34}},    {19, {"fp8_e5m2", 64, 68}}, {21, {"iq2_xxs", 256, 66}}, {23, {"q2_k", 256, 84}},
+      {24, {"iq1_s", 256, 50}}, {26, {"q6_k", 256, 210}},   {27, {"q4_k", 256, 148}},   {28, {"q5_k", 256, 176}},
+      {29, {"fp6", 64, 50}},    {30, {"fp6_k", 256, 210}},
+  };
+  for (const entry& f : all) {
+    if (f.id == qtype) return &f.is;
+  }
+  return nullptr;
 }
 
 element decode(int32_t qtype, const uint8_t* weight, size_t blocks, size_t index, reading how) {

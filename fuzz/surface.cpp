@@ -64,37 +64,16 @@ environment set_environment(byte_source& source) {
 }
 
 void call(byte_source& source) {
-  const unsigned number = source.below(12);
+  using operator_call = void (*)(byte_source&);
+  constexpr operator_call others[] = {qkv,     qkv_bias, qk,         dequant,         bmm, mlp,
+                                      rwkv_v4, rwkv_v5,  time_shift, dequantize_rows, moe};
+  const unsigned number = source.below(1 + static_cast<unsigned>(std::size(others)));
   // Work-groups in a random order that follows from the input, or as they are numbered.
   const unsigned order = source.byte();
   host::set_order_check(order < 0x80 ? std::nullopt : std::optional<uint64_t>(order));
   const environment e = set_environment(source);
-  switch (number) {
-    case 0:
-      return forward_new(source, e);
-    case 1:
-      return qkv(source);
-    case 2:
-      return qkv_bias(source);
-    case 3:
-      return qk(source);
-    case 4:
-      return dequant(source);
-    case 5:
-      return bmm(source);
-    case 6:
-      return mlp(source);
-    case 7:
-      return rwkv_v4(source);
-    case 8:
-      return rwkv_v5(source);
-    case 9:
-      return time_shift(source);
-    case 10:
-      return dequantize_rows(source);
-    default:
-      return moe(source);
-  }
+  if (number == 0) return forward_new(source, e);
+  others[number - 1](source);
 }
 
 }  // namespace
