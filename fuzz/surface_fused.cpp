@@ -3,9 +3,9 @@
 #include <cmath>
 #include <optional>
 
+#include "frame/device_class.hpp"
 #include "fused/mlp.hpp"
 #include "fuzz/surface.hpp"
-#include "module/frame/device_class.hpp"
 #include "module/linear_xpu.hpp"
 
 namespace fuzz {

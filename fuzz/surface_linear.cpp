@@ -3,8 +3,8 @@
 #include <cmath>
 #include <sstream>
 
+#include "frame/device_class.hpp"
 #include "fuzz/surface.hpp"
-#include "module/frame/device_class.hpp"
 #include "module/linear_xpu.hpp"
 
 namespace fuzz {

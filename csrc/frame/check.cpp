@@ -1,0 +1,23 @@
+#include "frame/check.hpp"
+
+#include <c10/util/Exception.h>
+
+namespace corvane {
+
+void fail(const origin& where, const std::string& message) {
+  const std::string file = std::string(where.source) + ".cpp";
+  throw c10::Error({where.function, file.c_str(), 0}, message);
+}
+
+void check_multiple(uint64_t value, uint64_t of, const origin& where) {
+  if (value % of != 0) fail(where, std::to_string(value) + " must be a multiple of " + std::to_string(of));
+}
+
+void check_whole_blocks(uint64_t state_size, uint64_t block_elements, const origin& where) {
+  if (state_size % block_elements != 0) {
+    fail(where, "state_size " + std::to_string(state_size) + " must be a multiple of " +
+                    std::to_string(block_elements) + ", the elements of a block: a weight row has to begin on a block");
+  }
+}
+
+}  // namespace corvane
