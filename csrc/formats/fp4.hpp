@@ -12,4 +12,9 @@ namespace corvane {
 
 struct fp4_reader : two_planes<qtype_fp4, block_q4_0_qs, Half>, nibble_codes<fp4_values, false> {};
 
+template <>
+struct reader_for<qtype_fp4> {
+  using type = fp4_reader;
+};
+
 }  // namespace corvane

@@ -132,4 +132,9 @@ struct fp6_reader {
   }
 };
 
+template <>
+struct reader_for<qtype_fp6> {
+  using type = fp6_reader;
+};
+
 }  // namespace corvane

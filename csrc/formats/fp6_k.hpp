@@ -44,16 +44,10 @@ struct fp6_k_reader {
             plane(low_bytes + high_bytes + sizeof(block_fp6_k_scales))};
   }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) {
-    const raw at = fetch(p, unit);
-    sycl::prefetch(at.low);
-    sycl::prefetch(at.high);
-  }
-
   using raw = fp6_codes::raw;
   static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {
-    return {p.low + uint64_t{unit} * (low_bytes / detail::block_units),
-            p.high + uint64_t{unit} * (high_bytes / detail::block_units)};
+    return {p.low + uint64_t{unit} * (low_bytes / detail::super_block_units),
+            p.high + uint64_t{unit} * (high_bytes / detail::super_block_units)};
   }
 
   template <class T>
@@ -103,6 +97,11 @@ struct fp6_k_reader {
     sycl::prefetch(low + 64);
     sycl::prefetch(p.high + uint64_t{block} * high_bytes);
   }
+};
+
+template <>
+struct reader_for<qtype_fp6_k> {
+  using type = fp6_k_reader;
 };
 
 }  // namespace corvane

@@ -29,4 +29,9 @@ struct fp8_e4m3_reader : two_planes<qtype_fp8_e4m3, block_fp8_qs, float> {
   }
 };
 
+template <>
+struct reader_for<qtype_fp8_e4m3> {
+  using type = fp8_e4m3_reader;
+};
+
 }  // namespace corvane

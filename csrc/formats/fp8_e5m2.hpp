@@ -39,4 +39,13 @@ struct fp8_e5m2_reader : fp8_e5m2_scaled_reader {
   }
 };
 
+template <>
+struct reader_for<qtype_fp8_e5m2> {
+  using type = fp8_e5m2_reader;
+};
+template <>
+struct scaled_reader_for<qtype_fp8_e5m2> {
+  using type = fp8_e5m2_scaled_reader;
+};
+
 }  // namespace corvane

@@ -37,8 +37,6 @@ struct iq1_s_reader {
 
   static planes locate(const uint8_t* weight, uint64_t, uint64_t) { return {weight}; }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit).qs); }
-
   struct raw {
     const uint8_t* qs;  // 8 bytes, two groups'
     const uint8_t* qh;  // 4 bytes
@@ -102,6 +100,11 @@ struct iq1_s_reader {
   static CORVANE_INLINE const uint8_t* block(const planes& p, uint32_t unit) {
     return p.blocks + detail::block_of(unit) * sizeof(block_iq1_s);
   }
+};
+
+template <>
+struct reader_for<qtype_iq1_s> {
+  using type = iq1_s_reader;
 };
 
 }  // namespace corvane

@@ -44,8 +44,6 @@ struct iq2_xxs_reader {
 
   static planes locate(const uint8_t* weight, uint64_t, uint64_t) { return {weight}; }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
-
   using raw = const uint8_t*;  // two groups
   static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {
     return block(p, unit) + offsetof(block_iq2_xxs, qs) + 16 * detail::quarter_of(unit);
@@ -104,6 +102,11 @@ struct iq2_xxs_reader {
   static CORVANE_INLINE const uint8_t* block(const planes& p, uint32_t unit) {
     return p.blocks + detail::block_of(unit) * sizeof(block_iq2_xxs);
   }
+};
+
+template <>
+struct reader_for<qtype_iq2_xxs> {
+  using type = iq2_xxs_reader;
 };
 
 }  // namespace corvane

@@ -1,15 +1,5 @@
 // What the formats with super-blocks of 256 elements share: units within a block, and the product of a block's Half
 // scale with the small integer scales of its sub-blocks.
-//
-// The readers of q4_k, q5_k, q6_k and fp6_k have a second view of a block beside the units of reader.hpp: its 16 chunks
-// of 16 elements side by side, one to a lane. A chunk lies under one scale.
-//
-//   chunk_element(c, j)               which element of the block is element j of chunk c
-//   chunks, fetch_chunks(planes, b)   the codes of block b, as far as they are best unpacked together
-//   chunk_pair<T, n>(chunks)          codes of elements 2 n and 2 n + 1 of each chunk, unscaled, exact in T
-//   chunk_scale<T>(planes, b)         the scale of each chunk
-//   chunk_offset<T>(planes, b)        its offset, where there is one
-//   prefetch_block(planes, b)         hint that the codes of block b will be read
 #pragma once
 
 #include <bit>
@@ -20,11 +10,11 @@
 namespace corvane {
 namespace detail {
 
-constexpr unsigned block_elements = 256;
-constexpr unsigned block_units = 4;  // units of 64 elements in a super-block
+constexpr unsigned super_block_elements = 256;
+constexpr unsigned super_block_units = 4;  // units of 64 elements in a super-block
 
-CORVANE_INLINE uint64_t block_of(uint32_t unit) { return unit / block_units; }
-CORVANE_INLINE unsigned quarter_of(uint32_t unit) { return unit % block_units; }
+CORVANE_INLINE uint64_t block_of(uint32_t unit) { return unit / super_block_units; }
+CORVANE_INLINE unsigned quarter_of(uint32_t unit) { return unit % super_block_units; }
 
 // Four bytes as lanes 0 to 3, and again as lanes 4 to 7 and so on.
 CORVANE_INLINE sycl::i32x16 four_unsigned(const uint8_t* at) {

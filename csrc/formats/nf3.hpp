@@ -62,4 +62,9 @@ struct nf3_reader : two_planes<qtype_nf3, block_nf3_qs, Half> {
   }
 };
 
+template <>
+struct reader_for<qtype_nf3> {
+  using type = nf3_reader;
+};
+
 }  // namespace corvane

@@ -12,4 +12,9 @@ namespace corvane {
 
 struct nf4_reader : two_planes<qtype_nf4, block_q4_0_qs, Half>, nibble_codes<nf4_values, true> {};
 
+template <>
+struct reader_for<qtype_nf4> {
+  using type = nf4_reader;
+};
+
 }  // namespace corvane

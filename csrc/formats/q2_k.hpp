@@ -34,8 +34,6 @@ struct q2_k_reader {
 
   static planes locate(const uint8_t* weight, uint64_t, uint64_t) { return {weight}; }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit).qs); }
-
   struct raw {
     const uint8_t* qs;  // 32 bytes, a half block's
     int shift;          // of the unit's first codes
@@ -94,6 +92,11 @@ struct q2_k_reader {
     const uint8_t* scales = block(p, unit) + offsetof(block_q2_K, scales) + 4 * detail::quarter_of(unit);
     return sycl::splat(sycl::load_integer<int32_t>(scales)) >> place;
   }
+};
+
+template <>
+struct reader_for<qtype_q2_k> {
+  using type = q2_k_reader;
 };
 
 }  // namespace corvane

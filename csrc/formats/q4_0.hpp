@@ -14,4 +14,9 @@ inline constexpr std::array<float, 16> q4_0_values = {-8, -7, -6, -5, -4, -3, -2
 
 struct q4_0_reader : two_planes<qtype_q4_0, block_q4_0_qs, Half>, nibble_codes<q4_0_values, false> {};
 
+template <>
+struct reader_for<qtype_q4_0> {
+  using type = q4_0_reader;
+};
+
 }  // namespace corvane

@@ -62,4 +62,9 @@ struct q4_1_reader : nibble_codes<q4_1_values, false> {
   }
 };
 
+template <>
+struct reader_for<qtype_q4_1> {
+  using type = q4_1_reader;
+};
+
 }  // namespace corvane

@@ -42,11 +42,9 @@ struct q4_k_reader {
             weight + plane_offset(state_size, output_size, 256, sizeof(block_q4_K_qs) + sizeof(block_q4_K_scales))};
   }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
-
   using raw = const uint8_t*;  // two sub-blocks of 16 bytes
   static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {
-    return p.codes + uint64_t{unit} * (sizeof(block_q4_K_qs) / detail::block_units);
+    return p.codes + uint64_t{unit} * (sizeof(block_q4_K_qs) / detail::super_block_units);
   }
 
   template <class T>
@@ -126,6 +124,11 @@ struct q4_k_reader {
     const sycl::f32x16 d = detail::scale_and_minus_minimum(p.scales + block * sizeof(block_q4_K_d));
     return detail::product_in<T>(d, sycl::to_float(sub));
   }
+};
+
+template <>
+struct reader_for<qtype_q4_k> {
+  using type = q4_k_reader;
 };
 
 }  // namespace corvane

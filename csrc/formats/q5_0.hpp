@@ -1,84 +1,15 @@
-// q5_0 and q5_1: 5-bit codes, scale and (q5_1) offset inside the block of 64 elements. Interleaved.
-//
-//   byte 0    2    4            12               44
-//        | d  | m  | qh (8)     | qs (32)         |
-//
-//   qs[j]         | low four bits of element j + 32 | of element j |
-//                  7                              4   3           0
-//   bit e of qh   the fifth bit of element e
-//
-//   q5_0: y = (code - 16) * d, and m is not read;  q5_1: y = d * code + m
+// q5_0: 5-bit codes in interleaved blocks of 64 elements, y = (code - 16) * d. The layout: q5.hpp.
 #pragma once
 
-#include <cstddef>
-
-#include "formats/byte_table.hpp"
-#include "formats/reader.hpp"
+#include "formats/q5.hpp"
 
 namespace corvane {
 
-struct block_q5_1 {  // of q5_0 too
-  Half d;
-  Half m;
-  uint8_t qh[8];
-  uint8_t qs[32];
-};
-
-namespace detail {
-
-// Their readers decode to the weight itself: it is formed in float and converted to T once, so nothing is left to be
-// scaled (shared_scale is 0).
-template <int32_t Id>
-struct q5_reader {
-  static constexpr int32_t id = Id;
-  static constexpr unsigned shared_scale = 0;
-  static constexpr bool has_offset = false;
-  static_assert(sizeof(block_q5_1) == registry[id].block_bytes, "the struct is the block");
-
-  struct planes {
-    const uint8_t* blocks;
-  };
-
-  static planes locate(const uint8_t* weight, uint64_t, uint64_t) { return {weight}; }
-
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
-
-  using raw = const uint8_t*;
-  static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {
-    return p.blocks + uint64_t{unit} * sizeof(block_q5_1);
-  }
-
-  // A block has at most 32 different weights: they are made once, and a code looks its weight up. Making all
-  // 64 took 7.2 instead of 5.6 ns in Half, 8.6 instead of 6.8 in BFloat16, 2.7 instead of 2.4 in float.
-  template <class T>
-  static CORVANE_INLINE simd<T, 16> decode(raw block, unsigned v) {
-    static constexpr sycl::f32x16 nibble = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-    const sycl::f32x16 without_fifth = weights<T>(block, nibble), with_fifth = weights<T>(block, nibble + 16.0f);
-    const auto fifths = sycl::load_integer<uint32_t>(block + offsetof(block_q5_1, qh) + 2 * v);
-    const sycl::i32x16 fifth = sycl::multishift(fifths, fifth_from.value());
-    const sycl::i32x16 bytes = sycl::widen_u8(block + offsetof(block_q5_1, qs) + 16 * (v % 2));
-    const sycl::i32x16 nibbles = v < 2 ? bytes : bytes >> 4;
-    return simd<T, 16>::exact(sycl::lookup32(without_fifth, with_fifth, (fifth & 0x10) | (nibbles & ~0x10)));
-  }
-
- private:
-  // Bit n of a word to bit 4 of lane n.
-  static constexpr byte_table fifth_from = table_of_bytes([](unsigned t) { return t % 4 == 0 ? (t / 4 - 4) & 63 : 0; });
-
-  // Weights of 16 codes, in float and rounded to T.
-  template <class T>
-  static CORVANE_INLINE sycl::f32x16 weights(raw block, sycl::f32x16 code) {
-    using stored = std::conditional_t<std::is_same_v<T, double>, float, T>;
-    const sycl::f32x16 d = sycl::splat_half(block + offsetof(block_q5_1, d));
-    if constexpr (id == qtype_q5_0) return simd<stored, 16>::from_float((code - 16.0f) * d).r[0];
-    const sycl::f32x16 m = sycl::splat_half(block + offsetof(block_q5_1, m));
-    return simd<stored, 16>::from_float(d * code + m).r[0];
-  }
-};
-
-}  // namespace detail
-
 using q5_0_reader = detail::q5_reader<qtype_q5_0>;
-using q5_1_reader = detail::q5_reader<qtype_q5_1>;
+
+template <>
+struct reader_for<qtype_q5_0> {
+  using type = q5_0_reader;
+};
 
 }  // namespace corvane

@@ -38,8 +38,6 @@ struct q5_k_reader {
 
   static planes locate(const uint8_t* weight, uint64_t, uint64_t) { return {weight}; }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit).qs); }
-
   struct raw {
     const uint8_t* qs;  // 32 bytes
     const uint8_t* qh;  // 32 bytes, a block's
@@ -150,6 +148,11 @@ struct q5_k_reader {
   static CORVANE_INLINE const uint8_t* block(const planes& p, uint32_t unit) {
     return p.blocks + detail::block_of(unit) * sizeof(block_q5_K);
   }
+};
+
+template <>
+struct reader_for<qtype_q5_k> {
+  using type = q5_k_reader;
 };
 
 }  // namespace corvane

@@ -53,19 +53,13 @@ struct q6_k_reader {
     return {weight, plane(low_at), plane(sub_at), plane(sub_at + sizeof(block_q6_K_scales))};
   }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) {
-    const raw at = fetch(p, unit);
-    sycl::prefetch(at.low);
-    sycl::prefetch(at.high);
-  }
-
   struct raw {
     const uint8_t* low;   // 32 bytes, a unit's
     const uint8_t* high;  // 16 bytes
   };
   static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {
-    return {p.low + uint64_t{unit} * (sizeof(block_q6_K_ql) / detail::block_units),
-            p.high + uint64_t{unit} * (sizeof(block_q6_K_qh) / detail::block_units)};
+    return {p.low + uint64_t{unit} * (sizeof(block_q6_K_ql) / detail::super_block_units),
+            p.high + uint64_t{unit} * (sizeof(block_q6_K_qh) / detail::super_block_units)};
   }
 
  private:
@@ -130,6 +124,11 @@ struct q6_k_reader {
     sycl::prefetch(low + 64);
     sycl::prefetch(p.high + uint64_t{block} * sizeof(block_q6_K_qh));
   }
+};
+
+template <>
+struct reader_for<qtype_q6_k> {
+  using type = q6_k_reader;
 };
 
 }  // namespace corvane

@@ -19,4 +19,9 @@ struct q8_0_reader : two_planes<qtype_q8_0, block_fp8_qs, float> {
   }
 };
 
+template <>
+struct reader_for<qtype_q8_0> {
+  using type = q8_0_reader;
+};
+
 }  // namespace corvane

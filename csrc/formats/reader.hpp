@@ -1,38 +1,11 @@
-// What a reader of a format is: the bytes of 64 consecutive elements become lanes, here and nowhere else.
+// What a reader of a format is: the one place that knows where the format's bytes lie and what they mean.
 //
 // Weight rows are walked in units of 64 elements, numbered through the whole matrix (unit = flat element / 64). A
-// reader is a struct of static functions and constants:
-//
-//   id                          qtype of the format
-//   shared_scale                elements under one scale: 64, 32 or 16; 0: decode gives the weight, nothing scales it
-//   has_offset                  y = scale * code + offset, instead of y = scale * code
-//   planes                      where the parts of a packed tensor begin
-//   locate(weight, K, N)        planes of a tensor
-//   prefetch(planes, unit)      hint that the unit's codes will be read
-//   prefetch_scales(planes, unit)   hint that the scales of 16 units from `unit` on will, where a unit has one
-//   raw, fetch(planes, unit)    a unit's codes, as far as they are best unpacked 64 at a time
-//   decode<T>(raw, v)           codes of elements 16v to 16v + 15 of the unit as T, unscaled, in element order; v < 4
-//   scale<T>(planes, unit, v)   their scale, in all lanes, where there is one
-//   offset<T>(planes, unit, v)  their offset, where there is one
-//   scales<T>(planes, unit, n), offsets<T>(planes, unit, n)   those of n <= 16 units from `unit` on, one to a lane, the
-//                               other lanes zero, where all 64 elements share them
-//
-// A format whose units, or halves of units, have at most sixteen different values each says so by three more functions,
-// for outputs of 16 bits, where a look-up of values beats decoding:
-//
-//   value_index(raw, h)               numbers of the values of elements 32 h to 32 h + 31 in the low four bits of 32
-//                                     words; h < 2
-//   value_codes<T>()                  code of value n in lane n
-//   value_scales<T>(planes, unit), value_offsets<T>(planes, unit)   its scale; its offset, where there is one. Left out
-//                               where the 32 elements share scale and offset: then the sixteen values are theirs
-//
-// A format of super-blocks of 256 elements may give all their scales in one register:
-//
-//   chunk_scale<T>(planes, block), chunk_offset<T>(planes, block)   those of elements 16 t to 16 t + 15 in lane t
-//
-// Decoded codes are exact in T: table entries are rounded to T where the table is made.
+// reader is a struct of static functions and constants; the concepts below say what it has to offer, and what some
+// offer beside it. readers.hpp asserts them for every format.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <type_traits>
 
@@ -53,6 +26,96 @@ using sycl::simd;
   M(BFloat16 __VA_OPT__(, ) __VA_ARGS__)
 
 constexpr unsigned unit_elements = 64;
+
+// The readers of a format, said beside them: its own, and the one that fused and systolic kernels use, where fp8_e5m2
+// differs.
+template <int32_t Id>
+struct reader_for;
+template <int32_t Id>
+using reader_of = typename reader_for<Id>::type;
+template <int32_t Id>
+struct scaled_reader_for : reader_for<Id> {};
+template <int32_t Id>
+using scaled_reader_of = typename scaled_reader_for<Id>::type;
+
+// Where the parts of a packed tensor begin, and the codes of a unit as 16 lanes at a time.
+template <class R>
+concept unit_reader = requires(const typename R::planes& planes, typename R::raw raw, uint32_t unit) {
+  { R::id } -> std::convertible_to<int32_t>;  // qtype of the format
+  {
+    R::shared_scale
+    } -> std::convertible_to<unsigned>;            // elements under one scale: 64, 32, 16; 0: decode gives the
+                                                   // weight itself, nothing scales it
+  { R::has_offset } -> std::convertible_to<bool>;  // y = scale * code + offset, not scale * code
+  { R::locate((const uint8_t*)nullptr, uint64_t{}, uint64_t{}) } -> std::same_as<typename R::planes>;  // weight, K, N
+  { R::fetch(planes, unit) } -> std::same_as<typename R::raw>;  // a unit's codes, as far as best unpacked together
+  {
+    R::template decode<float>(raw, 0U)
+    } -> std::same_as<simd<float, 16>>;  // elements 16 v to 16 v + 15, v < 4,
+                                         // unscaled; exact in T
+};
+
+// Scale (and offset) of elements 16 v to 16 v + 15 of a unit, in all lanes.
+template <class R>
+concept scaled_by_unit = unit_reader<R> && requires(const typename R::planes& planes, uint32_t unit) {
+  { R::template scale<float>(planes, unit, 0U) } -> std::same_as<simd<float, 16>>;
+};
+
+// One scale a unit, and those of up to 16 units from `unit` on, one to a lane, the other lanes zero.
+template <class R>
+concept one_scale_a_unit = scaled_by_unit<R> && requires(const typename R::planes& planes, uint32_t unit) {
+  R::prefetch(planes, unit);         // hint that the unit's codes will be read
+  R::prefetch_scales(planes, unit);  // hint that the scales of 16 units from `unit` on will
+  { R::template scales<float>(planes, unit, 1U) } -> std::same_as<simd<float, 16>>;
+};
+
+// What the row kernels that walk units take: no scale, or one a unit.
+template <class R>
+concept row_reader = unit_reader<R> &&(R::shared_scale == 0 || one_scale_a_unit<R>);
+
+// A format whose units, or halves of units, have at most sixteen different values each: for outputs of 16 bits a
+// look-up of values beats decoding.
+template <class R>
+concept few_values = unit_reader<R> && requires(typename R::raw raw) {
+  R::value_index(raw, 0U);           // numbers of the values of elements 32 h to 32 h + 31, in the low four bits
+  R::template value_codes<float>();  // code of value n in lane n
+};
+// With scales of their own for the sixteen values of a unit.
+template <class R>
+concept scales_by_value = few_values<R> && requires(const typename R::planes& planes, uint32_t unit) {
+  R::template value_scales<float>(planes, unit);
+  R::template value_offsets<float>(planes, unit);
+};
+
+// A format of super-blocks that gives all its scales in one register: lane t has that of elements 16 t to 16 t + 15.
+template <class R>
+concept scales_by_block = unit_reader<R> && requires(const typename R::planes& planes, uint32_t block) {
+  R::template chunk_scale<float>(planes, block);
+};
+
+// The second view of a super-block: its 16 chunks of 16 elements side by side, one to a lane, each under one scale.
+template <class R>
+concept chunk_reader = scales_by_block<R> &&
+    requires(const typename R::planes& planes, typename R::chunks chunks, uint32_t block) {
+  { R::chunk_element(0U, 0U) } -> std::same_as<unsigned>;  // which element of the block is element j of chunk c
+  { R::fetch_chunks(planes, block) } -> std::same_as<typename R::chunks>;
+  R::template chunk_pair<float, 0>(chunks);  // codes of elements 2 n and 2 n + 1 of each chunk, exact in T
+  R::prefetch_block(planes, block);          // hint that the codes of the block will be read
+};
+
+// A format of Halfs as they are.
+template <class R>
+concept plain_halves = unit_reader<R> && requires(typename R::raw raw) {
+  R::halves(raw, 0U);
+};
+
+// Codes and scales of a unit as bytes of two planes, for the systolic kernels, which turn them across columns.
+template <class R>
+concept systolic_reader = one_scale_a_unit<R> && requires(const typename R::planes& planes) {
+  { R::code_bytes } -> std::convertible_to<unsigned>;
+  typename R::scale_type;  // Half or float
+  planes.codes, planes.scales;
+};
 
 // Values of Half, converted to T: rounded where T is BFloat16.
 template <class T>

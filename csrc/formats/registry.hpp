@@ -8,13 +8,10 @@
 
 namespace corvane {
 
-enum class arrangement : uint8_t { none, planar, interleaved };
-
 struct format_info {
   const char* name = nullptr;  // null: the id names no format that an operator reads
   int32_t block_elements = 0;
   uint64_t block_bytes = 0;  // over all planes
-  arrangement layout = arrangement::none;
 };
 
 // Ids of the formats.
@@ -42,30 +39,28 @@ enum qtype : int32_t {
 namespace detail {
 
 constexpr std::array<format_info, 32> make_registry() {
-  constexpr auto planar = arrangement::planar;
-  constexpr auto interleaved = arrangement::interleaved;
   std::array<format_info, 32> t{};
-  t[qtype_q4_0] = {"q4_0", 64, 34, planar};
-  t[qtype_q4_1] = {"q4_1", 64, 36, planar};
-  t[qtype_q5_0] = {"q5_0", 64, 44, interleaved};
-  t[qtype_q5_1] = {"q5_1", 64, 44, interleaved};
-  t[qtype_q8_0] = {"q8_0", 64, 68, planar};
+  t[qtype_q4_0] = {"q4_0", 64, 34};
+  t[qtype_q4_1] = {"q4_1", 64, 36};
+  t[qtype_q5_0] = {"q5_0", 64, 44};
+  t[qtype_q5_1] = {"q5_1", 64, 44};
+  t[qtype_q8_0] = {"q8_0", 64, 68};
   t[9] = {nullptr, 32, 36};  // sizes of an activation block; no weight format
-  t[qtype_nf4] = {"nf4", 64, 34, planar};
-  t[qtype_nf3] = {"nf3", 64, 26, planar};
-  t[qtype_fp8_e4m3] = {"fp8_e4m3", 64, 68, planar};
-  t[qtype_fp4] = {"fp4", 64, 34, planar};
-  t[qtype_fp8_e5m2] = {"fp8_e5m2", 64, 68, planar};
-  t[qtype_iq2_xxs] = {"iq2_xxs", 256, 66, interleaved};
+  t[qtype_nf4] = {"nf4", 64, 34};
+  t[qtype_nf3] = {"nf3", 64, 26};
+  t[qtype_fp8_e4m3] = {"fp8_e4m3", 64, 68};
+  t[qtype_fp4] = {"fp4", 64, 34};
+  t[qtype_fp8_e5m2] = {"fp8_e5m2", 64, 68};
+  t[qtype_iq2_xxs] = {"iq2_xxs", 256, 66};
   t[22] = {nullptr, 256, 74};  // sizes only
-  t[qtype_q2_k] = {"q2_k", 256, 84, interleaved};
-  t[qtype_iq1_s] = {"iq1_s", 256, 50, interleaved};
+  t[qtype_q2_k] = {"q2_k", 256, 84};
+  t[qtype_iq1_s] = {"iq1_s", 256, 50};
   t[25] = {nullptr, 256, 56};  // sizes only
-  t[qtype_q6_k] = {"q6_k", 256, 210, planar};
-  t[qtype_q4_k] = {"q4_k", 256, 148, planar};
-  t[qtype_q5_k] = {"q5_k", 256, 176, interleaved};
-  t[qtype_fp6] = {"fp6", 64, 50, planar};
-  t[qtype_fp6_k] = {"fp6_k", 256, 210, planar};
+  t[qtype_q6_k] = {"q6_k", 256, 210};
+  t[qtype_q4_k] = {"q4_k", 256, 148};
+  t[qtype_q5_k] = {"q5_k", 256, 176};
+  t[qtype_fp6] = {"fp6", 64, 50};
+  t[qtype_fp6_k] = {"fp6_k", 256, 210};
   return t;
 }
 

@@ -12,6 +12,8 @@ struct two_planes {
   static constexpr int32_t id = Id;
   static constexpr unsigned shared_scale = 64;
   static constexpr bool has_offset = false;
+  static constexpr unsigned code_bytes = sizeof(Codes);
+  using scale_type = Scale;
   static_assert(sizeof(Codes) + sizeof(Scale) == registry[id].block_bytes, "planes make up the block");
 
   struct planes {

@@ -12,6 +12,9 @@ enum class host_wait { no, yes };
 
 constexpr const char* default_label = "lumen_kernel";
 
+// Source stem of the linear and expansion kernels.
+constexpr const char* linear_source = "linear_xpu_kernel";
+
 // Queue behind the framework's current stream of the device; fails as the framework does when the device has no guard.
 sycl::queue& current_queue(c10::Device device);
 

@@ -3,7 +3,6 @@
 #include <ATen/ops/empty.h>
 #include <ATen/record_function.h>
 
-#include <array>
 #include <string>
 
 #include "frame/device_class.hpp"
@@ -50,90 +49,28 @@ void check_tensors(const mlp_call& call, int32_t id, const origin& where) {
   }
 }
 
-// `Kernel` states the facts of its kernel, and launches it on an input row.
-template <class Kernel>
+template <int32_t Id>
 at::Tensor launch_mlp(const mlp_call& call) {
+  constexpr const mlp_support& offers = support[Id].mlp;
+  const kernel_launch how{offers.kernel.name, offers.kernel.sizes(device_class.fused_mlp)};
+  const origin where{mlp_source, how.name};
   at::Tensor output =
       at::empty({1, call.output_size}, at::TensorOptions().device(call.first.device()).dtype(call.input.scalar_type()));
-  const origin where{mlp_source, Kernel::facts.name};
-  dispatch_floating(call.input.scalar_type(), Kernel::facts.label, where, [&](auto tag) {
+  dispatch_floating(call.input.scalar_type(), offers.dispatch_label, where, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    check_multiple(call.state_size, Kernel::facts.sub_blk_h, where);
-    check_tensors(call, Kernel::facts.id, where);
+    check_multiple(call.state_size, offers.multiple, where);
+    check_tensors(call, Id, where);
     const mlp_arguments<T> arguments{
         call.first.data_ptr<uint8_t>(),         call.second.data_ptr<uint8_t>(),         output.data_ptr<T>(),
         static_cast<uint64_t>(call.state_size), static_cast<uint64_t>(call.output_size), call.activation};
-    Kernel::template launch<T>(call.input, arguments);
+    if constexpr (takes_eight_bit_input(support[Id])) {
+      const at::Tensor blocks = quantised_row<T>(call.input, arguments.state_size);
+      gated_mlp<Id>(how, blocks.data_ptr<uint8_t>(), arguments, call.input.device());
+    } else {
+      gated_mlp<Id>(how, call.input.data_ptr<T>(), arguments, call.input.device());
+    }
   });
   return output;
-}
-
-template <unsigned SG, unsigned WG, unsigned ROWS>
-struct q4_0_kernel {
-  static constexpr mlp_kernel facts = mlp_q4_0;
-  template <class T>
-  static void launch(const at::Tensor& input, const mlp_arguments<T>& a) {
-    mlp_forward_q4_0_kernel<T, SG, WG, ROWS>(input.data_ptr<T>(), a, input.device());
-  }
-};
-
-template <unsigned SG, unsigned WG>
-struct fp4_kernel {
-  static constexpr mlp_kernel facts = mlp_fp4;
-  template <class T>
-  static void launch(const at::Tensor& input, const mlp_arguments<T>& a) {
-    mlp_forward_fp4_kernel<T, SG, WG>(input.data_ptr<T>(), a, input.device());
-  }
-};
-
-template <unsigned SG, unsigned WG>
-struct fp8_e5m2_kernel {
-  static constexpr mlp_kernel facts = mlp_fp8_e5m2;
-  template <class T>
-  static void launch(const at::Tensor& input, const mlp_arguments<T>& a) {
-    mlp_forward_fp8_e5m2_kernel<T, SG, WG>(input.data_ptr<T>(), a, input.device());
-  }
-};
-
-template <unsigned SG, unsigned WG, unsigned ROWS>
-struct fp6_kernel {
-  static constexpr mlp_kernel facts = mlp_fp6;
-  template <class T>
-  static void launch(const at::Tensor& input, const mlp_arguments<T>& a) {
-    mlp_forward_fp6_kernel<T, SG, WG, ROWS>(input.data_ptr<T>(), a, input.device());
-  }
-};
-
-struct iq2_xxs_kernel {
-  static constexpr mlp_kernel facts = mlp_iq2_xxs;
-  template <class T>
-  static void launch(const at::Tensor& input, const mlp_arguments<T>& a) {
-    const at::Tensor blocks = quantised_row<T>(input, a.state_size);
-    mlp_forward_iq2_xxs_kernel<T>(blocks.data_ptr<uint8_t>(), a, input.device());
-  }
-};
-
-// Indexed by qtype; null: no kernel.
-using mlp_table = std::array<at::Tensor (*)(const mlp_call&), 32>;
-
-template <unsigned SG, unsigned WG, unsigned ROWS, bool IQ2_XXS>
-constexpr mlp_table make_table() {
-  mlp_table t{};
-  t[qtype_q4_0] = launch_mlp<q4_0_kernel<SG, WG, ROWS>>;
-  t[qtype_fp4] = launch_mlp<fp4_kernel<SG, WG>>;
-  t[qtype_fp8_e5m2] = launch_mlp<fp8_e5m2_kernel<SG, WG>>;
-  if (IQ2_XXS) t[qtype_iq2_xxs] = launch_mlp<iq2_xxs_kernel>;
-  t[qtype_fp6] = launch_mlp<fp6_kernel<SG, WG, ROWS>>;
-  return t;
-}
-
-constexpr mlp_table table_class0 = make_table<32, 64, 2, true>();
-constexpr mlp_table table_class5 = make_table<16, 32, 8, true>();
-constexpr mlp_table table_other = make_table<16, 32, 2, false>();
-
-const mlp_table& table_for(uint8_t device) {
-  if (device == 5) return table_class5;
-  return device == 0 ? table_class0 : table_other;
 }
 
 }  // namespace
@@ -142,15 +79,18 @@ at::Tensor mlp_forward_xpu(at::Tensor input, at::Tensor first, at::Tensor second
                            int64_t state_size, int64_t output_size, int64_t activation, int32_t qtype) {
   RECORD_FUNCTION("mlp_forward", std::vector<c10::IValue>({input}));
   check_format(qtype, here);
-  const auto handler = table_for(device_class.fused_mlp)[qtype];
-  if (handler == nullptr) {
+  if (!support[qtype].mlp.kernel.on(device_class.fused_mlp)) {
     fail(here, "no kernel for qtype " + std::to_string(qtype) + " (" + registry[qtype].name + ") on device class " +
                    std::to_string(device_class.fused_mlp));
   }
   check(batch_size == 1, here, "batch_size == 1");
   check_sizes(state_size, output_size);
-  return handler(
-      {input, first, second, state_size, output_size, activation == 0 ? mlp_activation::silu : mlp_activation::tanh});
+  const mlp_call call{input,      first,       second,
+                      state_size, output_size, activation == 0 ? mlp_activation::silu : mlp_activation::tanh};
+  at::Tensor result;
+  constexpr auto has_mlp = [](const format_support& s) { return s.mlp.kernel.name != nullptr; };
+  with_format<has_mlp>(qtype, [&](auto id) { result = launch_mlp<id>(call); });
+  return result;
 }
 
 }  // namespace corvane

@@ -36,9 +36,10 @@ struct projection_call {
   std::array<at::Tensor, Matrices> outputs{};  // the query, and the longer views of the caches
 };
 
-// Indexed by qtype; null: no kernel.
 template <unsigned Matrices>
-using projection_table = std::array<void (*)(const projection_call<Matrices>&), 32>;
+constexpr const projection_support& projection_of(const format_support& s) {
+  return Matrices == 3 ? s.qkv : s.qk;
+}
 
 // Everything below divides by these sizes or builds on them.
 template <unsigned Matrices>
@@ -72,9 +73,10 @@ void check_bias(const argument& bias, int64_t rows, c10::Device device, const or
 
 // What the kernel takes for granted of the memory that it reads and writes.
 template <unsigned Matrices>
-void check_memory(const projection_call<Matrices>& call, const projection_kernel& facts, bool with_bias,
-                  const origin& where) {
-  check_whole_blocks(call.state_size, registry[facts.id].block_elements, where);
+void check_memory(const projection_call<Matrices>& call, int32_t id, bool with_bias, const origin& where) {
+  const int32_t own_value_format = projection_of<Matrices>(support[id]).value_format;
+  const int32_t value_id = own_value_format != 0 ? own_value_format : id;
+  check_whole_blocks(call.state_size, registry[id].block_elements, where);
   const c10::Device device = call.weights[0].device();
   check_device({"input", call.input}, device, where);
   check_device({"position_ids", call.position_ids}, device, where);
@@ -82,7 +84,7 @@ void check_memory(const projection_call<Matrices>& call, const projection_kernel
   for (unsigned m = 0; m < Matrices; ++m) {
     const argument weight{weight_names[m], call.weights[m]};
     check_device(weight, device, where);
-    check_holds(weight, call.rows[m], call.state_size, m == value_matrix ? facts.value_id : facts.id, where);
+    check_holds(weight, call.rows[m], call.state_size, m == value_matrix ? value_id : id, where);
     if (with_bias) check_bias({bias_names[m], call.biases[m]}, call.rows[m], device, where);
     if (m == 0) continue;
     const argument cache{cache_names[m], call.caches[m]};
@@ -114,122 +116,42 @@ projection_arguments<T, Matrices> arguments_of(const projection_call<Matrices>& 
   return a;
 }
 
-// The entry of a kernel in a table: nothing is launched, and no cache touched, before every check has passed.
-template <class Kernel, unsigned Matrices>
+// Nothing is launched, and no cache touched, before every check has passed.
+template <int32_t Id, unsigned Matrices>
 void launch_projection(const projection_call<Matrices>& call) {
-  const origin where{projection_source, Kernel::facts.name};
-  const bool with_bias = Kernel::adds_bias && !call.biases.empty();
-  dispatch_floating(call.input.scalar_type(), Kernel::facts.name, where, [&](auto tag) {
+  constexpr const projection_support& offers = projection_of<Matrices>(support[Id]);
+  const kernel_launch how{offers.kernel.name, offers.kernel.sizes(device_class.fused_projections)};
+  const origin where{projection_source, how.name};
+  const bool with_bias = offers.adds_bias && !call.biases.empty();
+  dispatch_floating(call.input.scalar_type(), how.name, where, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    check_multiple(static_cast<uint64_t>(call.state_size), Kernel::facts.sub_blk_h, where);
+    check_multiple(static_cast<uint64_t>(call.state_size), offers.multiple, where);
     const auto arguments = arguments_of<T>(call, with_bias);
-    check_memory(call, Kernel::facts, with_bias, where);
-    if constexpr (Kernel::adds_bias) {
-      if (with_bias) return Kernel::template launch<T, true>(call.input, arguments);
+    check_memory(call, Id, with_bias, where);
+    if constexpr (takes_eight_bit_input(support[Id])) {
+      const at::Tensor blocks = quantised_row<T>(call.input, arguments.state_size);
+      project_row<Id>(how, blocks.data_ptr<uint8_t>(), arguments, call.input.device());
+    } else {
+      project_row<Id>(how, call.input.template data_ptr<T>(), arguments, call.input.device());
     }
-    Kernel::template launch<T, false>(call.input, arguments);
   });
 }
 
 template <unsigned Matrices>
-std::vector<at::Tensor> project(projection_call<Matrices> call, const projection_table<Matrices>& table,
-                                const origin& where) {
+std::vector<at::Tensor> project(projection_call<Matrices> call, const origin& where) {
   const int32_t qtype = call.qtypes[0];
   check_format(qtype, where);
-  if (table[qtype] == nullptr) {
+  if (!projection_of<Matrices>(support[qtype]).kernel.on(device_class.fused_projections)) {
     fail(where, "no kernel for qtype " + std::to_string(qtype) + " (" + registry[qtype].name + ")");
   }
   derive_sizes(call, where);
   for (unsigned m = 1; m < Matrices; ++m) call.outputs[m] = longer_view({cache_names[m], call.caches[m]}, where);
   call.outputs[0] = at::empty({1, call.rows[0] / call.head_size, 1, call.head_size},
                               at::TensorOptions().device(call.weights[0].device()).dtype(call.input.scalar_type()));
-  table[qtype](call);
+  constexpr auto has_kernel = [](const format_support& s) { return projection_of<Matrices>(s).kernel.name != nullptr; };
+  with_format<has_kernel>(qtype, [&](auto id) { launch_projection<id>(call); });
   return {call.outputs.begin(), call.outputs.end()};
 }
-
-// --- the kernels, and their tables --------------------------------------------------------------------------------
-
-template <unsigned SG, unsigned WG>
-struct q4_0_kernel {
-  static constexpr projection_kernel facts = q4_0_qkv;
-  static constexpr bool adds_bias = true;
-  template <class T, bool BIAS>
-  static void launch(const at::Tensor& input, const qkv_arguments<T>& a) {
-    qlinear_xpu_kernel_q4_0_2x16_qkv<T, SG, WG, BIAS>(input.data_ptr<T>(), a, input.device());
-  }
-};
-
-template <unsigned SG, unsigned WG>
-struct fp4_kernel {
-  static constexpr projection_kernel facts = fp4_qkv;
-  static constexpr bool adds_bias = true;
-  template <class T, bool BIAS>
-  static void launch(const at::Tensor& input, const qkv_arguments<T>& a) {
-    qlinear_xpu_kernel_fp4_2x16_qkv<T, SG, WG, BIAS>(input.data_ptr<T>(), a, input.device());
-  }
-};
-
-template <unsigned SG, unsigned WG>
-struct fp8_e5m2_kernel {
-  static constexpr projection_kernel facts = fp8_e5m2_qkv;
-  static constexpr bool adds_bias = true;
-  template <class T, bool BIAS>
-  static void launch(const at::Tensor& input, const qkv_arguments<T>& a) {
-    qlinear_xpu_kernel_fp8_e5m2_2x8_qkv<T, SG, WG, BIAS>(input.data_ptr<T>(), a, input.device());
-  }
-};
-
-struct fp6_kernel {
-  static constexpr projection_kernel facts = fp6_qkv;
-  static constexpr bool adds_bias = true;
-  template <class T, bool BIAS>
-  static void launch(const at::Tensor& input, const qkv_arguments<T>& a) {
-    qlinear_xpu_kernel_fp6_qkv<T, 32, 64, BIAS>(input.data_ptr<T>(), a, input.device());
-  }
-};
-
-// Biases are ignored.
-struct iq2_xxs_kernel {
-  static constexpr projection_kernel facts = iq2_xxs_qkv;
-  static constexpr bool adds_bias = false;
-  template <class T, bool>
-  static void launch(const at::Tensor& input, const qkv_arguments<T>& a) {
-    const at::Tensor blocks = quantised_row<T>(input, a.state_size);
-    qlinear_xpu_kernel_iq2_xxs_qkv<T, 32, 32>(blocks.data_ptr<uint8_t>(), a, input.device());
-  }
-};
-
-struct iq2_xxs_qk_kernel {
-  static constexpr projection_kernel facts = iq2_xxs_qk;
-  static constexpr bool adds_bias = false;
-  template <class T, bool>
-  static void launch(const at::Tensor& input, const projection_arguments<T, 2>& a) {
-    const at::Tensor blocks = quantised_row<T>(input, a.state_size);
-    qlinear_xpu_kernel_iq2_xxs_qk<T, 32, 32>(blocks.data_ptr<uint8_t>(), a, input.device());
-  }
-};
-
-template <unsigned SG, unsigned WG>
-constexpr projection_table<3> make_qkv_table() {
-  projection_table<3> t{};
-  t[qtype_q4_0] = launch_projection<q4_0_kernel<SG, WG>>;
-  t[qtype_fp4] = launch_projection<fp4_kernel<SG, WG>>;
-  t[qtype_fp8_e5m2] = launch_projection<fp8_e5m2_kernel<SG, WG>>;
-  t[qtype_iq2_xxs] = launch_projection<iq2_xxs_kernel>;
-  t[qtype_fp6] = launch_projection<fp6_kernel>;
-  return t;
-}
-
-constexpr projection_table<3> qkv_class0 = make_qkv_table<32, 64>();
-constexpr projection_table<3> qkv_other = make_qkv_table<16, 32>();
-
-constexpr projection_table<2> make_qk_table() {
-  projection_table<2> t{};
-  t[qtype_iq2_xxs] = launch_projection<iq2_xxs_qk_kernel>;
-  return t;
-}
-
-constexpr projection_table<2> qk_all_classes = make_qk_table();
 
 }  // namespace
 
@@ -247,7 +169,7 @@ std::vector<at::Tensor> forward_qkv_body(at::Tensor input, at::Tensor weight_q, 
                      kv_seq_len,
                      head_size,
                      rope_base},
-                    device_class.fused_projections == 0 ? qkv_class0 : qkv_other, where);
+                    where);
 }
 
 std::vector<at::Tensor> forward_qk_body(at::Tensor input, at::Tensor weight_q, at::Tensor weight_k,
@@ -262,7 +184,7 @@ std::vector<at::Tensor> forward_qk_body(at::Tensor input, at::Tensor weight_q, a
                      kv_seq_len,
                      head_size,
                      rope_base},
-                    qk_all_classes, {projection_source, "forward_qk"});
+                    {projection_source, "forward_qk"});
 }
 
 }  // namespace corvane

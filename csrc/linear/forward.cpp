@@ -6,9 +6,6 @@
 #include "frame/argument.hpp"
 #include "frame/device_class.hpp"
 #include "linear/launchers.hpp"
-#include "linear/path.hpp"
-#include "linear/policy.hpp"
-#include "sysdot/sysdot_forward.hpp"
 
 namespace corvane {
 namespace {
@@ -30,18 +27,13 @@ void check_arguments(const at::Tensor& input, const at::Tensor& weight, int32_t 
 
 at::Tensor linear_forward(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t row_hint) {
   check_arguments(input, weight, qtype);
-  const int64_t rows = input.size(0);
-  const int64_t state_size = input.size(1);
+  const int64_t rows = input.size(0), state_size = input.size(1);
   const int64_t output_size = derive_output_size(weight.size(0), state_size, qtype, here);
-
-  const uint8_t device = device_class.linear_forward;
   // Dimensions after the second are not looked at: what follows sees two.
   if (input.dim() > 2) input = input.as_strided({rows, state_size}, {state_size, 1});
-  const linear_call call{device, qtype, input.scalar_type(), rows, state_size, output_size, row_hint};
-  if (takes_systolic_path(call, systolic_allowed())) {
-    return sysdot_forward(input, weight, rows, state_size, output_size, qtype, systolic_is_wide(device));
-  }
-  return launchers_for(device)[qtype](input, weight, rows, state_size, output_size, row_hint);
+  const linear_call call{
+      device_class.linear_forward, qtype, input.scalar_type(), rows, state_size, output_size, row_hint};
+  return run_path(select_path(call), call, input, weight);
 }
 
 }  // namespace corvane

@@ -1,152 +1,145 @@
 #include "linear/launchers.hpp"
 
 #include <ATen/Functions.h>
+#include <ATen/TensorIndexing.h>
 
+#include <algorithm>
 #include <stdexcept>
+#include <string>
 
-#include "formats/registry.hpp"
-#include "frame/device_class.hpp"
 #include "frame/dispatch.hpp"
-#include "linear/expansion_path.hpp"
-#include "linear/one_row.hpp"
-#include "linear/path.hpp"
 #include "linear/quantised_row.hpp"
 #include "linear/small_batch.hpp"
+#include "ops/expansion.hpp"
+#include "sysdot/sysdot_forward.hpp"
 
 namespace corvane {
 namespace {
 
-constexpr origin here{"linear_xpu_kernel", "forward_new"};
+constexpr origin here{linear_source, "forward_new"};
 
-at::Tensor empty_result(const at::Tensor& input, const at::Tensor& weight, int64_t rows, int64_t output_size) {
-  return at::empty({rows, output_size}, weight.options().dtype(input.scalar_type()));
+at::Tensor empty_result(const linear_call& call, const at::Tensor& weight, int64_t rows, int64_t columns) {
+  return at::empty({rows, columns}, weight.options().dtype(call.dtype));
 }
 
-template <int32_t Id>
-at::Tensor one_quantised_row(const at::Tensor& input, const at::Tensor& weight, int64_t state_size,
-                             int64_t output_size) {
-  return dispatch_floating(input.scalar_type(), linear_dispatch_label, here, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    const at::Tensor activations = quantised_row<T>(input, static_cast<uint64_t>(state_size));
-    const auto* blocks = activations.data_ptr<uint8_t>();
-    at::Tensor output = empty_result(input, weight, 1, output_size);
-    const auto* bytes = weight.data_ptr<uint8_t>();
-    if constexpr (Id == qtype_iq2_xxs) {
-      qlinear_xpu_kernel_iq2_xxs_q8_1(bytes, blocks, output.data_ptr<T>(), 1, state_size, output_size, weight.device());
-    } else if constexpr (Id == qtype_q2_k) {
-      qlinear_xpu_kernel_q2_k_q8_1(bytes, blocks, output.data_ptr<T>(), 1, state_size, output_size, weight.device());
-    } else {
-      qlinear_xpu_kernel_iq1_s_q8_1(bytes, blocks, output.data_ptr<T>(), 1, state_size, output_size, weight.device());
-    }
-    return output;
-  });
+// f(type_tag<T>) for the call's element type.
+template <class F>
+void with_element_type(const linear_call& call, const F& f) {
+  dispatch_floating(call.dtype, linear_dispatch_label, here, f);
 }
 
-template <int32_t Id, unsigned SG, unsigned WG, unsigned Q4Rows>
-at::Tensor one_row(const at::Tensor& input, const at::Tensor& weight, int64_t state_size, int64_t output_size) {
-  if constexpr (quantises_input(Id)) {
-    return one_quantised_row<Id>(input, weight, state_size, output_size);
-  } else {
-    at::Tensor output = empty_result(input, weight, 1, output_size);
-    dispatch_floating(input.scalar_type(), linear_dispatch_label, here, [&](auto tag) {
-      using T = typename decltype(tag)::type;
-      one_row_kernel<Id, T, SG, WG, Q4Rows>(input.data_ptr<T>(), weight.data_ptr<uint8_t>(), output.data_ptr<T>(),
-                                            state_size, output_size, weight.device());
-    });
-    return output;
+at::Tensor multiply_one_row(const linear_call& call, const at::Tensor& input, const at::Tensor& weight) {
+  const sized_kernel& kernel = support[call.qtype].one_row.kernel;
+  const kernel_launch how{kernel.name, kernel.sizes(call.device_class)};
+  const auto k = static_cast<uint64_t>(call.state_size), n = static_cast<uint64_t>(call.output_size);
+  at::Tensor activations;
+  if (takes_eight_bit_input(support[call.qtype])) {
+    with_element_type(call, [&](auto tag) { activations = quantised_row<typename decltype(tag)::type>(input, k); });
   }
-}
-
-template <int32_t Id, unsigned SG, unsigned WG>
-at::Tensor small_batch(const at::Tensor& input, const at::Tensor& weight, int64_t rows, int64_t state_size,
-                       int64_t output_size) {
-  at::Tensor output = empty_result(input, weight, rows, output_size);
-  dispatch_floating(input.scalar_type(), linear_dispatch_label, here, [&](auto tag) {
+  at::Tensor output = empty_result(call, weight, 1, call.output_size);
+  with_element_type(call, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    const auto launch = [&](auto kernel) {
-      kernel(input.data_ptr<T>(), weight.data_ptr<uint8_t>(), output.data_ptr<T>(), rows, state_size, output_size,
-             weight.device());
-    };
-    if constexpr (Id == qtype_q4_0) {
-      launch(qlinear_xpu_kernel_q4_0_2x16_by_batch<T, SG, WG>);
-    } else {
-      launch(qlinear_xpu_kernel_nf4_2x16_batch<T, SG, WG>);
-    }
+    with_format<[](const format_support&) { return true; }>(call.qtype, [&](auto id) {
+      const auto run = [&](const auto* row) {
+        one_row<id, T>(how, row, weight.data_ptr<uint8_t>(), output.data_ptr<T>(), k, n, weight.device());
+      };
+      if constexpr (takes_eight_bit_input(support[id])) {
+        run(activations.data_ptr<uint8_t>());
+      } else {
+        run(input.data_ptr<T>());
+      }
+    });
   });
   return output;
 }
 
-// The launcher of a format: read the policy, take the path, run it.
-template <int32_t Id, unsigned SG, unsigned WG, unsigned Q4Rows>
-at::Tensor launch_format(const at::Tensor& input, const at::Tensor& weight, int64_t rows, int64_t state_size,
-                         int64_t output_size, int64_t row_hint) {
-  const tile_policy policy = reads_tile_policy(Id) ? read_tile_policy(Id) : tile_policy{};
-  const linear_call call{device_class.linear_forward, Id, input.scalar_type(), rows, state_size, output_size, row_hint};
-  const linear_path path = select_path(call, policy);
-  switch (path) {
-    case linear_path::matrix_vector:
-      return one_row<Id, SG, WG, Q4Rows>(input, weight, state_size, output_size);
-    case linear_path::small_batch:
-      if constexpr (Id == qtype_q4_0 || Id == qtype_nf4) {
-        return small_batch<Id, SG, WG>(input, weight, rows, state_size, output_size);
-      }
-      break;
-    case linear_path::tile:
-      return multiply_by_tiles(call, policy, input, weight);
-    case linear_path::fast_expansion:
-    case linear_path::general_expansion:
-    case linear_path::direct_expansion:
-      return expand_and_multiply(path, call, input, weight);
-    case linear_path::systolic:
-      break;  // taken before any launcher
-    case linear_path::refused:
-      throw std::runtime_error("Unsupported input dtype, only fp32 and fp16 are supported");
-  }
-  fail(here, "this path is not a launcher's");
+at::Tensor multiply_small_batch(const linear_call& call, const at::Tensor& input, const at::Tensor& weight) {
+  // Its sizes are those of one row, two weight rows to a group.
+  const launch_sizes sizes = sized_kernel{}.sizes(call.device_class);
+  at::Tensor output = empty_result(call, weight, call.rows, call.output_size);
+  with_element_type(call, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    constexpr auto has_kernel = [](const format_support& s) { return s.small_batch.kernel != nullptr; };
+    with_format<has_kernel>(call.qtype, [&](auto id) {
+      small_batch<id, T>({support[id].small_batch.kernel, sizes}, input.data_ptr<T>(), weight.data_ptr<uint8_t>(),
+                         output.data_ptr<T>(), call.rows, call.state_size, call.output_size, weight.device());
+    });
+  });
+  return output;
 }
 
-template <int32_t Id, unsigned SG, unsigned WG, unsigned Q4Rows>
-constexpr linear_launcher entry() {
-  if constexpr (same_on_all_classes(Id)) {
-    return launch_format<Id, 32, 32, 2>;
-  } else {
-    return launch_format < Id, SG, WG, Id == qtype_q4_0 ? Q4Rows : 2 > ;
+// An expansion writes whole blocks; a remainder would go into the product as it lay in memory.
+void check_blocks_fill_the_weight(const linear_call& call) {
+  const int32_t block = registry[call.qtype].block_elements;
+  if (call.state_size * call.output_size % block != 0) {
+    fail(here, "a weight of " + std::to_string(call.output_size) + " rows of state_size " +
+                   std::to_string(call.state_size) + " does not end with a block of " + std::to_string(block) +
+                   " elements");
   }
 }
 
-using formats_with_launcher =
-    std::integer_sequence<int32_t, qtype_q4_0, qtype_q4_1, qtype_q5_0, qtype_q5_1, qtype_q8_0, qtype_nf4, qtype_nf3,
-                          qtype_fp8_e4m3, qtype_fp4, qtype_fp8_e5m2, qtype_iq2_xxs, qtype_q2_k, qtype_iq1_s, qtype_q6_k,
-                          qtype_q4_k, qtype_q5_k, qtype_fp6, qtype_fp6_k>;
+packed_weight packed(const linear_call& call, const at::Tensor& weight) {
+  return {weight.data_ptr<uint8_t>(), static_cast<uint64_t>(call.state_size), static_cast<uint64_t>(call.output_size),
+          weight.device()};
+}
 
-template <int32_t... Id>
-constexpr bool are_all_formats(std::integer_sequence<int32_t, Id...>) {
-  for (int32_t id = 0; id < 32; ++id) {
-    if (((id == Id) || ...) != is_format(id)) return false;
+at::Tensor expand_and_multiply(linear_path path, const linear_call& call, const at::Tensor& input,
+                               const at::Tensor& weight) {
+  const bool explicit_simd = path == linear_path::explicit_simd_expansion;
+  at::Tensor expanded = empty_result(call, weight, call.output_size, call.state_size);
+  with_element_type(call, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    // Of the general family a kernel has its own word for other sizes of a row.
+    if (explicit_simd || call.state_size % 64 == 0) check_blocks_fill_the_weight(call);
+    if (explicit_simd) {
+      if constexpr (has_explicit_simd<T>)
+        expand_explicit_simd(call.qtype, packed(call, weight), expanded.data_ptr<T>());
+    } else {
+      expand_general(call.qtype, call.device_class, packed(call, weight), expanded.data_ptr<T>());
+    }
+  });
+  return at::linear(input, expanded);
+}
+
+at::Tensor multiply_by_tiles(uint64_t most_rows, const linear_call& call, const at::Tensor& input,
+                             const at::Tensor& weight) {
+  using at::indexing::Slice;
+  if (most_rows == 0) fail(here, "TILE_SIZE must be at least 1, found 0");
+  at::Tensor result = empty_result(call, weight, call.rows, call.output_size);
+  const auto step = static_cast<int64_t>(std::min<uint64_t>(most_rows, call.output_size));
+  for (int64_t first_row = 0; first_row < call.output_size; first_row += step) {
+    const int64_t rows = std::min(step, call.output_size - first_row);
+    at::Tensor tile = empty_result(call, weight, rows, call.state_size);
+    with_element_type(call, [&](auto tag) {
+      using T = typename decltype(tag)::type;
+      expand_tile(call.qtype, call.device_class, packed(call, weight), first_row, rows, tile.data_ptr<T>());
+    });
+    result.index_put_({Slice(), Slice(first_row, first_row + rows)}, at::linear(input, tile));
   }
-  return true;
+  return result;
 }
-static_assert(are_all_formats(formats_with_launcher{}), "exactly the formats have a launcher");
-
-template <unsigned SG, unsigned WG, unsigned Q4Rows>
-constexpr linear_table make_table() {
-  linear_table table{};
-  const auto set = [&]<int32_t... Id>(std::integer_sequence<int32_t, Id...>) {
-    ((table[Id] = entry<Id, SG, WG, Q4Rows>()), ...);
-  };
-  set(formats_with_launcher{});
-  return table;
-}
-
-constexpr linear_table launchers_class0 = make_table<32, 64, 2>();
-constexpr linear_table launchers_class5 = make_table<16, 32, 8>();
-constexpr linear_table launchers_other = make_table<16, 32, 2>();
 
 }  // namespace
 
-const linear_table& launchers_for(uint8_t device_class) {
-  if (device_class == 5) return launchers_class5;
-  return device_class == 0 ? launchers_class0 : launchers_other;
+at::Tensor run_path(const path_choice& choice, const linear_call& call, const at::Tensor& input,
+                    const at::Tensor& weight) {
+  switch (choice.path) {
+    case linear_path::systolic:
+      return sysdot_forward(input, weight, call.rows, call.state_size, call.output_size, call.qtype,
+                            /*wide=*/call.device_class == 0);
+    case linear_path::matrix_vector:
+      return multiply_one_row(call, input, weight);
+    case linear_path::small_batch:
+      return multiply_small_batch(call, input, weight);
+    case linear_path::tile:
+      return multiply_by_tiles(choice.tile_rows, call, input, weight);
+    case linear_path::explicit_simd_expansion:
+    case linear_path::general_expansion:
+      return expand_and_multiply(choice.path, call, input, weight);
+    case linear_path::refused:
+      break;
+  }
+  throw std::runtime_error("Unsupported input dtype, only fp32 and fp16 are supported");
 }
 
 }  // namespace corvane

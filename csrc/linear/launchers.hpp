@@ -1,19 +1,15 @@
-// The launcher tables of forward_new: one function per format and device-class group.
+// What a linear call does once its path is chosen.
 #pragma once
 
 #include <ATen/core/Tensor.h>
 
-#include <array>
-#include <cstdint>
+#include "linear/path.hpp"
 
 namespace corvane {
 
-using linear_launcher = at::Tensor (*)(const at::Tensor& input, const at::Tensor& weight, int64_t rows,
-                                       int64_t state_size, int64_t output_size, int64_t row_hint);
-
-// Indexed by qtype; null: the id names no format.
-using linear_table = std::array<linear_launcher, 32>;
-
-const linear_table& launchers_for(uint8_t device_class);
+// input (rows, state_size) of call.dtype, weight packed (output_size, state_size), both contiguous. Returns (rows,
+// output_size) in the input's dtype on the weight's device.
+at::Tensor run_path(const path_choice& choice, const linear_call& call, const at::Tensor& input,
+                    const at::Tensor& weight);
 
 }  // namespace corvane

@@ -10,14 +10,13 @@
 namespace corvane {
 
 enum class linear_path : uint8_t {
-  systolic,           // a few rows on the systolic unit, straight from the packed weight
-  matrix_vector,      // one row
-  small_batch,        // a few rows, two or four at a time
-  tile,               // the weight expanded tile by tile, one product a tile
-  fast_expansion,     // whole weight by the explicit-SIMD kernels, then one product
-  general_expansion,  // whole weight by dequant(), then one product
-  direct_expansion,   // whole weight by the format's own general kernel, then one product
-  refused,            // no expansion for this dtype or size
+  systolic,                 // a few rows on the systolic unit, straight from the packed weight
+  matrix_vector,            // one row
+  small_batch,              // a few rows, two or four at a time
+  tile,                     // the weight expanded tile by tile by the general family, one product a tile
+  explicit_simd_expansion,  // the whole weight by the explicit-SIMD family, then one product
+  general_expansion,        // the whole weight by the general family, then one product
+  refused,                  // no expansion for this dtype or size
 };
 
 struct linear_call {
@@ -30,16 +29,12 @@ struct linear_call {
   int64_t row_hint;
 };
 
-// The systolic test, which comes before any launcher.
-bool takes_systolic_path(const linear_call& call, bool allowed);
+struct path_choice {
+  linear_path path;
+  uint64_t tile_rows = 0;  // of the tile path: weight rows of a tile
+};
 
-// Column width of the systolic kernels on a class: 16 on class 0, else 8.
-constexpr bool systolic_is_wide(uint8_t device_class) { return device_class == 0; }
-
-// Whether the launcher of a format reads the tile variables.
-bool reads_tile_policy(int32_t qtype);
-
-// What a launcher does with a call that is not systolic.
-linear_path select_path(const linear_call& call, const tile_policy& policy);
+// The policy is asked for what the decision needs, when it needs it.
+path_choice select_path(const linear_call& call, const linear_policy& policy = {});
 
 }  // namespace corvane

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "formats/registry.hpp"
+#include "formats/support.hpp"
 
 namespace corvane {
 namespace {
@@ -35,7 +35,7 @@ bool systolic_allowed() {
 tile_policy read_tile_policy(int32_t qtype) {
   tile_policy policy;
   policy.threshold = read_number<long long>("TILE_THRESHOLD", std::stoll, "stoll").value_or(policy.threshold);
-  if (qtype == qtype_q4_0) {
+  if (support[qtype].tile.rule == tile_rule::low_memory) {
     policy.low_memory = read_number<long long>("TARN_LLM_LOW_MEM", std::stoll, "stoll").value_or(0) == 1;
   }
   policy.tile_rows = read_number<unsigned long long>("TILE_SIZE", std::stoull, "stoull").value_or(policy.tile_rows);

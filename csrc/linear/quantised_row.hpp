@@ -1,11 +1,11 @@
-// The input row of an operator as a tensor of 8-bit blocks, for the kernels of linear/q8_1.hpp and the fused ones of
-// iq2_xxs.
+// The input row of an operator as a tensor of 8-bit blocks, for the kernels that take it so.
 #pragma once
 
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
-#include "linear/q8_1.hpp"
+#include "formats/q8_1.hpp"
+#include "linear/kernels.hpp"
 
 namespace corvane {
 

@@ -1,5 +1,4 @@
-// Expansion on tensors: the bodies of the operators dequant and dequantize_rows, and whole-weight expansion into a
-// given tensor, by which the linear path reaches the explicit-SIMD kernels.
+// The bodies of the operators dequant and dequantize_rows, which show expansion and row look-up to callers.
 #pragma once
 
 #include <ATen/core/Tensor.h>
@@ -17,18 +16,5 @@ at::Tensor dequant_body(const at::Tensor& input, const at::Tensor& weight, int32
 // input: 64-bit row numbers (batch, sequence). The result of another format holds whatever its memory held.
 at::Tensor dequantize_rows_body(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t state_size,
                                 int64_t output_size);
-
-// Each fills `output`, (output_size, state_size) of float or Half, from the packed weight, and returns it. The number
-// of blocks must be a multiple of what a thread of the kernel expands (blocks_per_thread).
-at::Tensor dequantize_q4_0(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_q4_1(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_fp4(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_q8_0(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_fp8_e4m3(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_fp8_e5m2(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_fp6(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_fp6_k(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_q4_k(const at::Tensor& weight, at::Tensor output);
-at::Tensor dequantize_q6_k(const at::Tensor& weight, at::Tensor output);
 
 }  // namespace corvane

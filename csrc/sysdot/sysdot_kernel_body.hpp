@@ -1,22 +1,23 @@
-// The one body of all instances of sysdot_forward_kernel: 8 threads of a work-group share the K blocks of a tile of
-// 8 rows and N columns, each with sums in float, and add their results once, in RT, through local memory.
+// The body of sysdot_forward_kernel for an element type: 8 threads of a work-group share the K blocks of a tile of 8
+// rows and N columns, each with sums in float, and add their results once, in RT, through local memory.
 //
-// The host takes up to 8 row tiles of 32 columns together (a block of work-groups), so that a weight block is expanded
-// once for up to 64 rows and an input block is converted once for 32 columns.
+// The host takes up to 8 row tiles of 32 columns together (a cluster of work-groups), so that a weight block is
+// expanded once for up to 64 rows and an input block is converted once for 32 columns.
 #pragma once
 
 #include <algorithm>
 #include <cstring>
 
 #include "frame/launch.hpp"
+#include "platform/sycl/tuning.hpp"
 #include "sysdot/sysdot_kernel.hpp"
 #include "sysdot/tiles.hpp"
 
 namespace corvane {
 
 constexpr unsigned sysdot_threads = 8;  // of a work-group
-constexpr unsigned block_tiles = 8;     // row tiles taken together
-constexpr unsigned block_rows = block_tiles * tile_rows;
+constexpr unsigned cluster_tiles = sycl::tuning::systolic_row_tiles;
+constexpr unsigned cluster_rows = cluster_tiles * tile_rows;
 
 // Below this magnitude an input value times a weight may have bits under 2^-126, the least that the flushing products
 // keep: the last bit of a BFloat16 lies 2^-7 below its leading one, and weights are multiples of 2^-17.
@@ -32,6 +33,8 @@ struct sysdot_args {
   uint64_t blocks_per_thread;
   uint64_t output_size;
   int32_t qtype;
+  unsigned last_rows;  // of the last row tile, 1 to 8
+  unsigned columns;    // of a work-group
 };
 
 // 64 elements of `rows` rows, each converted to WT; `stride` elements from row to row.
@@ -61,24 +64,15 @@ void load_input(const IT* from, uint64_t stride, unsigned rows, input_tile<WT>& 
   }
 }
 
-// Calls f with the number of rows of a tile as a constant: the code of the last tile and that of all others differ in
-// nothing else.
-template <unsigned M, class F>
-CORVANE_INLINE void with_rows_of(bool last_tile, const F& f) {
-  if (M != tile_rows && last_tile) {
-    f(std::integral_constant<unsigned, M>{});
-  } else {
-    f(std::integral_constant<unsigned, tile_rows>{});
-  }
-}
-
-template <class IT, class WT, class RT, unsigned M, unsigned N>
-void sysdot_groups(const sycl::group_block<2>& groups, const sysdot_args<IT>& a) {
-  const uint64_t first_column = groups.first(0) * N;
-  const auto columns = static_cast<unsigned>(groups.count(0) * N);
+template <class IT, class WT, class RT>
+void sysdot_groups(const sycl::group_cluster<2>& groups, const sysdot_args<IT>& a) {
+  const uint64_t first_column = groups.first(0) * a.columns;
+  const auto columns = static_cast<unsigned>(groups.count(0) * a.columns);
   const auto tiles = static_cast<unsigned>(groups.count(1));
   const uint64_t first_row = groups.first(1) * tile_rows;
-  const auto is_last = [&](unsigned tile) { return groups.first(1) + tile + 1 == groups.total(1); };
+  const auto rows_of = [&](unsigned tile) {
+    return groups.first(1) + tile + 1 == groups.total(1) ? a.last_rows : tile_rows;
+  };
   const unsigned bytes = code_bytes(a.qtype);
   const uint64_t row_blocks = bytes == 0 ? 0 : a.row_blocks;
 
@@ -90,7 +84,7 @@ void sysdot_groups(const sycl::group_block<2>& groups, const sysdot_args<IT>& a)
   }
 
   // For each row, the partial sums of the 8 threads over all columns.
-  sycl::local_array<RT, block_rows * sysdot_threads * tile_columns> partial(groups);
+  sycl::local_array<RT, cluster_rows * sysdot_threads * tile_columns> partial(groups);
   const auto slot = [&](unsigned row, unsigned thread, unsigned strip) {
     return &partial[(row * sysdot_threads + thread) * tile_columns + 16 * strip];
   };
@@ -98,18 +92,16 @@ void sysdot_groups(const sycl::group_block<2>& groups, const sysdot_args<IT>& a)
   groups.for_each_item([&](uint32_t t) {
     const uint64_t start = std::min(t * a.blocks_per_thread, row_blocks);
     const uint64_t end = std::min((t + 1) * a.blocks_per_thread, row_blocks);
-    alignas(64) float running[block_rows][tile_columns];
+    alignas(64) float running[cluster_rows][tile_columns];
     std::memset(running, 0, sizeof(running[0]) * tile_rows * tiles);
     for (uint64_t b = start; b < end; ++b) {
       weight_tile<WT> w;
       expand_weights(a.qtype, at, b, w);
       for (unsigned tile = 0; tile < tiles; ++tile) {
-        with_rows_of<M>(is_last(tile), [&](auto rows) {
-          input_tile<WT> x;
-          const uint64_t row = first_row + tile * tile_rows;
-          load_input(a.input + (row * a.row_blocks + b) * QK, a.row_blocks * QK, rows, x);
-          systolic_block<WT, rows>(x, w, running + tile * tile_rows);
-        });
+        input_tile<WT> x;
+        const uint64_t row = first_row + tile * tile_rows;
+        load_input(a.input + (row * a.row_blocks + b) * QK, a.row_blocks * QK, rows_of(tile), x);
+        systolic_block<WT>(x, w, rows_of(tile), running + tile * tile_rows);
       }
     }
     for (unsigned row = 0; row < tile_rows * tiles; ++row) {
@@ -121,7 +113,7 @@ void sysdot_groups(const sycl::group_block<2>& groups, const sysdot_args<IT>& a)
 
   groups.for_each_item([&](uint32_t t) {
     for (unsigned tile = 0; tile < tiles; ++tile) {
-      if (t >= (is_last(tile) ? M : tile_rows)) continue;
+      if (t >= rows_of(tile)) continue;
       const unsigned row = tile * tile_rows + t;
       for (unsigned s = 0; 16 * s < columns; ++s) {
         auto sum = sycl::simd<RT, 16>::zero();
@@ -135,38 +127,28 @@ void sysdot_groups(const sycl::group_block<2>& groups, const sysdot_args<IT>& a)
   });
 }
 
-template <class IT, class WT, class AT, class RT, unsigned M, unsigned N, unsigned K>
-void sysdot_forward_kernel(const void* input, const uint8_t* weight, const uint8_t* scale, void* output, uint64_t rows,
-                           uint64_t state_size, uint64_t output_size, int32_t qtype, c10::Device device) {
-  static_assert(std::is_same_v<AT, float> && std::is_same_v<RT, WT> && K == 8, "the only step there is");
+template <class IT, class WT>
+void launch_sysdot(const sysdot_call& call, unsigned last_rows, unsigned columns, c10::Device device) {
   constexpr origin where{"sysdot_xpu_kernel", "sysdot_forward_kernel"};
-  check(output_size % N == 0, where, "output_size % N == 0");
-  check(state_size % QK == 0, where, "state_size % QK == 0");
-  check(rows % tile_rows == M % tile_rows, where, "rows % 8 == M % 8");
+  if (call.output_size % columns != 0) fail(where, "output_size % N == 0");
+  check(call.state_size % QK == 0, where, "state_size % QK == 0");
+  check(call.rows % tile_rows == last_rows % tile_rows, where, "rows % 8 == M % 8");
 
-  const uint64_t row_blocks = state_size / QK;
-  const sysdot_args<IT> args{static_cast<const IT*>(input), weight,      scale, static_cast<IT*>(output), row_blocks,
-                             (row_blocks + 7) / 8,          output_size, qtype};
-  const auto kernel = [args](const sycl::group_block<2>& groups) { sysdot_groups<IT, WT, RT, M, N>(groups, args); };
-  launch<2>(device, where, {{output_size / N * sysdot_threads, (rows + 7) / 8}, {sysdot_threads, 1}},
-            sycl::sub_group_size{1}, sycl::block_kernel<2, decltype(kernel)>{{tile_columns / N, block_tiles}, kernel});
+  const uint64_t row_blocks = call.state_size / QK;
+  const sysdot_args<IT> args{static_cast<const IT*>(call.input),
+                             call.weight,
+                             call.scale,
+                             static_cast<IT*>(call.output),
+                             row_blocks,
+                             (row_blocks + 7) / 8,
+                             call.output_size,
+                             call.qtype,
+                             last_rows,
+                             columns};
+  const auto kernel = [args](const sycl::group_cluster<2>& groups) { sysdot_groups<IT, WT, WT>(groups, args); };
+  launch<2>(device, where, {{call.output_size / columns * sysdot_threads, (call.rows + 7) / 8}, {sysdot_threads, 1}},
+            sycl::sub_group_size{1},
+            sycl::cluster_kernel<2, decltype(kernel)>{{tile_columns / columns, cluster_tiles}, kernel});
 }
-
-// All instances for an element type, which is a source each: 1 to 8 rows of the last tile, both widths.
-#define SYSDOT_INSTANCE(IT, WT, M, N)                                                                                 \
-  template void sysdot_forward_kernel<IT, WT, float, WT, M, N, 8>(const void*, const uint8_t*, const uint8_t*, void*, \
-                                                                  uint64_t, uint64_t, uint64_t, int32_t, c10::Device)
-#define SYSDOT_WIDTHS(IT, WT, M)  \
-  SYSDOT_INSTANCE(IT, WT, M, 16); \
-  SYSDOT_INSTANCE(IT, WT, M, 8)
-#define SYSDOT_INSTANCES(IT, WT) \
-  SYSDOT_WIDTHS(IT, WT, 1);      \
-  SYSDOT_WIDTHS(IT, WT, 2);      \
-  SYSDOT_WIDTHS(IT, WT, 3);      \
-  SYSDOT_WIDTHS(IT, WT, 4);      \
-  SYSDOT_WIDTHS(IT, WT, 5);      \
-  SYSDOT_WIDTHS(IT, WT, 6);      \
-  SYSDOT_WIDTHS(IT, WT, 7);      \
-  SYSDOT_WIDTHS(IT, WT, 8)
 
 }  // namespace corvane

@@ -49,10 +49,8 @@ CORVANE_INLINE void block(const input_tile<WT>& x, const weight_tile<WT>& w, flo
   }
 }
 
-}  // namespace
-
 template <class WT, unsigned R>
-void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, float (*running)[tile_columns]) {
+void block_of_rows(const input_tile<WT>& x, const weight_tile<WT>& w, float (*running)[tile_columns]) {
   if constexpr (std::is_same_v<WT, Half>) {
     block<float_products, WT, R, f32x16>(x, w, running);
   } else if (x.tiny) {
@@ -62,19 +60,19 @@ void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, float (*r
   }
 }
 
-#define INSTANCE(WT, R) \
-  template void systolic_block<WT, R>(const input_tile<WT>&, const weight_tile<WT>&, float(*)[tile_columns])
-#define INSTANCES(R) \
-  INSTANCE(Half, R); \
-  INSTANCE(BFloat16, R)
+}  // namespace
 
-INSTANCES(1);
-INSTANCES(2);
-INSTANCES(3);
-INSTANCES(4);
-INSTANCES(5);
-INSTANCES(6);
-INSTANCES(7);
-INSTANCES(8);
+template <class WT>
+void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, unsigned rows, float (*running)[tile_columns]) {
+  using of_rows = void (*)(const input_tile<WT>&, const weight_tile<WT>&, float(*)[tile_columns]);
+  static constexpr of_rows by_rows[tile_rows] = {block_of_rows<WT, 1>, block_of_rows<WT, 2>, block_of_rows<WT, 3>,
+                                                 block_of_rows<WT, 4>, block_of_rows<WT, 5>, block_of_rows<WT, 6>,
+                                                 block_of_rows<WT, 7>, block_of_rows<WT, 8>};
+  by_rows[rows - 1](x, w, running);
+}
+
+template void systolic_block(const input_tile<Half>&, const weight_tile<Half>&, unsigned, float (*)[tile_columns]);
+template void systolic_block(const input_tile<BFloat16>&, const weight_tile<BFloat16>&, unsigned,
+                             float (*)[tile_columns]);
 
 }  // namespace corvane

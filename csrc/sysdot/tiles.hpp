@@ -6,6 +6,7 @@
 
 #include "formats/registry.hpp"
 #include "platform/sycl/systolic.hpp"
+#include "platform/sycl/tuning.hpp"
 
 namespace corvane {
 
@@ -13,9 +14,9 @@ using sycl::BFloat16;
 using sycl::f32x16;
 using sycl::Half;
 
-constexpr unsigned QK = 64;            // elements of a K block, under one scale
-constexpr unsigned tile_rows = 8;      // rows of a full row tile
-constexpr unsigned tile_columns = 32;  // columns that the host expands together: two registers
+constexpr unsigned QK = 64;                                        // elements of a K block, under one scale
+constexpr unsigned tile_rows = 8;                                  // rows of a full row tile
+constexpr unsigned tile_columns = sycl::tuning::systolic_columns;  // that the host expands together
 constexpr unsigned strips = tile_columns / 16;
 
 // A cell is what one lane of a step's operand holds: one Half, widened, or two BFloat16 (elements 2d and 2d + 1, the
@@ -47,14 +48,10 @@ struct weight_tile {
   f32x16 scale[strips];
 };
 
-// Bytes of the codes of a K block; 0 for a format that the systolic path does not read.
-constexpr uint32_t code_bytes(int32_t qtype) {
-  if (qtype == qtype_q4_0) return 32;
-  return qtype == qtype_q8_0 || qtype == qtype_fp8_e4m3 || qtype == qtype_fp8_e5m2 ? 64 : 0;
-}
-
-// Bytes of its scale: a Half or a float.
-constexpr uint32_t scale_bytes(int32_t qtype) { return qtype == qtype_q4_0 ? 2 : 4; }
+// What a systolic format's reader says of its bytes. For any other format: no codes.
+uint32_t code_bytes(int32_t qtype);   // of a K block
+uint32_t scale_bytes(int32_t qtype);  // of its scale
+const uint8_t* scale_plane(int32_t qtype, const uint8_t* weight, uint64_t state_size, uint64_t output_size);
 
 // Where the packed blocks of 32 columns lie.
 struct weight_columns {
@@ -66,8 +63,8 @@ struct weight_columns {
 template <class WT>
 void expand_weights(int32_t qtype, const weight_columns& columns, uint64_t b, weight_tile<WT>& tile);
 
-// running[r][i] += scale[i] * sum over the block of x[r][k] * w[k][i], in float, for R rows.
-template <class WT, unsigned R>
-void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, float (*running)[tile_columns]);
+// running[r][i] += scale[i] * sum over the block of x[r][k] * w[k][i], in float, for 1 to 8 rows.
+template <class WT>
+void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, unsigned rows, float (*running)[tile_columns]);
 
 }  // namespace corvane

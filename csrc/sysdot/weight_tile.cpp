@@ -2,22 +2,24 @@
 // the readers of the formats do the rest, 16 columns of one element where they usually take 16 elements of a row.
 #include <cstring>
 
-#include "formats/fp8_e4m3.hpp"
-#include "formats/fp8_e5m2.hpp"
-#include "formats/q4_0.hpp"
-#include "formats/q8_0.hpp"
+#include "formats/readers.hpp"
 #include "sysdot/tiles.hpp"
 
 namespace corvane {
 namespace {
 
-// The zero code is zero here, unlike elsewhere: no midpoints.
+constexpr auto is_systolic = [](const format_support& s) { return s.systolic; };
+
+// The zero code of fp8_e4m3 is zero here, unlike elsewhere: no midpoints.
 struct fp8_e4m3_systolic : fp8_e4m3_reader {
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
     return simd<T, 16>::exact(sycl::half_bits_to_float(half_bits<false>(qs, v)));
   }
 };
+
+template <int32_t Id>
+using systolic_reader_of = std::conditional_t<Id == qtype_fp8_e4m3, fp8_e4m3_systolic, scaled_reader_of<Id>>;
 
 CORVANE_INLINE void put(weight_tile<Half>& tile, unsigned k, unsigned strip, f32x16 even, f32x16 odd) {
   std::memcpy(&tile.cell[k][16 * strip], &even, sizeof(even));
@@ -30,7 +32,7 @@ CORVANE_INLINE void put(weight_tile<BFloat16>& tile, unsigned k, unsigned strip,
 
 template <class Reader, class WT>
 void expand(const weight_columns& columns, uint64_t b, weight_tile<WT>& tile) {
-  constexpr unsigned bytes = code_bytes(Reader::id);
+  constexpr unsigned bytes = Reader::code_bytes;
   for (unsigned strip = 0; strip < strips; ++strip) {
     const uint8_t* column[16];
     for (unsigned i = 0; i < 16; ++i) {
@@ -60,16 +62,31 @@ void collect_scales(const weight_columns& columns, uint64_t b, f32x16 (&scale)[s
 
 }  // namespace
 
+uint32_t code_bytes(int32_t qtype) {
+  uint32_t bytes = 0;
+  with_format<is_systolic>(qtype, [&](auto id) { bytes = scaled_reader_of<id>::code_bytes; });
+  return bytes;
+}
+
+uint32_t scale_bytes(int32_t qtype) {
+  uint32_t bytes = 0;
+  with_format<is_systolic>(qtype, [&](auto id) { bytes = sizeof(typename scaled_reader_of<id>::scale_type); });
+  return bytes;
+}
+
+const uint8_t* scale_plane(int32_t qtype, const uint8_t* weight, uint64_t state_size, uint64_t output_size) {
+  const uint8_t* plane = weight;
+  with_format<is_systolic>(
+      qtype, [&](auto id) { plane = scaled_reader_of<id>::locate(weight, state_size, output_size).scales; });
+  return plane;
+}
+
 template <class WT>
 void expand_weights(int32_t qtype, const weight_columns& columns, uint64_t b, weight_tile<WT>& tile) {
-  if (qtype == qtype_q4_0) {
-    collect_scales<Half>(columns, b, tile.scale);
-    return expand<q4_0_reader>(columns, b, tile);
-  }
-  collect_scales<float>(columns, b, tile.scale);
-  if (qtype == qtype_q8_0) return expand<q8_0_reader>(columns, b, tile);
-  if (qtype == qtype_fp8_e4m3) return expand<fp8_e4m3_systolic>(columns, b, tile);
-  expand<fp8_e5m2_scaled_reader>(columns, b, tile);
+  with_format<is_systolic>(qtype, [&](auto id) {
+    collect_scales<typename scaled_reader_of<id>::scale_type>(columns, b, tile.scale);
+    expand<systolic_reader_of<id>>(columns, b, tile);
+  });
 }
 
 template void expand_weights<Half>(int32_t, const weight_columns&, uint64_t, weight_tile<Half>&);

@@ -57,16 +57,16 @@ class group {
 };
 
 template <int D>
-class group_block;
+class group_cluster;
 
-// Local memory of a group, or of all groups of a block together. Its content is undefined until written.
+// Local memory of a group, or of all groups of a cluster together. Its content is undefined until written.
 template <class T, std::size_t Size>
 class local_array {
  public:
   template <int D>
   explicit local_array(const group<D>&) : local_array() {}
   template <int D>
-  explicit local_array(const group_block<D>&) : local_array() {}
+  explicit local_array(const group_cluster<D>&) : local_array() {}
   T& operator[](std::size_t i) { return data_[i]; }
   const T& operator[](std::size_t i) const { return data_[i]; }
   T* data() { return data_; }
@@ -125,20 +125,20 @@ void run_groups(const nd_range<D>& range, const prepared_kernel<Prepare, Kernel>
   run_groups(range, prepared.kernel);
 }
 
-// Neighbouring work-groups of a launch, taken together by a kernel whose groups read the same data: what each of them
-// would fetch and expand for itself is then made once. On a device a block is one group.
+// A cluster: neighbouring work-groups of a launch, taken together by a kernel whose groups read the same data: what
+// each of them would fetch and expand for itself is then made once. On a device a cluster is one group.
 template <int D>
-class group_block {
+class group_cluster {
  public:
-  group_block(const std::array<std::size_t, D>& first, const std::array<std::size_t, D>& count,
-              const std::array<std::size_t, D>& total, const std::array<std::size_t, D>& local)
+  group_cluster(const std::array<std::size_t, D>& first, const std::array<std::size_t, D>& count,
+                const std::array<std::size_t, D>& total, const std::array<std::size_t, D>& local)
       : first_(first), count_(count), total_(total), local_(local) {}
 
-  std::size_t first(int dimension) const { return first_[dimension]; }  // id of the first group of this block
-  std::size_t count(int dimension) const { return count_[dimension]; }  // groups of this block
+  std::size_t first(int dimension) const { return first_[dimension]; }  // id of the first group of this cluster
+  std::size_t count(int dimension) const { return count_[dimension]; }  // groups of this cluster
   std::size_t total(int dimension) const { return total_[dimension]; }  // groups of the launch
 
-  // One phase: phase(t) does the share of work-item t of every group of the block.
+  // One phase: phase(t) does the share of work-item t of every group of the cluster.
   template <class Phase>
   void for_each_item(const Phase& phase) const {
     group<D>(first_, total_, local_).for_each_item(phase);
@@ -148,30 +148,30 @@ class group_block {
   std::array<std::size_t, D> first_, count_, total_, local_;
 };
 
-// A kernel that takes work-groups in blocks of up to `groups` in each dimension.
+// A kernel that takes work-groups in clusters of up to `groups` in each dimension.
 template <int D, class Kernel>
-struct block_kernel {
+struct cluster_kernel {
   std::array<std::size_t, D> groups;
   Kernel kernel;
 };
 
-// The blocks of a launch, in pieces over all cores. The last dimension runs fastest.
+// The clusters of a launch, in pieces over all cores. The last dimension runs fastest.
 template <int D, class Kernel>
-void run_groups(const nd_range<D>& range, const block_kernel<D, Kernel>& blocked) {
+void run_groups(const nd_range<D>& range, const cluster_kernel<D, Kernel>& clustered) {
   std::array<std::size_t, D> total;
-  nd_range<D> blocks;  // one item a block
+  nd_range<D> clusters;  // one item a cluster
   for (int d = 0; d < D; ++d) {
     total[d] = range.local[d] == 0 ? 0 : range.global[d] / range.local[d];
-    blocks.global[d] = (total[d] + blocked.groups[d] - 1) / blocked.groups[d];
-    blocks.local[d] = 1;
+    clusters.global[d] = (total[d] + clustered.groups[d] - 1) / clustered.groups[d];
+    clusters.local[d] = 1;
   }
-  run_groups(blocks, [&](const group<D>& block) {
+  run_groups(clusters, [&](const group<D>& cluster) {
     std::array<std::size_t, D> first, count;
     for (int d = 0; d < D; ++d) {
-      first[d] = block.id(d) * blocked.groups[d];
-      count[d] = std::min(blocked.groups[d], total[d] - first[d]);
+      first[d] = cluster.id(d) * clustered.groups[d];
+      count[d] = std::min(clustered.groups[d], total[d] - first[d]);
     }
-    blocked.kernel(group_block<D>(first, count, total, range.local));
+    clustered.kernel(group_cluster<D>(first, count, total, range.local));
   });
 }
 

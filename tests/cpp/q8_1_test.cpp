@@ -7,7 +7,8 @@
 #include <random>
 #include <vector>
 
-#include "linear/q8_1_dots.hpp"
+#include "formats/q8_1_dots.hpp"
+#include "linear/kernels.hpp"
 
 namespace {
 

@@ -1,59 +1,14 @@
-// Sums of code times input along weight rows: the part that all matrix-vector kernels, small batches, fused projections
-// and the gated MLP share. Which rows, and what becomes of their sums, is the caller's.
+// The sums of code times input along weight rows: what is compiled once for each reader and element type.
 #pragma once
 
-#include <algorithm>
-#include <cstdint>
-
-#include "linear/row_input.hpp"
+#include "linear/row_dots.hpp"
+#include "platform/sycl/tuning.hpp"
 
 namespace corvane {
-
-// Which rows a work-group reads, and how far ahead of them the next group's lie. A single row is fetched in time by the
-// processor; of two and more it loses track: 4096 x 4096 in float on one thread take 0.40 ms with the next group's
-// codes asked for ahead and 0.81 without (q4_0), 0.67 and 1.30 (q8_0), and with its scales too 0.35 instead of 0.46
-// where a group has 8 rows.
-template <unsigned Rows>
-struct row_list {
-  uint32_t first_unit[Rows];  // unit of each row's first element
-  uint32_t ahead;             // units from a row to the one that takes its place in the next group: fetched meanwhile
-};
-
-// Neighbouring rows of `units` units, from first_row on. A row past the end reads the last row again, so that nothing
-// beyond the weight is touched; it is not written.
-template <unsigned Rows>
-CORVANE_INLINE row_list<Rows> rows_from(uint64_t first_row, uint64_t output_size, uint32_t units) {
-  row_list<Rows> rows;
-  rows.ahead = Rows * units;
-  for (unsigned r = 0; r < Rows; ++r) {
-    rows.first_unit[r] = static_cast<uint32_t>(std::min(first_row + r, output_size - 1)) * units;
-  }
-  return rows;
-}
 
 namespace detail {
 
 constexpr unsigned batch_units = 16;  // units whose scales are converted together, one to a lane
-
-// Chains of dependent operations that are worth staging side by side. In Half and BFloat16 each operation waits 8 to 17
-// cycles for the rounding of the one before it: measured per unit with 2, 4 and 8 chains and two rows, Half 4.8, 4.2
-// and 3.7 ns, BFloat16 5.5, 4.9 and 4.6. In float and double more than 2 only cost registers. Not staged at all, with
-// the whole sum of one unit after that of another, Half takes 4.6. Staging the steps of a rounding as well brought
-// BFloat16 4% and Half nothing.
-#if defined(__SANITIZE_ADDRESS__)  // GCC takes minutes over eight chains of instrumented code
-constexpr unsigned most_chains = 2;
-#elif defined(CORVANE_AVX512)
-constexpr unsigned most_chains = 8;
-#else  // half the registers, of half the width
-constexpr unsigned most_chains = 4;
-#endif
-template <class T>
-constexpr unsigned staged_chains = sizeof(T) == 2 ? most_chains : 2;
-
-// Sums that a row is spread over, unit by unit in turn, since a sum waits for its own last rounding too: Half 5.0 to
-// 3.9 ns with one row. Many rows have enough chains of their own.
-template <class T, unsigned Rows>
-constexpr unsigned sums_of_row = sizeof(T) == 2 && Rows <= 2 ? 2 : 1;
 
 // Units u to u + Units - 1 of all rows against all inputs, the units of a row in turn to its Sums sums. A code is
 // decoded once for all inputs. `scales` and `offsets` begin with those of unit u of row 0; rows lie batch_units apart.
@@ -133,8 +88,8 @@ template <class Reader, bool Pairs, unsigned Inputs, class T, unsigned Rows>
 CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader::planes& weight,
                                const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs * Rows],
                                uint64_t stride) {
-  constexpr unsigned step = std::max(staged_chains<T> / (Rows * Inputs), 1u);
-  constexpr unsigned spread = sums_of_row<T, Rows>;
+  constexpr unsigned step = std::max(sycl::tuning::staged_chains<T> / (Rows * Inputs), 1u);
+  constexpr unsigned spread = sycl::tuning::sums_of_row<T>;
   constexpr unsigned results = Inputs * Rows;
 
   simd<T, 16> sum[spread * results];
@@ -182,19 +137,16 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
 
 }  // namespace detail
 
-// Adds to sums[i * Rows + r], for each input i and row r, input . row in T, a part of it to each lane. A lane adds up
-// four products of a unit of 64 elements and scales them once. `units` units make a row; an input holds 64 * units
-// elements, and the next one begins `stride` elements behind it.
-template <class Reader, unsigned Inputs = 1, class T, unsigned Rows>
-CORVANE_INLINE void accumulate_rows(const row_input<T>& input, const typename Reader::planes& weight,
-                                    const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs * Rows],
-                                    uint64_t stride = 0) {
-  static_assert(Reader::shared_scale == unit_elements || Reader::shared_scale == 0, "a unit has one scale, or none");
+template <class Reader, unsigned Inputs, class T, unsigned Rows>
+void row_dots(const row_input<T>& input, uint64_t stride, const typename Reader::planes& weight,
+              const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs][Rows]) {
+  static_assert(row_reader<Reader>);
   static_assert(!Reader::has_offset || Inputs == 1, "the sums are those of one input");
+  auto& flat = reinterpret_cast<simd<T, 16>(&)[Inputs * Rows]>(sums);
   if constexpr (std::is_same_v<T, BFloat16>) {
-    if (input.pairable) return detail::accumulate<Reader, true, Inputs>(input, weight, rows, units, sums, stride);
+    if (input.pairable) return detail::accumulate<Reader, true, Inputs>(input, weight, rows, units, flat, stride);
   }
-  detail::accumulate<Reader, false, Inputs>(input, weight, rows, units, sums, stride);
+  detail::accumulate<Reader, false, Inputs>(input, weight, rows, units, flat, stride);
 }
 
 }  // namespace corvane

@@ -1,5 +1,5 @@
 // Expansion of packed weights: units of 64 elements become dense values, with every rounding where the format has it.
-// The one body of both families of expansion kernels, of the tile kernels and of the row look-up.
+// The one body of all expansion kernels, compiled once for each format, arithmetic and output type.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,8 @@
 #include <type_traits>
 
 #include "formats/k_block.hpp"
+#include "ops/expansion.hpp"
+#include "platform/sycl/tuning.hpp"
 
 namespace corvane {
 
@@ -105,22 +107,6 @@ CORVANE_INLINE void store_pair(const simd<A, 16>& first, const simd<A, 16>& seco
   }
 }
 
-// A format of Halfs as they are.
-template <class Reader>
-concept plain_halves = requires(typename Reader::raw codes) {
-  Reader::halves(codes, 0U);
-};
-
-// A format with at most sixteen values under a scale; with scales of their own for the values.
-template <class Reader>
-concept few_values = requires(typename Reader::raw codes) {
-  Reader::value_index(codes, 0U);
-};
-template <class Reader>
-concept scales_by_value = requires(typename Reader::planes p) {
-  Reader::template value_scales<float>(p, 0U);
-};
-
 // The values of elements 32 h to 32 h + 31 as bits of Out, value n in word n.
 template <class Reader, class A, class Out, class Scales>
 CORVANE_INLINE sycl::u16x16 value_bits(const typename Reader::planes& weight, uint32_t unit, const Scales& scales,
@@ -166,11 +152,6 @@ CORVANE_INLINE void expand_unit(const typename Reader::planes& weight, uint32_t 
 }
 
 // A super-block: its scales as one register, from where they are picked up one by one.
-template <class Reader>
-concept scales_by_block = requires(typename Reader::planes p) {
-  Reader::template chunk_scale<float>(p, 0U);
-};
-
 template <class Reader, class A, class Out>
 CORVANE_INLINE void expand_block(const typename Reader::planes& weight, uint32_t block, const destination<Out>& out) {
   constexpr uint32_t unit_runs = 4;
@@ -181,43 +162,54 @@ CORVANE_INLINE void expand_block(const typename Reader::planes& weight, uint32_t
     const sycl::f32x16 offset = Reader::template chunk_offset<A>(weight, block).r[0];
     std::memcpy(offsets, &offset, sizeof(offsets));
   }
-  sycl::unroll<block_units>([&](auto u) {
+  sycl::unroll<super_block_units>([&](auto u) {
     const run_scales<A> of_unit{scales + unit_runs * u, offsets + unit_runs * u};
-    expand_unit<Reader, A>(weight, block_units * block + u, of_unit, out + unit_elements * u);
+    expand_unit<Reader, A>(weight, super_block_units * block + u, of_unit, out + unit_elements * u);
   });
 }
 
 }  // namespace detail
 
-// From here on an output is stored past the caches: about what the last of them holds. 4096 x 4096 to float: 1.82
-// instead of 2.53 ms, and the product behind it takes no longer.
-constexpr uint64_t uncached_output_bytes = uint64_t{32} << 20;
-
-template <class T>
-bool outgrows_caches(const T* output, uint64_t elements) {
-  return elements * sizeof(T) >= uncached_output_bytes && reinterpret_cast<uintptr_t>(output) % 64 == 0;
-}
-
-// Units `unit` to `unit` + `units` - 1 of a weight, into 64 * units values at `out`: codes and scales are converted to
-// A, each operation is one of A, the result is converted to Out. Of super-block formats only whole blocks.
+// Units `unit` to `unit` + `units` - 1 of a weight, into 64 * units values at `output`: codes and scales are converted
+// to A, each operation is one of A, the result is converted to Out. Of super-block formats only whole blocks.
 //
-// Measured and dropped: prefetching codes or output (slower by a tenth), expanding into the first-level cache and
-// copying (slower by half).
+// Measured and dropped: prefetching codes or output, expanding into the first-level cache and copying.
 template <class Reader,
           class A,    // the arithmetic: Half, float, double, BFloat16
           class Out>  // the output: A itself; any type where A is float; float where A is Half
-CORVANE_INLINE void expand_units(const typename Reader::planes& weight, uint32_t unit, uint32_t units, Out* output,
-                                 bool past_caches = false) {
+void expand_units(const packed_weight& weight, uint32_t unit, uint32_t units, Out* output, bool past_caches) {
+  const typename Reader::planes planes = Reader::locate(weight.bytes, weight.state_size, weight.output_size);
   const uint32_t end = unit + units;
   detail::destination<Out> out{output, past_caches};
-  if constexpr (detail::scales_by_block<Reader>) {
-    for (; unit < end; unit += detail::block_units, out = out + detail::block_elements) {
-      detail::expand_block<Reader, A>(weight, unit / detail::block_units, out);
+  if constexpr (scales_by_block<Reader>) {
+    using detail::super_block_units;
+    for (; unit < end; unit += super_block_units, out = out + detail::super_block_elements) {
+      detail::expand_block<Reader, A>(planes, unit / super_block_units, out);
     }
   } else {
     for (; unit < end; ++unit, out = out + unit_elements) {
-      detail::expand_unit<Reader, A>(weight, unit, detail::unit_scales<Reader, A>{weight, unit}, out);
+      detail::expand_unit<Reader, A>(planes, unit, detail::unit_scales<Reader, A>{planes, unit}, out);
     }
+  }
+}
+
+template <int32_t Id, class Out>
+unit_expander<Out> general_expander() {
+  if constexpr (support[Id].general.cut != expansion_cut::none) {
+    using arithmetic = std::conditional_t<support[Id].general.in_float, float, Out>;
+    return &expand_units<reader_of<Id>, arithmetic, Out>;
+  } else {
+    return nullptr;
+  }
+}
+
+template <int32_t Id, class Out>
+unit_expander<Out> explicit_simd_expander() {
+  if constexpr (support[Id].explicit_simd.kernel != nullptr && has_explicit_simd<Out>) {
+    using arithmetic = std::conditional_t<support[Id].explicit_simd.rules.in_float, float, Half>;
+    return &expand_units<reader_of<Id>, arithmetic, Out>;
+  } else {
+    return nullptr;
   }
 }
 

@@ -1,8 +1,6 @@
-// One input row as blocks of 8-bit integers, and the kernels that multiply it with iq2_xxs, iq1_s and q2_k weights:
-// their inner loops are integer dot products. Definitions: linear/kernel_q8_1.cpp.
+// An input row as blocks of 8-bit integers, for the kernels that multiply it with iq2_xxs, iq1_s and q2_k weights:
+// their inner loops are integer dot products.
 #pragma once
-
-#include <c10/core/Device.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -28,28 +26,10 @@ constexpr int64_t q8_1_bytes(int64_t state_size) {
   return state_size / q8_1_elements * static_cast<int64_t>(sizeof(block_q8_1));
 }
 
-// input (state_size) to activations (state_size / 32 blocks). state_size is a multiple of 256, any other is refused;
-// rows is 1.
-template <class T>
-void quantize_xpu_kernel_q8_1(const T* input, uint8_t* activations, uint64_t rows, uint64_t state_size,
-                              c10::Device device);
-
-// weight packed (output_size, state_size), activations of the row, output (output_size). The host waits for the kernel,
-// so that the activations may go when these return. state_size is a multiple of 256, any other is refused.
-template <class T>
-void qlinear_xpu_kernel_iq2_xxs_q8_1(const uint8_t* weight, const uint8_t* activations, T* output, uint64_t rows,
-                                     uint64_t state_size, uint64_t output_size, c10::Device device);
-template <class T>
-void qlinear_xpu_kernel_iq1_s_q8_1(const uint8_t* weight, const uint8_t* activations, T* output, uint64_t rows,
-                                   uint64_t state_size, uint64_t output_size, c10::Device device);
-template <class T>
-void qlinear_xpu_kernel_q2_k_q8_1(const uint8_t* weight, const uint8_t* activations, T* output, uint64_t rows,
-                                  uint64_t state_size, uint64_t output_size, c10::Device device);
-
 // --- dot products of one group -------------------------------------------------------------------------------------
 //
 // Group `iqs` of a weight block with its part of the eight activation blocks from y on. The kernels take all groups of
-// a block at once (linear/q8_1_dots.hpp); these say what a group's product is.
+// a block at once (q8_1_dots.hpp); these say what a group's product is.
 
 // 32 elements; iqs < 8.
 inline float vec_dot_iq2_xxs_q8_1(const uint8_t* weight, const block_q8_1* y, const int& iqs) {

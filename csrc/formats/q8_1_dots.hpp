@@ -4,6 +4,7 @@
 // The activations are laid out anew for the format, once a launch, so that the bytes that meet in an instruction lie
 // together. A format's struct has:
 //
+//   sum_of<T>                   type in which the lanes of a row of output type T are added
 //   step                        weight blocks that one call of dots() takes
 //   staged, stage(y, n, staged) activations of `step` blocks, of which n exist
 //   dots(weight, staged)        16 floats whose sum is the product of `step` blocks with their activations. For iq2_xxs
@@ -14,7 +15,7 @@
 #include <memory>
 
 #include "formats/byte_table.hpp"
-#include "linear/q8_1.hpp"
+#include "formats/q8_1.hpp"
 #include "platform/sycl/bytes.hpp"
 
 namespace corvane {
@@ -40,6 +41,8 @@ sycl::f32x16 of_groups(const block_q8_1* y, unsigned blocks, const Get& get) {
 // looked up together, in registers: for two positions 256 grid rows are 128 bytes. (One position at a time, 64
 // bytes: 1.07 times.)
 struct iq2_xxs_dots {
+  template <class T>
+  using sum_of = T;
   static constexpr unsigned step = 2;
   static constexpr unsigned block_bytes = sizeof(block_iq2_xxs);
 
@@ -103,6 +106,8 @@ struct iq2_xxs_dots {
 // A lane is a group of 32 elements. The grid, 8 kB, is read one run at a time; the words of a run of all groups then go
 // through the integer products together.
 struct iq1_s_dots {
+  template <class>
+  using sum_of = float;
   static constexpr unsigned step = 2;
   static constexpr unsigned block_bytes = sizeof(block_iq1_s);
 
@@ -148,6 +153,8 @@ struct iq1_s_dots {
 
 // A lane is four code bytes of a block, thus four elements of each of four runs of 32.
 struct q2_k_dots {
+  template <class T>
+  using sum_of = T;
   static constexpr unsigned step = 1;
   static constexpr unsigned block_bytes = sizeof(block_q2_K);
 
@@ -187,6 +194,24 @@ struct q2_k_dots {
  private:
   static constexpr sycl::i32x16 first_scale = {0, 0, 0, 0, 1, 1, 1, 1, 8, 8, 8, 8, 9, 9, 9, 9};  // of a lane's run 0
 };
+
+// The dots of a format.
+template <int32_t Id>
+struct dots_for;
+template <>
+struct dots_for<qtype_iq2_xxs> {
+  using type = iq2_xxs_dots;
+};
+template <>
+struct dots_for<qtype_iq1_s> {
+  using type = iq1_s_dots;
+};
+template <>
+struct dots_for<qtype_q2_k> {
+  using type = q2_k_dots;
+};
+template <int32_t Id>
+using dots_of = typename dots_for<Id>::type;
 
 // The activations of a row, laid out for a format.
 template <class Dots>

@@ -1,0 +1,170 @@
+// The fused projections: the two rows of a work-group, the rotation and writing of their results, and the launch.
+#include "fused/qkv_kernels.hpp"
+
+#include <cmath>
+#include <memory>
+
+#include "formats/q8_1_dots.hpp"
+#include "formats/readers.hpp"
+#include "linear/row_dots.hpp"
+#include "platform/sycl/tuning.hpp"
+
+namespace corvane {
+namespace {
+
+// The rows of one work-group: element e of a head and its rotary partner, half a head further. Groups are numbered
+// through the heads.
+struct rotary_pair {
+  uint32_t half, head, e, row;
+
+  rotary_pair(uint32_t group, uint32_t head_size)
+      : half(head_size / 2), head(group / half), e(group % half), row(head * head_size + e) {}
+  uint32_t partner() const { return row + half; }
+  uint32_t step() const { return e + 1 == half ? half + 1 : 1; }  // rows from here to the next group's
+};
+
+// The angle by which element e of every head turns.
+struct rotation {
+  float cosine, sine;
+
+  template <class T, unsigned Matrices>
+  static rotation of(const projection_arguments<T, Matrices>& a, uint32_t e) {
+    const auto position = static_cast<float>(a.position_ids[0]);
+    const float angle = std::pow(a.theta_scale, static_cast<float>(e)) * position;
+    return {std::cos(angle), std::sin(angle)};
+  }
+};
+
+// Work-item 0 at the end: bias in T, rotation in float, and the write to the query or a cache. `first` and `second` are
+// the dot products of the pair's rows; a value is not turned.
+template <class T>
+void finish_pair(const projection<T>& matrix, const rotary_pair& pair, const rotation* turn, T first, T second) {
+  if (matrix.bias != nullptr) {
+    first = first + matrix.bias[pair.row];
+    second = second + matrix.bias[pair.partner()];
+  }
+  if (turn != nullptr) {
+    const auto a = static_cast<float>(first), b = static_cast<float>(second);
+    first = static_cast<T>(turn->cosine * a - turn->sine * b);
+    second = static_cast<T>(turn->cosine * b + turn->sine * a);
+  }
+  T* output = matrix.output + matrix.base_offset + pair.head * matrix.head_stride + pair.e;
+  output[0] = first;
+  output[pair.half] = second;
+}
+
+// One work-group for each row pair of the largest matrix, times the matrices: groups beyond a smaller matrix's rows end
+// at once. prepare_input() is the caller's share of the first phase; dot_pair(m, pair, sums) adds the two dot products,
+// spread over the lanes, to sums[0][0] and sums[1][0].
+template <class T, unsigned Matrices, class Prepare, class DotPair>
+void launch_projections(const kernel_launch& how, const projection_arguments<T, Matrices>& a, c10::Device device,
+                        const Prepare& prepare_input, const DotPair& dot_pair) {
+  uint32_t most_rows = 0;
+  for (const projection<T>& matrix : a.matrices) most_rows = std::max(most_rows, matrix.rows);
+  const uint32_t half = std::min(a.head_size, most_rows) / 2;  // no head, no angle
+
+  const auto turns = std::make_unique_for_overwrite<rotation[]>(half);
+  const auto prepare = [&a, &prepare_input, turns = turns.get(), half] {
+    for (uint32_t e = 0; e < half; ++e) turns[e] = rotation::of(a, e);
+    prepare_input();
+  };
+  const auto kernel = [&dot_pair, &a, turns = turns.get()](const sycl::group_cluster<2>& groups) {
+    const auto m = static_cast<unsigned>(groups.first(1));
+    const projection<T>& matrix = a.matrices[m];
+    // Rows come in whole heads: from this group on a pair's second row is beyond the end.
+    const auto end = static_cast<uint32_t>(std::min<std::size_t>(groups.first(0) + groups.count(0), matrix.rows / 2));
+    for (auto first = static_cast<uint32_t>(groups.first(0)); first < end; first += tree_rows) {
+      const unsigned pairs = std::min(end - first, tree_rows);
+      for_rows<T, 2>(
+          pairs, [&](unsigned i, auto& sums) { dot_pair(m, rotary_pair(first + i, a.head_size), sums); },
+          [&](const auto& totals) {
+            T results[2][tree_rows];
+            for (unsigned r = 0; r < 2; ++r) totals[r].store(results[r]);
+            for (unsigned i = 0; i < pairs; ++i) {
+              const rotary_pair pair(first + i, a.head_size);
+              finish_pair(matrix, pair, m == value_matrix ? nullptr : &turns[pair.e], results[0][i], results[1][i]);
+            }
+          });
+    }
+  };
+  launch<2>(device, {projection_source, how.name},
+            {{std::size_t{most_rows / 2} * how.sizes.work_group, Matrices}, {how.sizes.work_group, 1}},
+            sycl::sub_group_size{how.sizes.sub_group},
+            sycl::prepared_kernel{
+                prepare, sycl::cluster_kernel<2, decltype(kernel)>{{sycl::tuning::streamed_pairs, 1}, kernel}});
+}
+
+// In T, by units.
+template <int32_t Id, class T, unsigned Matrices>
+void project_units(const kernel_launch& how, const T* input, const projection_arguments<T, Matrices>& a,
+                   c10::Device device) {
+  using reader = scaled_reader_of<Id>;
+  std::array<typename reader::planes, Matrices> planes;
+  for (unsigned m = 0; m < Matrices; ++m) {
+    planes[m] = reader::locate(a.matrices[m].weight, a.state_size, a.matrices[m].rows);
+  }
+  const auto units = static_cast<uint32_t>(a.state_size / unit_elements);
+  const auto dots = scaled_row_dots<Id, T>();
+  prepared_row<T> row(input, units);
+  launch_projections(
+      how, a, device, [&row] { row.prepare(); },
+      [&](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2][1]) {
+        const row_list<2> rows{{pair.row * units, pair.partner() * units}, pair.step() * units};
+        dots(row.view(), 0, planes[m], rows, units, reinterpret_cast<simd<T, 16>(&)[1][2]>(sums));
+      });
+}
+
+// The products of the groups of a row are converted to T before they are summed.
+template <class Dots, class T>
+simd<T, 16> row_dot(const projection<T>& matrix, uint32_t row, const staged_row<Dots>& input, uint32_t blocks) {
+  auto sum = simd<T, 16>::zero();
+  for_each_dot<Dots>(matrix.weight + uint64_t{row} * blocks * Dots::block_bytes, input.data(), blocks,
+                     [&](sycl::f32x16 dots) { sum = sum + simd<T, 16>::from_float(dots); });
+  return sum;
+}
+
+// Integer dot products with 8-bit activations; the value weight has a format of its own.
+template <int32_t Id, class T, unsigned Matrices>
+void project_q8_1(const kernel_launch& how, const uint8_t* input, const projection_arguments<T, Matrices>& a,
+                  c10::Device device) {
+  const auto blocks = static_cast<uint32_t>(a.state_size / detail::super_block_elements);
+  staged_row<dots_of<Id>> row(blocks);
+  staged_row<dots_of<support[Id].qkv.value_format>> row_of_value(Matrices == 3 ? blocks : 0);
+  launch_projections(
+      how, a, device,
+      [&row, &row_of_value, input] {
+        row.fill(input);
+        if (Matrices == 3) row_of_value.fill(input);
+      },
+      [&](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2][1]) {
+        const projection<T>& matrix = a.matrices[m];
+        for (unsigned r = 0; r < 2; ++r) {
+          const uint32_t n = r == 0 ? pair.row : pair.partner();
+          sums[r][0] = m == value_matrix ? row_dot(matrix, n, row_of_value, blocks) : row_dot(matrix, n, row, blocks);
+        }
+      });
+}
+
+}  // namespace
+
+template <int32_t Id, class T, unsigned Matrices>
+void project_row(const kernel_launch& how, const one_row_input<Id, T>* input,
+                 const projection_arguments<T, Matrices>& arguments, c10::Device device) {
+  if constexpr (takes_eight_bit_input(support[Id])) {
+    project_q8_1<Id>(how, input, arguments, device);
+  } else {
+    project_units<Id>(how, input, arguments, device);
+  }
+}
+
+#define INSTANCE(T, ID, MATRICES)                                                               \
+  template void project_row<ID, T, MATRICES>(const kernel_launch&, const one_row_input<ID, T>*, \
+                                             const projection_arguments<T, MATRICES>&, c10::Device);
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_q4_0, 3)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp4, 3)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp8_e5m2, 3)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp6, 3)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_iq2_xxs, 3)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_iq2_xxs, 2)
+
+}  // namespace corvane

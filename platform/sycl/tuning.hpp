@@ -1,0 +1,52 @@
+// Constants that suit the host's processor: what a kernel may choose freely and chooses by measurement. Sanitizers and
+// instruction sets matter here and nowhere else outside platform/.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "platform/sycl/vector_types.hpp"
+
+namespace sycl::tuning {
+
+// Chains of dependent operations that are worth staging side by side. In Half and BFloat16 each operation waits for the
+// rounding of the one before it; in float and double more than two only cost registers.
+#if defined(__SANITIZE_ADDRESS__)  // GCC takes minutes over eight chains of instrumented code
+constexpr unsigned most_chains = 2;
+#elif defined(CORVANE_AVX512)
+constexpr unsigned most_chains = 8;
+#else  // half the registers, of half the width
+constexpr unsigned most_chains = 4;
+#endif
+template <class T>
+constexpr unsigned staged_chains = sizeof(T) == 2 ? most_chains : 2;
+
+// Sums that a weight row is spread over, unit by unit in turn: a sum waits for its own last rounding too.
+template <class T>
+constexpr unsigned sums_of_row = sizeof(T) == 2 ? 2 : 1;
+
+// Chains of a lane's sum over 16 elements under one scale.
+template <class T>
+constexpr unsigned chunk_chains = sizeof(T) == 2 ? 4 : 2;
+
+// Input rows of a small batch that a decoded code meets at once. In the 16-bit types the roundings are all of the cost,
+// in double the registers run out.
+template <class T>
+constexpr unsigned inputs_together = std::is_same_v<T, float> ? 4 : 2;
+
+// Row pairs of one matrix that follow each other in the fused projections: one stream of weights at a time.
+constexpr std::size_t streamed_pairs = 32;
+
+// An expansion's output of this size and more is stored past the caches: about what the last of them holds.
+constexpr std::uint64_t uncached_output_bytes = std::uint64_t{32} << 20;
+
+// Elements that an expansion takes at least at a time.
+constexpr std::uint32_t expanded_together = 4096;
+
+// Row tiles of 8 rows, and columns, that the systolic kernel takes together: a weight block is expanded once for 64
+// rows, an input block converted once for 32 columns.
+constexpr unsigned systolic_row_tiles = 8;
+constexpr unsigned systolic_columns = 32;
+
+}  // namespace sycl::tuning
