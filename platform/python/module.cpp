@@ -1,4 +1,4 @@
-// The Python module host_xpu: what a test, a benchmark or a profiler wants to know of the host device.
+// The Python module host_xpu._device: what a test, a benchmark or a profiler wants to know of the host device.
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -158,9 +158,7 @@ void define_memory(py::module_& module) {
 
 }  // namespace
 
-PYBIND11_MODULE(host_xpu, module) {
-  py::module_::import("torch");
-  module.doc() = "The XPU device that runs on the host's cores: its name, streams and kernel launches.";
+PYBIND11_MODULE(_device, module) {
   module.def(
       "device_name", [] { return host::device_name(); },
       "Name of the device: HOST_XPU_DEVICE_NAME as it stood when the device's library was loaded, else the processor's "
