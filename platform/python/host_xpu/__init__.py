@@ -3,8 +3,9 @@
 Importing it makes the device known to PyTorch: tensors move to "xpu".
 """
 
-import torch  # its libraries, which the device's own need
+import torch  # noqa: F401  (its libraries, which the device's own need, and its Python side, which is completed below)
 
+from host_xpu import _serialization
 from host_xpu._device import (
     LaunchList,
     LaunchRecord,
@@ -39,4 +40,6 @@ __all__ = [
     "synchronize",
 ]
 
+if not hasattr(torch, "xpu"):  # releases that know the device but have no Python side for it
+    _serialization.complete()
 del torch
