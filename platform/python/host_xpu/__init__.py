@@ -3,9 +3,8 @@
 Importing it makes the device known to PyTorch: tensors move to "xpu".
 """
 
-import torch  # noqa: F401  (its libraries, which the device's own need, and its Python side, which is completed below)
+import torch  # its libraries, which the device's own need
 
-from host_xpu import _serialization
 from host_xpu._device import (
     LaunchList,
     LaunchRecord,
@@ -23,6 +22,13 @@ from host_xpu._device import (
     synchronize,
 )
 
+if hasattr(torch, "xpu"):
+    from host_xpu._torch_xpu import complete as _complete
+else:
+    from host_xpu._serialization import complete as _complete
+_complete()
+del torch
+
 __all__ = [
     "LaunchList",
     "LaunchRecord",
@@ -39,7 +45,3 @@ __all__ = [
     "stream",
     "synchronize",
 ]
-
-if not hasattr(torch, "xpu"):  # releases that know the device but have no Python side for it
-    _serialization.complete()
-del torch
