@@ -18,19 +18,6 @@ namespace {
 using sycl::BFloat16;
 using sycl::Half;
 
-// From this many rows on, the libraries pack their operands if there are at least some 100 columns, and are several
-// times slower if there are fewer.
-constexpr std::size_t packed_rows = 16;
-
-// Whether the library reads the caller's memory itself. It has no fast product of Half; and where it packs a weight
-// from memory it walks 100 and more rows at once, which takes twice as long as reading them one after the other into
-// the cache first.
-template <class T>
-bool is_direct(const product_arguments<T>& p) {
-  if constexpr (std::is_same_v<T, BFloat16>) return has_bfloat16_product();
-  return std::is_same_v<T, float> && p.rows < packed_rows;
-}
-
 // --- staging: a tile of the weight is brought to the cache as floats, row by row, before its product
 // ------------------
 
@@ -79,21 +66,19 @@ struct tiling {
   std::size_t grain;       // pieces (tile, part) worth a fork
 };
 
-constexpr std::size_t rows_of_a_block = 128;  // beyond, the packed operands of a call leave the second-level cache
-
 std::size_t divide_up(std::size_t a, std::size_t b) { return (a + b - 1) / b; }
 
-// Tiles of products that pack are 128 to 255 columns. Few rows stream the weight: 64 columns are enough.
+// Tiles have up to twice the least columns of the rule, and fewer only where each core would not get one.
 template <class T>
-tiling tile(const product_arguments<T>& p) {
+tiling tile(const product_arguments<T>& p, const tile_rule& rule) {
   const auto workers = static_cast<std::size_t>(host::concurrency());
-  const std::size_t least = p.rows < packed_rows ? 64 : 128;
+  const std::size_t least = std::min(rule.least_columns, std::max<std::size_t>(64, p.columns / workers));
   tiling t{};
   t.tiles = std::max<std::size_t>(1, p.columns / least);
   if (t.tiles > workers) t.tiles -= t.tiles % workers;
   t.columns = divide_up(divide_up(p.columns, t.tiles), 16) * 16;
   t.tiles = divide_up(p.columns, t.columns);
-  t.block_rows = std::min(p.rows, rows_of_a_block);
+  t.block_rows = std::min(p.rows, rule.most_rows);
   t.row_parts = 1;
   if (t.tiles < workers) t.row_parts = std::min(divide_up(p.rows, 32), divide_up(workers, t.tiles));
   constexpr double floats_per_ns = 50, bytes_per_ns = 15, worth_a_fork_ns = 10'000;  // of one core, in rough figures
@@ -110,11 +95,8 @@ struct tile_part {
 
 template <class T>
 void direct_part(const product_arguments<T>& p, const tiling& t, const tile_part& part) {
-  // A product of one row reads the weight once and well; in BFloat16 a few of them beat one product of a few rows.
-  const bool row_by_row = std::is_same_v<T, BFloat16> && p.rows <= 4;
-  const std::size_t step = row_by_row ? 1 : t.block_rows;
-  for (std::size_t row = part.first_row; row < part.end_row; row += step) {
-    const std::size_t rows = std::min(step, part.end_row - row);
+  for (std::size_t row = part.first_row; row < part.end_row; row += t.block_rows) {
+    const std::size_t rows = std::min(t.block_rows, part.end_row - row);
     tile_product(product_tile<T>{p.x + row * p.depth, p.w + part.first_column * p.w_stride, p.w_stride,
                                  p.bias != nullptr ? p.bias + part.first_column : nullptr,
                                  p.y + row * p.columns + part.first_column, p.columns, rows, part.columns, p.depth});
@@ -142,8 +124,9 @@ void staged_part(const product_arguments<T>& p, const tiling& t, const tile_part
 
 template <class T>
 void product(const product_arguments<T>& p) {
-  const tiling t = tile(p);
-  const bool direct = is_direct(p);
+  const tile_rule rule = tile_rule_of<T>(p.rows);
+  const bool direct = rule.direct;
+  const tiling t = tile(p, rule);
   const bool widens = !direct && !std::is_same_v<T, float>;
   const float_buffer wide(widens ? p.rows * p.depth : 0);
   if (widens) widen(p.x, wide.get(), p.rows * p.depth);
@@ -156,13 +139,9 @@ void product(const product_arguments<T>& p) {
       part.columns = std::min(t.columns, p.columns - part.first_column);
       part.first_row = std::min(p.rows, i % t.row_parts * part_rows);
       part.end_row = std::min(p.rows, part.first_row + part_rows);
-      if constexpr (!std::is_same_v<T, Half>) {
-        if (direct) {
-          direct_part(p, t, part);
-          continue;
-        }
-      }
-      if constexpr (std::is_same_v<T, float>) {
+      if (direct) {
+        direct_part(p, t, part);
+      } else if constexpr (std::is_same_v<T, float>) {
         staged_part(p, t, part, p.x);
       } else {
         staged_part(p, t, part, wide.get());

@@ -6,7 +6,7 @@
 
 namespace xpu {
 
-template <class T>  // float, BFloat16
+template <class T>  // float, Half, BFloat16
 struct product_tile {
   const T* x;  // (rows, depth)
   const T* w;  // (columns, depth), rows w_stride elements apart
@@ -21,8 +21,17 @@ struct product_tile {
 template <class T>
 void tile_product(const product_tile<T>& tile);
 
-// Whether the library has a product of BFloat16 that this processor runs fast.
-bool has_bfloat16_product();
+// How the library is best called for a product of some rows.
+struct tile_rule {
+  bool direct;                // from the caller's memory; else a tile of the weight is widened to floats in the cache
+  std::size_t least_columns;  // of a tile, so far as there are as many
+  std::size_t most_rows;      // of a call
+};
+template <class T>
+tile_rule tile_rule_of(std::size_t rows);
+
+constexpr std::size_t few_rows = 15;          // with more, the libraries pack their operands
+constexpr std::size_t rows_of_a_block = 128;  // beyond, the packed operands of a call leave the second-level cache
 
 // As long as it lives, libraries that are called on this thread run on it alone.
 class one_thread {

@@ -18,6 +18,7 @@ namespace {
 
 using dnnl::memory;
 using sycl::BFloat16;
+using sycl::Half;
 
 const dnnl::engine& engine() {
   static const auto* cpu = new dnnl::engine(dnnl::engine::kind::cpu, 0);
@@ -30,7 +31,9 @@ dnnl::stream& stream() {
 }
 
 template <class T>
-constexpr memory::data_type data_type = std::is_same_v<T, float> ? memory::data_type::f32 : memory::data_type::bf16;
+constexpr memory::data_type data_type = std::is_same_v<T, float>  ? memory::data_type::f32
+                                        : std::is_same_v<T, Half> ? memory::data_type::f16
+                                                                  : memory::data_type::bf16;
 
 // One call's shape: x (rows, depth), w (columns, depth), y (rows, columns), each with the distance of its rows.
 struct call_shape {
@@ -95,19 +98,7 @@ void run_call(const call_shape& shape, const void* x, const void* w, const void*
   p->run.execute(stream(), arguments);
 }
 
-}  // namespace
-
-template <class T>
-void tile_product(const product_tile<T>& tile) {
-  const auto dim = [](std::size_t n) { return static_cast<memory::dim>(n); };
-  const call_shape shape{dim(tile.rows),     dim(tile.columns),  dim(tile.depth),      dim(tile.depth),
-                         dim(tile.w_stride), dim(tile.y_stride), tile.bias != nullptr, data_type<T>};
-  run_call(shape, tile.x, tile.w, tile.bias, tile.y);
-}
-
-template void tile_product(const product_tile<float>&);
-template void tile_product(const product_tile<BFloat16>&);
-
+// Whether the processor has the BFloat16 product.
 bool has_bfloat16_product() {
   static const bool has = [] {
     try {
@@ -119,5 +110,37 @@ bool has_bfloat16_product() {
   }();
   return has;
 }
+
+}  // namespace
+
+// oneDNN has no Half on most processors; and where it packs a weight from memory it walks 100 and more rows at once,
+// which takes twice as long as reading them one after the other into the cache first. Few rows stream the weight: 64
+// columns are enough.
+template <>
+tile_rule tile_rule_of<float>(std::size_t rows) {
+  return rows <= few_rows ? tile_rule{true, 64, rows} : tile_rule{false, 128, rows_of_a_block};
+}
+template <>
+tile_rule tile_rule_of<Half>(std::size_t rows) {
+  return {false, rows <= few_rows ? std::size_t{64} : std::size_t{128}, rows_of_a_block};
+}
+// A product of one row reads the weight once and well; in BFloat16 a few of them beat one product of a few rows.
+template <>
+tile_rule tile_rule_of<BFloat16>(std::size_t rows) {
+  return {has_bfloat16_product(), rows <= few_rows ? std::size_t{64} : std::size_t{128},
+          rows <= 4 ? 1 : rows_of_a_block};
+}
+
+template <class T>
+void tile_product(const product_tile<T>& tile) {
+  const auto dim = [](std::size_t n) { return static_cast<memory::dim>(n); };
+  const call_shape shape{dim(tile.rows),     dim(tile.columns),  dim(tile.depth),      dim(tile.depth),
+                         dim(tile.w_stride), dim(tile.y_stride), tile.bias != nullptr, data_type<T>};
+  run_call(shape, tile.x, tile.w, tile.bias, tile.y);
+}
+
+template void tile_product(const product_tile<float>&);
+template void tile_product(const product_tile<Half>&);
+template void tile_product(const product_tile<BFloat16>&);
 
 }  // namespace xpu
