@@ -39,6 +39,29 @@ add_library(torch_headers INTERFACE)
 target_include_directories(torch_headers SYSTEM INTERFACE ${torch_include_dirs})
 target_compile_definitions(torch_headers INTERFACE _GLIBCXX_USE_CXX11_ABI=${torch_cxx11_abi})
 
+
+# What this PyTorch has, asked of its own folders: __has_include would also find the headers of a distribution's PyTorch
+# in /usr/include.
+function(define_if_torch_has header definition)
+  foreach(folder ${torch_include_dirs})
+    if(EXISTS ${folder}/${header})
+      target_compile_definitions(torch_headers INTERFACE ${definition})
+      return()
+    endif()
+  endforeach()
+endfunction()
+define_if_torch_has(ATen/core/NamedTensor.h CORVANE_TORCH_NAMES_DIMENSIONS)
+define_if_torch_has(ATen/detail/AcceleratorHooksInterface.h CORVANE_TORCH_HAS_ACCELERATORS)
+
+# Which library multiplies dense tiles (platform/xpu/tile_product.hpp). Older releases call a BLAS that packs the weight
+# in each product and has no BFloat16: there it is oneDNN. Newer ones carry a oneDNN of their own, beside which a second
+# one of another version takes over symbols of the first: there it is their own product.
+if(torch_release VERSION_LESS 2.0)
+  set(torch_product onednn)
+else()
+  set(torch_product framework)
+endif()
+
 foreach(name torch torch_cpu c10 torch_python)
   find_library(${name}_library ${name} HINTS ${torch_library_dirs} REQUIRED)
 endforeach()

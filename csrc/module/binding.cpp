@@ -1,4 +1,5 @@
-// The Python module corvane: the operator table, in order. Nothing happens at initialisation but its registration.
+// The Python module corvane: the operator table, in order. Nothing happens at initialisation but its registration; the
+// package of the device, which tells the framework's Python side of it, is imported before.
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -11,6 +12,7 @@
 PYBIND11_MODULE(corvane, module) {
   using namespace corvane;
   namespace py = pybind11;
+  py::module_::import("host_xpu");
   module.def("forward_new", &linear_forward_new, "Linear forward (XPU) new format");
   module.def("forward_qkv", &linear_xpu_qkv, "Linear forward (XPU) qkv format", py::arg("input"), py::arg("weight_q"),
              py::arg("weight_k"), py::arg("weight_v"), py::arg("position_ids"), py::arg("cache_k"), py::arg("cache_v"),

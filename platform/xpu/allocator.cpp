@@ -12,6 +12,7 @@
 #include <cstring>
 #include <mutex>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/sycl/check_order.hpp"
@@ -60,6 +61,8 @@ void release(void* block) {
 }
 
 void drop_cached_blocks() {}
+
+std::size_t cached_bytes() { return 0; }
 
 #else
 
@@ -125,6 +128,11 @@ class block_cache {
     }
   }
 
+  std::size_t bytes() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return cached_bytes_;
+  }
+
   void drop() {
     const std::lock_guard<std::mutex> lock(mutex_);
     drop_cached();
@@ -169,19 +177,25 @@ void release(void* block) { cache().release(block); }
 
 void drop_cached_blocks() { cache().drop(); }
 
+std::size_t cached_bytes() { return cache().bytes(); }
+
 #endif
 
 class allocator final : public c10::Allocator {
  public:
   explicit allocator(c10::Device label) : label_(label) {}
 
-  c10::DataPtr allocate(std::size_t bytes) const override {
+  // allocate() is const in older releases of the framework and not so in newer ones: one of the two overrides it.
+  c10::DataPtr allocate(std::size_t bytes) { return std::as_const(*this).allocate(bytes); }
+  c10::DataPtr allocate(std::size_t bytes) const {
     if (bytes == 0) return {nullptr, label_};
     void* block = acquire(bytes);
     if (host::order_check()) std::memset(block, 0xFF, bytes);
     return {block, block, &release, label_};
   }
   c10::DeleterFnPtr raw_deleter() const override { return &release; }
+  // Overrides in newer releases.
+  void copy_data(void* target, const void* source, std::size_t bytes) const { std::memcpy(target, source, bytes); }
 
  private:
   c10::Device label_;
@@ -211,6 +225,7 @@ c10::DataPtr relabel(c10::DataPtr&& data, c10::Device device) {
 
 void empty_cache() { drop_cached_blocks(); }
 
+std::size_t memory_cached() { return cached_bytes(); }
 std::size_t memory_allocated() { return used_bytes; }
 std::size_t max_memory_allocated() { return peak_bytes; }
 void reset_peak_memory_stats() { peak_bytes = used_bytes.load(); }

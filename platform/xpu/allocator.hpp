@@ -25,6 +25,7 @@ void empty_cache();
 // most an eighth, or one cache line, larger than what was asked for.
 std::size_t memory_allocated();
 std::size_t max_memory_allocated();
+std::size_t memory_cached();  // of freed blocks that are kept
 void reset_peak_memory_stats();
 
 }  // namespace xpu

@@ -65,6 +65,10 @@ bool is_dtype(const Argument& argument) {
   return type->kind() == c10::TypeKind::ScalarTypeType;
 }
 
+bool is_half_to_float(const Argument& argument, const IValue& value) {
+  return value.isBool() && value.toBool() && argument.name() == "half_to_float";
+}
+
 // The arguments of one call on their way to the CPU kernel, and its results on their way back.
 class call {
  public:
@@ -74,6 +78,9 @@ class call {
 
   // The 16-bit floating type among the tensors and `dtype` arguments, else Undefined.
   at::ScalarType narrow_type() const { return narrow_; }
+
+  // Whether the operator is to widen its input, which CPU kernels refuse.
+  bool half_to_float() const { return half_to_float_; }
 
   // Pushes the results on the stack. `widen`: 16-bit floating tensors take part as float.
   void run(torch::jit::Stack* stack, bool widen) {
@@ -117,7 +124,10 @@ class call {
       const IValue& value = arguments_[i];
       if (value.isDevice()) results_stay_ |= value.toDevice().is_cpu();
       if (value.isInt() && is_dtype(formal[i])) dtype_ = static_cast<at::ScalarType>(value.toInt());
-      if (value.isBool() && formal[i].name() == "half_to_float" && value.toBool()) dtype_ = at::kFloat;
+      if (is_half_to_float(formal[i], value)) {
+        half_to_float_ = true;
+        dtype_ = at::kFloat;
+      }
       const bool index = value.isList() && !value.isTensorList();
       for_each_tensor(value, [&](const at::Tensor& tensor) {
         if (!tensor.defined()) return;
@@ -164,6 +174,7 @@ class call {
       return twins;
     }
     if (value.isDevice() && value.toDevice().is_xpu()) return c10::Device(c10::DeviceType::CPU);
+    if (is_half_to_float(formal, value)) return false;
     if (widen && value.isInt() && is_dtype(formal) && is_narrow(static_cast<at::ScalarType>(value.toInt()))) {
       return static_cast<int64_t>(at::kFloat);
     }
@@ -195,7 +206,8 @@ class call {
   std::vector<at::Tensor> outside_;  // CPU tensors among the arguments
   at::ScalarType narrow_ = at::ScalarType::Undefined;
   c10::optional<at::ScalarType> dtype_;  // of results, where it is asked for or plain
-  bool results_stay_ = false;            // a `device` argument asks for the CPU
+  bool half_to_float_ = false;
+  bool results_stay_ = false;  // a `device` argument asks for the CPU
 };
 
 }  // namespace
@@ -210,7 +222,7 @@ void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
   call c(op, arguments);
   const at::ScalarType narrow = c.narrow_type();
   if (narrow == at::ScalarType::Undefined) return c.run(stack, /*widen=*/false);
-  if (widened().has(schema, narrow)) return c.run(stack, /*widen=*/true);
+  if (c.half_to_float() || widened().has(schema, narrow)) return c.run(stack, /*widen=*/true);
   try {
     c.run(stack, /*widen=*/false);
   } catch (const c10::Error& error) {

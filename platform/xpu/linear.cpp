@@ -5,11 +5,12 @@
 #include <ATen/core/Tensor.h>
 #include <ATen/core/dispatch/Dispatcher.h>
 #include <ATen/ops/empty.h>
+#include <ATen/ops/linear.h>
 #include <ATen/ops/linear_native.h>
-#include <c10/core/GradMode.h>
 #include <torch/library.h>
 
 #include "platform/xpu/fallback.hpp"
+#include "platform/xpu/gradient.hpp"
 #include "platform/xpu/product.hpp"
 
 namespace xpu {
@@ -64,17 +65,14 @@ at::Tensor linear(const at::Tensor& input, const at::Tensor& weight, const optio
   return y;
 }
 
-bool needs_gradient(const at::Tensor& tensor) {
-  return tensor.defined() && ((c10::GradMode::is_enabled() && tensor.requires_grad()) || tensor._fw_grad(0).defined());
-}
-
 // The product has no derivative of its own: where one may be asked for, the framework's composition of differentiable
 // operators runs.
 at::Tensor linear_autograd(const at::Tensor& input, const at::Tensor& weight, const optional_tensor& bias) {
   if (needs_gradient(input) || needs_gradient(weight) || (has_value(bias) && needs_gradient(*bias))) {
     return at::native::linear(input, weight, bias);
   }
-  return linear(input, weight, bias);
+  const at::AutoDispatchBelowADInplaceOrView below_autograd;
+  return at::linear(input, weight, bias);  // and not the kernel itself: modes of the framework may stand before it
 }
 
 TORCH_LIBRARY_IMPL(aten, XPU, library) { library.impl("linear", TORCH_FN(linear)); }

@@ -75,6 +75,15 @@ at::Tensor copy_from(const at::Tensor& source, const at::Tensor& target, bool /*
   return target;
 }
 
+#ifdef CORVANE_TORCH_HAS_ACCELERATORS
+// Releases with an XPU device of their own do not ask _copy_from for its tensors.
+at::Tensor& copy(at::Tensor& target, const at::Tensor& source, bool non_blocking) {
+  if (!target.is_same(source)) copy_from(source, target, non_blocking);
+  return target;
+}
+TORCH_LIBRARY_IMPL(aten, XPU, library) { library.impl("copy_", TORCH_FN(copy)); }
+#endif
+
 at::Tensor copy_from_and_resize(const at::Tensor& source, const at::Tensor& target) {
   target.resize_(source.sizes());
   return copy_from(source, target, false);
@@ -111,7 +120,9 @@ void pass_copies_through(torch::Library& library) {
 }
 TORCH_LIBRARY_IMPL(aten, Conjugate, library) { pass_copies_through(library); }
 TORCH_LIBRARY_IMPL(aten, Negative, library) { pass_copies_through(library); }
+#ifdef CORVANE_TORCH_NAMES_DIMENSIONS
 TORCH_LIBRARY_IMPL(aten, Named, library) { pass_copies_through(library); }
+#endif
 
 }  // namespace
 }  // namespace xpu

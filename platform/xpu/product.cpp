@@ -1,144 +1,22 @@
-// The product is cut into tiles of columns (rows of the weight) and blocks of rows. Each tile is one call of oneDNN's
-// matrix product on one thread of our own pool: with a pool of its own beside ours the two would spin against each
-// other.
+// The product is cut into tiles of columns (rows of the weight) and blocks of rows. Each tile is one call of a
+// library's matrix product (tile_product.hpp) on one thread of our own pool: with a pool of its own beside ours the two
+// would spin against each other.
 #include "platform/xpu/product.hpp"
 
-#include <omp.h>
-
 #include <algorithm>
-#include <array>
 #include <cstring>
-#include <dnnl.hpp>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <type_traits>
-#include <unordered_map>
 
 #include "platform/sycl/parallel.hpp"
 #include "platform/sycl/simd.hpp"
 #include "platform/xpu/allocator.hpp"
+#include "platform/xpu/tile_product.hpp"
 
 namespace xpu {
 namespace {
 
-using dnnl::memory;
 using sycl::BFloat16;
 using sycl::Half;
-
-// oneDNN forks as many threads as OpenMP allows to the thread that calls it.
-class single_threaded {
- public:
-  single_threaded() : before_(omp_get_max_threads()) { omp_set_num_threads(1); }
-  ~single_threaded() { omp_set_num_threads(before_); }
-  single_threaded(const single_threaded&) = delete;
-  single_threaded& operator=(const single_threaded&) = delete;
-
- private:
-  int before_;
-};
-
-const dnnl::engine& engine() {
-  static const auto* cpu = new dnnl::engine(dnnl::engine::kind::cpu, 0);
-  return *cpu;
-}
-
-dnnl::stream& stream() {
-  thread_local dnnl::stream own(engine());
-  return own;
-}
-
-template <class T>
-constexpr memory::data_type data_type = std::is_same_v<T, float> ? memory::data_type::f32 : memory::data_type::bf16;
-
-// One call's shape: x (rows, depth), w (columns, depth), y (rows, columns), each with the distance of its rows.
-struct call_shape {
-  memory::dim rows, columns, depth, x_stride, w_stride, y_stride;
-  bool bias;
-  memory::data_type type;
-
-  memory::desc x() const { return {{rows, depth}, type, memory::dims{x_stride, 1}}; }
-  memory::desc w() const { return {{depth, columns}, type, memory::dims{1, w_stride}}; }
-  memory::desc y() const { return {{rows, columns}, type, memory::dims{y_stride, 1}}; }
-  memory::desc b() const { return bias ? memory::desc({1, columns}, type, memory::dims{columns, 1}) : memory::desc(); }
-
-  friend bool operator<(const call_shape& l, const call_shape& r) { return l.key() < r.key(); }
-
- private:
-  std::array<memory::dim, 8> key() const {
-    return {rows, columns, depth, x_stride, w_stride, y_stride, bias, static_cast<memory::dim>(type)};
-  }
-};
-
-struct primitive {
-  dnnl::matmul run;
-  memory::desc scratch;
-};
-
-std::shared_ptr<const primitive> make_primitive(const call_shape& shape) {
-  dnnl::primitive_attr attributes;
-  // The library's own scratchpad belongs to the thread that makes the primitive; other threads run it too.
-  attributes.set_scratchpad_mode(dnnl::scratchpad_mode::user);
-  const dnnl::matmul::desc description = shape.bias ? dnnl::matmul::desc(shape.x(), shape.w(), shape.b(), shape.y())
-                                                    : dnnl::matmul::desc(shape.x(), shape.w(), shape.y());
-  const dnnl::matmul::primitive_desc made(description, attributes, engine());
-  return std::make_shared<const primitive>(primitive{dnnl::matmul(made), made.scratchpad_desc()});
-}
-
-std::shared_ptr<const primitive> primitive_of(const call_shape& shape) {
-  constexpr std::size_t capacity = 1024;  // shapes; a program has a few dozen
-  static auto* lock = new std::shared_mutex;
-  static auto* known = new std::map<call_shape, std::shared_ptr<const primitive>>;
-  {
-    const std::shared_lock<std::shared_mutex> reading(*lock);
-    const auto found = known->find(shape);
-    if (found != known->end()) return found->second;
-  }
-  auto made = make_primitive(shape);
-  const std::unique_lock<std::shared_mutex> writing(*lock);
-  if (known->size() >= capacity) known->clear();
-  return known->emplace(shape, std::move(made)).first->second;
-}
-
-void run_call(const call_shape& shape, const void* x, const void* w, const void* bias, void* y) {
-  const auto p = primitive_of(shape);
-  const auto memory_of = [](const memory::desc& d, const void* data) {
-    return memory(d, engine(), const_cast<void*>(data));
-  };
-  const c10::DataPtr scratch = device_allocator()->allocate(p->scratch.get_size());
-  std::unordered_map<int, memory> arguments = {{DNNL_ARG_SRC, memory_of(shape.x(), x)},
-                                               {DNNL_ARG_WEIGHTS, memory_of(shape.w(), w)},
-                                               {DNNL_ARG_DST, memory_of(shape.y(), y)}};
-  if (shape.bias) arguments.emplace(DNNL_ARG_BIAS, memory_of(shape.b(), bias));
-  if (scratch.get() != nullptr) arguments.emplace(DNNL_ARG_SCRATCHPAD, memory_of(p->scratch, scratch.get()));
-  p->run.execute(stream(), arguments);
-}
-
-// Whether the processor has the BFloat16 product.
-bool has_bfloat16_product() {
-  static const bool has = [] {
-    try {
-      make_primitive({8, 16, 32, 32, 32, 16, false, memory::data_type::bf16});
-      return true;
-    } catch (const dnnl::error&) {
-      return false;
-    }
-  }();
-  return has;
-}
-
-// From this many rows on, oneDNN packs its operands if there are at least some 100 columns, and is several times slower
-// if there are fewer.
-constexpr std::size_t packed_rows = 16;
-
-// Whether oneDNN reads the caller's memory itself. It does not know Half; and where it packs a weight from memory it
-// walks 100 and more rows at once, which takes twice as long as reading them one after the other into the cache first.
-template <class T>
-bool is_direct(const product_arguments<T>& p) {
-  if constexpr (std::is_same_v<T, BFloat16>) return has_bfloat16_product();
-  return std::is_same_v<T, float> && p.rows < packed_rows;
-}
 
 // --- staging: a tile of the weight is brought to the cache as floats, row by row, before its product
 // ------------------
@@ -188,21 +66,19 @@ struct tiling {
   std::size_t grain;       // pieces (tile, part) worth a fork
 };
 
-constexpr std::size_t rows_of_a_block = 128;  // beyond, the packed operands of a call leave the second-level cache
-
 std::size_t divide_up(std::size_t a, std::size_t b) { return (a + b - 1) / b; }
 
-// Tiles of products that pack are 128 to 255 columns. Few rows stream the weight: 64 columns are enough.
+// Tiles have up to twice the least columns of the rule, and fewer only where each core would not get one.
 template <class T>
-tiling tile(const product_arguments<T>& p) {
+tiling tile(const product_arguments<T>& p, const tile_rule& rule) {
   const auto workers = static_cast<std::size_t>(host::concurrency());
-  const std::size_t least = p.rows < packed_rows ? 64 : 128;
+  const std::size_t least = std::min(rule.least_columns, std::max<std::size_t>(64, p.columns / workers));
   tiling t{};
   t.tiles = std::max<std::size_t>(1, p.columns / least);
   if (t.tiles > workers) t.tiles -= t.tiles % workers;
   t.columns = divide_up(divide_up(p.columns, t.tiles), 16) * 16;
   t.tiles = divide_up(p.columns, t.columns);
-  t.block_rows = std::min(p.rows, rows_of_a_block);
+  t.block_rows = std::min(p.rows, rule.most_rows);
   t.row_parts = 1;
   if (t.tiles < workers) t.row_parts = std::min(divide_up(p.rows, 32), divide_up(workers, t.tiles));
   constexpr double floats_per_ns = 50, bytes_per_ns = 15, worth_a_fork_ns = 10'000;  // of one core, in rough figures
@@ -219,16 +95,11 @@ struct tile_part {
 
 template <class T>
 void direct_part(const product_arguments<T>& p, const tiling& t, const tile_part& part) {
-  // A product of one row reads the weight once and well; in BFloat16 a few of them beat one product of a few rows.
-  const bool row_by_row = std::is_same_v<T, BFloat16> && p.rows <= 4;
-  const std::size_t step = row_by_row ? 1 : t.block_rows;
-  for (std::size_t row = part.first_row; row < part.end_row; row += step) {
-    const std::size_t rows = std::min(step, part.end_row - row);
-    const auto dim = [](std::size_t n) { return static_cast<memory::dim>(n); };
-    const call_shape shape{dim(rows),       dim(part.columns), dim(p.depth),      dim(p.depth),
-                           dim(p.w_stride), dim(p.columns),    p.bias != nullptr, data_type<T>};
-    run_call(shape, p.x + row * p.depth, p.w + part.first_column * p.w_stride,
-             p.bias != nullptr ? p.bias + part.first_column : nullptr, p.y + row * p.columns + part.first_column);
+  for (std::size_t row = part.first_row; row < part.end_row; row += t.block_rows) {
+    const std::size_t rows = std::min(t.block_rows, part.end_row - row);
+    tile_product(product_tile<T>{p.x + row * p.depth, p.w + part.first_column * p.w_stride, p.w_stride,
+                                 p.bias != nullptr ? p.bias + part.first_column : nullptr,
+                                 p.y + row * p.columns + part.first_column, p.columns, rows, part.columns, p.depth});
   }
 }
 
@@ -240,10 +111,8 @@ void staged_part(const product_arguments<T>& p, const tiling& t, const tile_part
   }
   for (std::size_t row = part.first_row; row < part.end_row; row += t.block_rows) {
     const std::size_t rows = std::min(t.block_rows, part.end_row - row);
-    const auto dim = [](std::size_t n) { return static_cast<memory::dim>(n); };
-    const call_shape shape{dim(rows),    dim(part.columns), dim(p.depth), dim(p.depth),
-                           dim(p.depth), dim(part.columns), false,        memory::data_type::f32};
-    run_call(shape, x + row * p.depth, w.get(), nullptr, y.get());
+    tile_product(product_tile<float>{x + row * p.depth, w.get(), p.depth, nullptr, y.get(), part.columns, rows,
+                                     part.columns, p.depth});
     for (std::size_t i = 0; i < rows; ++i) {
       narrow(y.get() + i * part.columns, p.bias != nullptr ? p.bias + part.first_column : nullptr,
              p.y + (row + i) * p.columns + part.first_column, part.columns);
@@ -255,27 +124,24 @@ void staged_part(const product_arguments<T>& p, const tiling& t, const tile_part
 
 template <class T>
 void product(const product_arguments<T>& p) {
-  const tiling t = tile(p);
-  const bool direct = is_direct(p);
+  const tile_rule rule = tile_rule_of<T>(p.rows);
+  const bool direct = rule.direct;
+  const tiling t = tile(p, rule);
   const bool widens = !direct && !std::is_same_v<T, float>;
   const float_buffer wide(widens ? p.rows * p.depth : 0);
   if (widens) widen(p.x, wide.get(), p.rows * p.depth);
   const std::size_t part_rows = divide_up(p.rows, t.row_parts);
   host::parallel_for(t.tiles * t.row_parts, t.grain, [&](std::size_t begin, std::size_t end) {
-    const single_threaded within;
+    const one_thread within;
     for (std::size_t i = begin; i < end; ++i) {
       tile_part part{};
       part.first_column = i / t.row_parts * t.columns;
       part.columns = std::min(t.columns, p.columns - part.first_column);
       part.first_row = std::min(p.rows, i % t.row_parts * part_rows);
       part.end_row = std::min(p.rows, part.first_row + part_rows);
-      if constexpr (!std::is_same_v<T, Half>) {
-        if (direct) {
-          direct_part(p, t, part);
-          continue;
-        }
-      }
-      if constexpr (std::is_same_v<T, float>) {
+      if (direct) {
+        direct_part(p, t, part);
+      } else if constexpr (std::is_same_v<T, float>) {
         staged_part(p, t, part, p.x);
       } else {
         staged_part(p, t, part, wide.get());

@@ -1,7 +1,10 @@
 #include "platform/xpu/relabel.hpp"
 
-#include <ATen/core/NamedTensor.h>
 #include <ATen/ops/zeros.h>
+
+#ifdef CORVANE_TORCH_NAMES_DIMENSIONS
+#include <ATen/core/NamedTensor.h>
+#endif
 
 #include "platform/xpu/allocator.hpp"
 #include "platform/xpu/stream.hpp"
@@ -17,7 +20,7 @@ void drop_storage(void* storage) {
 
 // A storage on `device` over the memory of another, which it keeps alive.
 c10::Storage share(const c10::Storage& storage, c10::Device device, c10::Allocator* allocator, bool resizable) {
-  void* memory = storage.data();
+  void* memory = storage.data_ptr().get();
   const std::size_t bytes = storage.nbytes();
   void* owner = c10::Storage(storage).unsafeReleaseStorageImpl();
   return c10::Storage(
@@ -35,7 +38,9 @@ at::Tensor same_view(const at::Tensor& like, c10::Storage storage, c10::Dispatch
   if (like.is_conj()) impl->_set_conj(true);
   if (like.is_neg()) impl->_set_neg(true);
   if (like.unsafeGetTensorImpl()->is_wrapped_number()) impl->set_wrapped_number(true);
+#ifdef CORVANE_TORCH_NAMES_DIMENSIONS
   if (like.has_names()) at::impl::internal_set_names_inplace(impl, like.opt_names(), /*validate_names=*/false);
+#endif
   return tensor;
 }
 

@@ -80,11 +80,17 @@ class StreamContext:
 def device_name() -> str:
     """Name of the device: HOST_XPU_DEVICE_NAME as it stood when the device's library was loaded, else the processor's."""
 
+def concurrency() -> int:
+    """Threads that a launch runs on."""
+
 def synchronize() -> None:
     """Waits until all streams have run everything submitted to them."""
 
 def current_stream() -> Stream:
     """The current stream of the calling thread."""
+
+def set_current_stream(id: int) -> None:
+    """Makes the stream of this number the current stream of the calling thread."""
 
 def stream(stream: Stream) -> StreamContext:
     """Context manager: within it `stream` is the current stream of the calling thread."""
@@ -97,6 +103,9 @@ def max_memory_allocated() -> int:
 
 def reset_peak_memory_stats() -> None:
     """Sets max_memory_allocated() to memory_allocated()."""
+
+def memory_cached() -> int:
+    """Bytes of freed blocks that are kept for reuse."""
 
 def empty_cache() -> None:
     """Gives freed blocks, which are kept for reuse, back to the system."""

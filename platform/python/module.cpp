@@ -1,4 +1,4 @@
-// The Python module host_xpu: what a test, a benchmark or a profiler wants to know of the host device.
+// The Python module host_xpu._device: what a test, a benchmark or a profiler wants to know of the host device.
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/sycl/parallel.hpp"
 #include "platform/sycl/queue.hpp"
 #include "platform/xpu/allocator.hpp"
 #include "platform/xpu/stream.hpp"
@@ -143,6 +144,14 @@ void define_streams(py::module_& module) {
       "stream", [](const c10::Stream& s) { return stream_context(s); }, py::arg("stream"),
       "Context manager: within it `stream` is the current stream of the calling thread.");
   module.def("current_stream", &xpu::current_stream, "The current stream of the calling thread.");
+  module.def(
+      "set_current_stream",
+      [](c10::StreamId id) {
+        const c10::Stream stream(c10::Stream::UNSAFE, xpu::device(), id);
+        xpu::get_queue_from_stream(stream);  // refuses numbers of no stream
+        xpu::exchange_current_stream(stream);
+      },
+      py::arg("id"), "Makes the stream of this number the current stream of the calling thread.");
 }
 
 void define_memory(py::module_& module) {
@@ -153,18 +162,18 @@ void define_memory(py::module_& module) {
              "The most bytes that tensors held at a time, since the start or the last reset_peak_memory_stats().");
   module.def("reset_peak_memory_stats", &xpu::reset_peak_memory_stats,
              "Sets max_memory_allocated() to memory_allocated().");
+  module.def("memory_cached", &xpu::memory_cached, "Bytes of freed blocks that are kept for reuse.");
   module.def("empty_cache", &xpu::empty_cache, "Gives freed blocks, which are kept for reuse, back to the system.");
 }
 
 }  // namespace
 
-PYBIND11_MODULE(host_xpu, module) {
-  py::module_::import("torch");
-  module.doc() = "The XPU device that runs on the host's cores: its name, streams and kernel launches.";
+PYBIND11_MODULE(_device, module) {
   module.def(
       "device_name", [] { return host::device_name(); },
       "Name of the device: HOST_XPU_DEVICE_NAME as it stood when the device's library was loaded, else the processor's "
       "brand.");
+  module.def("concurrency", &host::concurrency, "Threads that a launch runs on.");
   module.def("synchronize", &xpu::synchronize, "Waits until all streams have run everything submitted to them.");
   define_streams(module);
   define_memory(module);
