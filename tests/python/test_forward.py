@@ -110,6 +110,24 @@ def test_two_rows_of_a_small_batch_are_two_calls(dtype, device_class):
         assert torch.equal(both, torch.cat([first, second]))
 
 
+@pytest.mark.parametrize("name", ["nf4", "q4_0"])
+def test_rows_of_a_small_batch_do_not_know_of_each_other(name, device_class):
+    """A value so small that bfloat16 results cannot be rounded in pairs concerns its own row alone."""
+    k, qtype = 1088, FORMATS[name].qtype
+    rows = on_device(random_input(5, k, "bfloat16", 7), "bfloat16")
+    data = on_device(random_weight(name, 34, k, 7))
+    with environment({"VOREL_LLM_SYSDOT_DISABLED": "1"}):
+        plain = corvane.forward_new(rows, data, qtype, 0)
+        for spoilt in range(5):
+            x = rows.clone()
+            x[spoilt, 3] = 1e-30
+            y = corvane.forward_new(x, data, qtype, 0)
+            others = [row for row in range(5) if row != spoilt]
+            assert torch.equal(y[others], plain[others])
+            if device_class not in (0, 5):  # where a group of the one-row kernel has two rows as well
+                assert torch.equal(y[[spoilt]], corvane.forward_new(x[[spoilt]], data, qtype, 0))
+
+
 @pytest.mark.parametrize("n", [3, 5])
 @pytest.mark.parametrize("dtype", DTYPES)
 def test_small_batch_with_odd_output_size(n, dtype, device_class):
