@@ -28,9 +28,10 @@ void expand_fp8_e4m3(const at::Tensor& weight, at::Tensor& expanded) {
     dequantize_fp8_e4m3_kernel<T>(bytes, bytes + codes * blocks, expanded.data_ptr<T>(), whole, weight.device());
   }
   if (rest == 0) return;
+  const at::Tensor flat = weight.view(-1);
   at::Tensor copy = at::zeros({step * (codes + scale)}, weight.options());
-  copy.narrow(0, 0, codes * rest).copy_(weight.narrow(0, codes * whole, codes * rest));
-  copy.narrow(0, codes * step, scale * rest).copy_(weight.narrow(0, codes * blocks + scale * whole, scale * rest));
+  copy.narrow(0, 0, codes * rest).copy_(flat.narrow(0, codes * whole, codes * rest));
+  copy.narrow(0, codes * step, scale * rest).copy_(flat.narrow(0, codes * blocks + scale * whole, scale * rest));
   at::Tensor values = at::empty({step * codes}, expanded.options());
   const auto* copied = copy.data_ptr<uint8_t>();
   dequantize_fp8_e4m3_kernel<T>(copied, copied + codes * step, values.data_ptr<T>(), step, weight.device());

@@ -291,3 +291,13 @@ def test_tail_bytes_and_further_dimensions_are_not_looked_at():
     expected, bound = matrix_vector("q4_0", data, n, k, x, "float")
     longer = torch.cat([torch.from_numpy(data), torch.full((33,), 255, dtype=torch.uint8)]).to("xpu")
     assert_close(corvane.forward_new(on_device(x, "float").view(1, k, 1), longer, 2, 1), expected, bound)
+
+
+@pytest.mark.parametrize("rows", [1, 3, 100])
+@pytest.mark.parametrize("name", FORMATS)
+def test_the_shape_of_a_weight_behind_its_first_dimension_changes_nothing(name, rows):
+    n, k = (8 if name in ("fp6", "fp6_k") else 5), whole_rows(name, 192)  # 5: the last thread's blocks are not whole
+    x, data = on_device(random_input(rows, k, "float", 6), "float"), on_device(random_weight(name, n, k, 6))
+    flat = corvane.forward_new(x, data, FORMATS[name].qtype, 0)
+    for packed in (data[:, None], torch.cat([data, data])[:, None].view(-1, 2), data[:, None, None]):
+        assert torch.equal(corvane.forward_new(x, packed, FORMATS[name].qtype, 0), flat)
