@@ -9,12 +9,13 @@ import numpy as np
 import pytest
 import torch
 from reference import geometry, paths
+from reference.formats import decode
 from reference.forward import forward
 from reference.linear import matrix_vector, random_input
 from reference.paths import QUANTISED
 from reference.random_weights import blank_weight, random_weight
-from reference.registry import FORMATS
-from tensors import DTYPES, assert_close, assert_launches, bytes_behind, environment, on_device, refusal
+from reference.registry import FORMATS, plane_views
+from tensors import DTYPES, assert_close, assert_launches, bytes_behind, environment, on_device, refusal, to_numpy
 
 BLOCK_256 = [name for name, f in FORMATS.items() if f.block_elements == 256]
 SYSTOLIC = ["q4_0", "q8_0", "fp8_e4m3", "fp8_e5m2"]
@@ -96,6 +97,16 @@ def test_tiles(name, rows, dtype, device_class):
     for n, changed in ((40, {}), (41, {}), (41, {"TILE_SIZE": "4096"}), (41, {"TARN_LLM_LOW_MEM": "2"})):
         for row_hint in (128, 129):
             run(name, n, 320, rows, dtype, device_class, env | changed, row_hint)
+
+
+@pytest.mark.parametrize(("name", "n"), [("q4_0", 50000), ("q4_0", 50008), ("q8_0", 49992), ("q8_0", 50000)])
+def test_the_tile_threshold_without_environment(name, n, device_class):
+    env, f = {"TARN_LLM_LOW_MEM": "1"}, FORMATS[name]
+    with environment(env), host_xpu.record_launches() as records:
+        data = torch.zeros(n * f.block_bytes, dtype=torch.uint8, device="xpu")
+        corvane.forward_new(torch.zeros(70, 64, dtype=torch.half, device="xpu"), data, f.qtype, 129)
+    outcome = paths.select(device_class, f.qtype, 70, n, 64, "half", env, 129)
+    assert [(r.kernel, r.waited) for r in records] == list(outcome.launches)
 
 
 @pytest.mark.parametrize("dtype", DTYPES)
@@ -219,6 +230,19 @@ def test_q2_k_a_lane_of_8_bit_products_becomes_a_half():
 def test_q8_1_rows_of_an_odd_number_of_blocks_end_there():
     data, (block,) = blank_weight("iq2_xxs", float("inf"))
     assert one_output("iq2_xxs", data, torch.ones(256), "float") == float("inf")  # no infinity times what is not there
+
+
+@pytest.mark.parametrize("dtype", ["float", "double"])
+@pytest.mark.parametrize(("name", "scales"), [("iq2_xxs", (0, 2)), ("iq1_s", (0, 2)), ("q2_k", (80, 84))])
+def test_q8_1_products_are_exact_where_nothing_rounds(name, scales, dtype):
+    """Whole inputs with a 127 in each block are their own codes; scales of 1 leave sums of eighths that a float holds."""
+    n, k = 5, 3 * 256
+    data, rng = random_weight(name, n, k, 8), np.random.default_rng(8)
+    plane_views(name, data, 3 * n)[0][:, slice(*scales)] = [0x00, 0x3C] * ((scales[1] - scales[0]) // 2)
+    x = rng.integers(-3, 4, (1, k))
+    x[0, np.arange(0, k, 32) + rng.integers(0, 32, k // 32)] = rng.choice([-127, 127], k // 32)
+    y = corvane.forward_new(on_device(x, dtype), on_device(data), FORMATS[name].qtype, 1)
+    np.testing.assert_array_equal(to_numpy(y), x @ decode(name, data, n, k).T)
 
 
 # --- sizes ------------------------------------------------------------------------------------------------------------
