@@ -35,9 +35,6 @@ class byte_source {
     return n < std::size(list) ? list[n] : static_cast<int64_t>(word());
   }
 
-  const uint8_t* rest() const { return at_; }
-  size_t rest_size() const { return static_cast<size_t>(end_ - at_); }
-
  private:
   const uint8_t *at_, *end_;
 };

@@ -85,11 +85,15 @@ const format* format_of(int64_t qtype) {
     format is;
   };
   static constexpr entry all[] = {
-      {2, {"q4_0", 64, 34}},    {3, {"q4_1", 64, 36}},      {6, {"q5_0", 64, 44}},      {7, {"q5_1", 64, 44}},
-      {8, {"q8_0", 64, 68}},    {10, {"nf4", 64, 34}},      {11, {"nf3", 64, 26}},      {15, {"fp8_e4m3", 64, 68}},
-      {16, {"fp4", 64, 34}},    {19, {"fp8_e5m2", 64, 68}}, {21, {"iq2_xxs", 256, 66}}, {23, {"q2_k", 256, 84}},
-      {24, {"iq1_s", 256, 50}}, {26, {"q6_k", 256, 210}},   {27, {"q4_k", 256, 148}},   {28, {"q5_k", 256, 176}},
-      {29, {"fp6", 64, 50}},    {30, {"fp6_k", 256, 210}},
+      {2, {"q4_0", 64, 34, true, 32, 1}},      {3, {"q4_1", 64, 36, true, 32, 2}},
+      {6, {"q5_0", 64, 44, false, 0, 2}},      {7, {"q5_1", 64, 44, false, 0, 2}},
+      {8, {"q8_0", 64, 68, true, 64, 0}},      {10, {"nf4", 64, 34, true, 32, 1}},
+      {11, {"nf3", 64, 26, true, 24, 1}},      {15, {"fp8_e4m3", 64, 68, true, 64, 0}},
+      {16, {"fp4", 64, 34, true, 32, 1}},      {19, {"fp8_e5m2", 64, 68, true, 64, 0}},
+      {21, {"iq2_xxs", 256, 66, false, 0, 1}}, {23, {"q2_k", 256, 84, false, 80, 2}},
+      {24, {"iq1_s", 256, 50, false, 0, 1}},   {26, {"q6_k", 256, 210, true, 208, 1}},
+      {27, {"q4_k", 256, 148, true, 144, 2}},  {28, {"q5_k", 256, 176, false, 0, 2}},
+      {29, {"fp6", 64, 50, true, 48, 1}},      {30, {"fp6_k", 256, 210, true, 208, 1}},
   };
   for (const entry& f : all) {
     if (f.id == qtype) return &f.is;
@@ -189,52 +193,18 @@ element decode(int32_t qtype, const uint8_t* weight, size_t blocks, size_t index
 }
 
 void set_scales(int32_t qtype, uint8_t* weight, size_t blocks, uint64_t seed) {
-  // Where a block's scales stand: planar formats have them all behind the planes before, interleaved ones in the block.
-  struct place {
-    bool planar;
-    unsigned at, halfs;  // 0 halfs: one float
-  };
-  const place p = [&]() -> place {
-    switch (qtype) {
-      case 3:
-        return {true, 32, 2};
-      case 6:
-      case 7:
-      case 28:
-        return {false, 0, 2};
-      case 8:
-      case 15:
-      case 19:
-        return {true, 64, 0};
-      case 11:
-        return {true, 24, 1};
-      case 21:
-      case 24:
-        return {false, 0, 1};
-      case 23:
-        return {false, 80, 2};
-      case 26:
-      case 30:
-        return {true, 208, 1};
-      case 27:
-        return {true, 144, 2};
-      case 29:
-        return {true, 48, 1};
-      default:
-        return {true, 32, 1};
-    }
-  }();
+  const format& f = *format_of(qtype);
   random_bits random(seed);
   for (size_t b = 0; b < blocks; ++b) {
-    const size_t bytes = p.halfs == 0 ? 4 : 2 * p.halfs;
-    uint8_t* to = weight + (p.planar ? p.at * blocks + bytes * b : format_of(qtype)->block_bytes * b + p.at);
+    const size_t bytes = f.halfs == 0 ? 4 : 2 * f.halfs;
+    uint8_t* to = weight + (f.planar ? f.scales_at * blocks + bytes * b : f.block_bytes * b + f.scales_at);
     const uint64_t bits = random.next();
-    if (p.halfs == 0) {
+    if (f.halfs == 0) {
       const uint32_t word = (bits >> 63) << 31 | (121 + bits % 6) << 23 | (bits >> 20 & 0x7FFFFF);
       std::memcpy(to, &word, 4);
       continue;
     }
-    for (unsigned i = 0; i < p.halfs; ++i) {
+    for (unsigned i = 0; i < f.halfs; ++i) {
       const uint64_t part = bits >> (32 * i);
       const auto word = static_cast<uint16_t>((part & 1) << 15 | (9 + (part >> 1) % 6) << 10 | (part >> 16 & 1023));
       std::memcpy(to + 2 * i, &word, 2);

@@ -24,6 +24,10 @@ struct element {
 struct format {
   const char* name;
   unsigned block_elements, block_bytes;
+  // Where a block's scales stand: in a planar format behind the bytes that the planes before have for a block, else in
+  // the block. 0 halfs: one float.
+  bool planar;
+  unsigned scales_at, halfs;
 };
 const format* format_of(int64_t qtype);  // null: the id names none
 

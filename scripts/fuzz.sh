@@ -1,55 +1,52 @@
 #!/usr/bin/env bash
-# Sets up, builds and runs the fuzzers of fuzz/: each for some seconds, from its seeds and what earlier runs found
+# Sets up, builds and runs the fuzzer of fuzz/ for some seconds, from its seeds and what earlier runs found
 # (build/fuzz/corpus). Fails on a finding, and says how to run it again.
 #
-#   scripts/fuzz.sh [seconds for each fuzzer]    60 by default
+#   scripts/fuzz.sh [seconds]    60 by default
 #
 # FUZZ_SEED=<number> makes the inputs the same in each run, as far as the time takes them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds=${1:-60}
-[[ $seconds =~ ^[1-9][0-9]*$ ]] || { echo "usage: scripts/fuzz.sh [seconds for each fuzzer]" >&2; exit 2; }
+[[ $seconds =~ ^[1-9][0-9]*$ ]] || { echo "usage: scripts/fuzz.sh [seconds]" >&2; exit 2; }
 
 scripts/setup.sh clang libclang-rt-dev
-scripts/build.sh fuzz fuzzers
+scripts/build.sh fuzz fuzz_surface
 
 . scripts/device_names.sh
 
-build=build/fuzz findings=build/fuzz/findings
-mkdir -p "$findings"
+build=build/fuzz findings=build/fuzz/findings corpus=build/fuzz/corpus/surface
+mkdir -p "$findings" "$corpus"
 failed=0
 
-# fuzz <fuzzer> <seconds> <device name>
+# fuzz <seconds> <device name>
 fuzz() {
-  local target=$1 corpus=$build/corpus/$1 log status=0
-  mkdir -p "$corpus"
+  local log status=0
   log=$(mktemp)
   # One thread: the pool belongs to the platform's own tests, and a run can be repeated. Inputs are small, contents
   # follow from seeds in them. malloc_limit: an allocation that is too large is refused before, by the sanitizer.
-  HOST_XPU_DEVICE_NAME=$3 OMP_NUM_THREADS=1 "$build/fuzz_$target" "$corpus" "fuzz/corpus/$target" \
-    -max_total_time="$2" -max_len=160 -timeout=30 -rss_limit_mb=4096 -malloc_limit_mb=2048 \
-    -seed="${FUZZ_SEED:-0}" -artifact_prefix="$findings/$target-" >"$log" 2>&1 || status=$?
+  HOST_XPU_DEVICE_NAME=$2 OMP_NUM_THREADS=1 "$build/fuzz_surface" "$corpus" fuzz/corpus/surface \
+    -max_total_time="$1" -max_len=160 -timeout=30 -rss_limit_mb=4096 -malloc_limit_mb=2048 \
+    -seed="${FUZZ_SEED:-0}" -artifact_prefix="$findings/" >"$log" 2>&1 || status=$?
   if ((status == 0)); then
-    printf 'fuzz: %-12s %-24s %s\n' "$target" "$3" "$(grep '^Done' "$log")"
+    printf 'fuzz: %-24s %s\n' "$2" "$(grep '^Done' "$log")"
   else
     failed=1
     grep -vE '^#[0-9]+|NEW_FUNC|^INFO' "$log" || true
-    echo "fuzz: $target failed with status $status on \"$3\"" >&2
+    echo "fuzz: failed with status $status on \"$2\"" >&2
     local file
     file=$(sed -n 's/.*Test unit written to //p' "$log")
     if [[ -n $file ]]; then
-      echo "fuzz: again: HOST_XPU_DEVICE_NAME=\"$3\" OMP_NUM_THREADS=1 $build/fuzz_$target $file" >&2
+      echo "fuzz: again: HOST_XPU_DEVICE_NAME=\"$2\" OMP_NUM_THREADS=1 $build/fuzz_surface $file" >&2
     fi
   fi
   rm -f "$log"
 }
 
-fuzz environment "$seconds" ""
-fuzz moe_indexes "$seconds" ""
-# A process has one device class: the operators' fuzzer runs once for each.
+# A process has one device class: the fuzzer runs once for each.
 classes=${#device_names[@]}
-for name in "${device_names[@]}"; do fuzz surface $(((seconds + classes - 1) / classes)) "$name"; done
+for name in "${device_names[@]}"; do fuzz $(((seconds + classes - 1) / classes)) "$name"; done
 
 ((failed == 0)) || { echo "fuzz: failed; what becomes of a finding: fuzz/README.md" >&2; exit 1; }
 echo "fuzz: all passed"

@@ -6,7 +6,7 @@
 #   scripts/test.sh --quick     the release build, the Python tests on two device classes
 #   scripts/test.sh --sanitize  under the address and undefined-behaviour sanitizers, on two device classes
 #   scripts/test.sh --thread    the tests of pool, queue and groups under the thread sanitizer
-#   scripts/test.sh --fuzz      each fuzzer for a minute (scripts/fuzz.sh)
+#   scripts/test.sh --fuzz      the fuzzer for a minute (scripts/fuzz.sh)
 #   scripts/test.sh --ci        all of this
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -78,7 +78,7 @@ test_thread() {
   run "thread: C++ of pool, queue and groups" build/thread/platform_tests --gtest_brief=1
 }
 
-test_fuzz() { run "fuzz: a minute each" env FUZZ_SEED=1 scripts/fuzz.sh 60; }
+test_fuzz() { run "fuzz: a minute" env FUZZ_SEED=1 scripts/fuzz.sh 60; }
 
 case $mode in
   all) test_all ;;

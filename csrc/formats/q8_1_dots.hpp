@@ -8,13 +8,16 @@
 //   step                        weight blocks that one call of dots() takes
 //   staged, stage(y, n, staged) activations of `step` blocks, of which n exist
 //   dots(weight, staged)        16 floats whose sum is the product of `step` blocks with their activations. For iq2_xxs
-//                               and iq1_s lane g is what the vec_dot function gives for group g % 8 of block g / 8.
+//                               and iq1_s lane g is the product of group g % 8, 32 elements, of block g / 8.
 //   tail(weight, staged)        for a step of two: the same when only the first is left; the other eight lanes are 0
 #pragma once
 
 #include <memory>
 
 #include "formats/byte_table.hpp"
+#include "formats/iq1_s.hpp"
+#include "formats/iq2_xxs.hpp"
+#include "formats/q2_k.hpp"
 #include "formats/q8_1.hpp"
 #include "platform/sycl/bytes.hpp"
 

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <ATen/core/Tensor.h>
+#include <c10/core/GradMode.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "frame/check.hpp"
@@ -25,6 +27,18 @@ inline void check_contiguous(const argument& a, const origin& where) {
 inline void check_device(const argument& a, c10::Device device, const origin& where) {
   if (a.tensor.device() != device) {
     fail(where, std::string(a.name) + " must be on " + device.str() + ", found on " + a.tensor.device().str());
+  }
+}
+
+// Operators compute no gradients: what they return and write would lose one without a word.
+inline void check_no_gradients(std::initializer_list<argument> floating, const origin& where) {
+  const bool recording = c10::GradMode::is_enabled();
+  for (const argument& a : floating) {
+    if ((recording && a.tensor.requires_grad()) || a.tensor._fw_grad(0).defined()) {
+      fail(where, std::string(a.name) +
+                      " requires a gradient, which no operator of corvane computes: call it under torch.no_grad(), or "
+                      "pass a detached tensor");
+    }
   }
 }
 

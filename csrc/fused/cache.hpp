@@ -12,7 +12,7 @@ namespace corvane {
 at::Tensor longer_view(const argument& cache, const origin& where);
 
 // Refuses a cache (1, heads, positions, head_size) in which `heads` vectors of head_size elements at position
-// kv_seq_len would not lie dense, apart from each other and from the other positions, and inside the storage.
+// kv_seq_len would not lie dense, apart from each other and from the positions before, and inside the storage.
 void check_room(const argument& cache, int64_t heads, int64_t head_size, int64_t kv_seq_len, const origin& where);
 
 }  // namespace corvane

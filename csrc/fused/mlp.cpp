@@ -47,6 +47,7 @@ void check_tensors(const mlp_call& call, int32_t id, const origin& where) {
                     std::to_string(input.numel()) + " elements" +
                     (input.dim() < 1 ? "" : " in rows of " + std::to_string(input.size(-1))));
   }
+  check_no_gradients({{"input", input}}, where);
 }
 
 template <int32_t Id>

@@ -1,10 +1,11 @@
-// The input row of a launch as the lanes of its kernel hold it, made once for all work-groups.
+// The input rows of a launch as the lanes of its kernel hold them, made once for all work-groups.
 //
 // Half and BFloat16 lanes are held widened to float: widening 16 of them takes one or two instructions, and with two
 // rows to a group that is a fifth of a kernel's work. Formats with an offset need the sums of the input over each unit.
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "formats/reader.hpp"
 
@@ -39,30 +40,36 @@ struct row_input {
   bool pairable;                  // BFloat16: rounding in pairs loses nothing
 };
 
-// The input row of one launch, and what row_input points to beside it.
+// The input rows of one launch, of `units` units each, and what row_input points to beside them. Rows lie behind each
+// other, so that the view of one reaches those that follow.
 template <class T>
 class prepared_row {
  public:
-  prepared_row(const T* input, uint32_t units, bool with_sums = false) : input_(input), units_(units) {
+  prepared_row(const T* input, uint32_t units, bool with_sums = false, uint64_t rows = 1)
+      : input_(input), units_(units), views_(rows) {
+    const sycl::lane_of<T>* lanes;
     if constexpr (sizeof(T) == 2) {
-      widened_ = std::make_unique_for_overwrite<line[]>(uint64_t{4} * units);
-      view_.lanes = widened_.get()->lane;
+      widened_ = std::make_unique_for_overwrite<line[]>(rows * units * lines);
+      lanes = widened_.get()->lane;
     } else {
-      view_.lanes = input;
+      lanes = input;
     }
-    if (with_sums) {
-      sums_ = std::make_unique_for_overwrite<line[]>(units);
-      view_.sums = sums_.get()->lane;
+    if (with_sums) sums_ = std::make_unique_for_overwrite<line[]>(rows * units);
+    for (uint64_t row = 0; row < rows; ++row) {
+      views_[row].lanes = lanes + row * units * unit_elements;
+      if (with_sums) views_[row].sums = sums_[row * units].lane;
     }
   }
 
   // To be called before the first work-group reads view().
   void prepare() {
-    if constexpr (sizeof(T) == 2) widen();
-    if (sums_) add_up();
+    for (uint64_t row = 0; row < views_.size(); ++row) {
+      if constexpr (sizeof(T) == 2) widen(row);
+      if (sums_) add_up(row);
+    }
   }
 
-  const row_input<T>& view() const { return view_; }
+  const row_input<T>& view(uint64_t row = 0) const { return views_[row]; }
   uint32_t units() const { return units_; }
 
  private:
@@ -70,30 +77,32 @@ class prepared_row {
   struct alignas(64) line {
     sycl::lane_of<T> lane[16];
   };
+  static constexpr unsigned lines = unit_elements / 16;  // of a unit
 
-  void widen() {
+  void widen(uint64_t row) {
     tiny_lanes<T> tiny;
-    for (uint64_t i = 0; i < uint64_t{4} * units_; ++i) {
+    const uint64_t first = row * units_ * lines;
+    for (uint64_t i = first; i < first + uint64_t{lines} * units_; ++i) {
       const lanes x = lanes::load(input_ + 16 * i);
       x.store_lanes(widened_[i].lane);
       tiny.look_at(x);
     }
-    view_.pairable = !tiny.any();
+    views_[row].pairable = !tiny.any();
   }
 
-  void add_up() {
+  void add_up(uint64_t row) {
     for (uint32_t u = 0; u < units_; ++u) {
-      const sycl::lane_of<T>* x = view_.lanes + uint64_t{unit_elements} * u;
+      const sycl::lane_of<T>* x = views_[row].lanes + uint64_t{unit_elements} * u;
       const lanes low = lanes::load_lanes(x) + lanes::load_lanes(x + 16);
       const lanes high = lanes::load_lanes(x + 32) + lanes::load_lanes(x + 48);
-      (low + high).store_lanes(sums_[u].lane);
+      (low + high).store_lanes(sums_[row * units_ + u].lane);
     }
   }
 
   const T* input_;
   uint32_t units_;
   std::unique_ptr<line[]> widened_, sums_;
-  row_input<T> view_{};
+  std::vector<row_input<T>> views_;
 };
 
 }  // namespace corvane

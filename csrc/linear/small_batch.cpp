@@ -41,7 +41,7 @@ void small_batch(const kernel_launch& how, const T* input, const uint8_t* weight
   check_whole_blocks(state_size, registry[Id].block_elements, where);
 
   const auto planes = reader::locate(weight, state_size, output_size);
-  prepared_row<T> prepared(input, static_cast<uint32_t>(rows * (state_size / unit_elements)));
+  prepared_row<T> prepared(input, static_cast<uint32_t>(state_size / unit_elements), false, rows);
   const auto prepare = [&prepared] { prepared.prepare(); };
   // Groups (g, h): the pairs of weight rows g and of input rows h, as far as they exist.
   const auto kernel = [&](const sycl::group_cluster<2>& groups) {
@@ -49,17 +49,24 @@ void small_batch(const kernel_launch& how, const T* input, const uint8_t* weight
     const auto count =
         static_cast<unsigned>(std::min<uint64_t>(groups.count(0) * rows_together, output_size - first_row));
     const uint64_t inputs = std::min<uint64_t>(rows - first_input, groups.count(1) * input_rows);
-    row_input<T> x = prepared.view();
-    x.lanes += first_input * state_size;
-    const auto multiply = [&](auto inputs) {
-      multiply_rows<inputs, reader>(x, planes, first_row, count, state_size, output_size,
-                                    output + first_input * output_size);
+    const auto multiply = [&](auto inputs, uint64_t first) {
+      multiply_rows<inputs, reader>(prepared.view(first), planes, first_row, count, state_size, output_size,
+                                    output + first * output_size);
     };
-    if (inputs == 1) return multiply(std::integral_constant<unsigned, 1>{});
-    if (inputs == 2) return multiply(std::integral_constant<unsigned, 2>{});
+    constexpr std::integral_constant<unsigned, 1> one;
+    constexpr std::integral_constant<unsigned, 2> two;
+    if (inputs == 1) return multiply(one, first_input);
+    if (inputs == 2) {
+      // A row's results are its own: rows that are not rounded alike do not meet a code together.
+      if (prepared.view(first_input).pairable == prepared.view(first_input + 1).pairable) {
+        return multiply(two, first_input);
+      }
+      multiply(one, first_input);
+      return multiply(one, first_input + 1);
+    }
     if constexpr (together == 4) {
-      if (inputs == 3) return multiply(std::integral_constant<unsigned, 3>{});
-      multiply(std::integral_constant<unsigned, 4>{});
+      if (inputs == 3) return multiply(std::integral_constant<unsigned, 3>{}, first_input);
+      multiply(std::integral_constant<unsigned, 4>{}, first_input);
     }
   };
   // The last dimension runs fastest: clusters of the same weight rows follow each other, and find them in the cache.

@@ -24,8 +24,10 @@ at::Tensor bmm_xpu(at::Tensor a, at::Tensor b, at::Tensor c) {
     fail(where, "C must hold batch * M * N = " + std::to_string(batch) + " * " + std::to_string(m) + " * " +
                     std::to_string(n) + " elements, found " + std::to_string(c.numel()));
   }
-  at::assert_no_overlap(c, a);
-  at::assert_no_overlap(c, b);
+  if (needed != 0) {  // an empty range writes nothing, whatever memory they share
+    at::assert_no_overlap(c, a);
+    at::assert_no_overlap(c, b);
+  }
   bmm_xpu_kernel(from_a, from_b, to_c, batch, m, n, k, c10::Device(c10::DeviceType::XPU, -1));
   return c;
 }

@@ -83,6 +83,14 @@ at::Tensor rwkv_linear_attention_v4(at::Tensor time_decay, at::Tensor time_first
     check_dense({"num_state", num_state}, {batch, hidden_size}, where);
     check_dense({"den_state", den_state}, {batch, hidden_size}, where);
     check_dense({"max_state", max_state}, {batch, hidden_size}, where);
+    check_no_gradients({{"time_decay", time_decay},
+                        {"time_first", time_first},
+                        {"key", key},
+                        {"value", value},
+                        {"num_state", num_state},
+                        {"den_state", den_state},
+                        {"max_state", max_state}},
+                       where);
     rwkv_linear_attention_kernel_v4<T, attention_group, attention_sub_group>(
         time_decay.data_ptr<T>(), time_first.data_ptr<T>(), key.data_ptr<T>(), value.data_ptr<T>(),
         result.data_ptr<T>(), num, den, max, batch, tokens, hidden_size, key.device());
@@ -118,6 +126,13 @@ at::Tensor rwkv_linear_attention_v5(at::Tensor time_decay, at::Tensor time_first
   check_reach({"receptance", receptance}, key, where);
   check_reach({"value", value}, key, where);
   check_dense({"state", state}, {batch, heads, head_dim, head_dim}, where);
+  check_no_gradients({{"time_decay", time_decay},
+                      {"time_first", time_first},
+                      {"receptance", receptance},
+                      {"key", key},
+                      {"value", value},
+                      {"state", state}},
+                     where);
 
   const token_strides strides{static_cast<uint64_t>(key.stride(0)), static_cast<uint64_t>(key.stride(1)),
                               static_cast<uint64_t>(key.stride(2))};
@@ -146,6 +161,7 @@ at::Tensor rwkv_time_shift(at::Tensor hidden, at::Tensor shifted, at::Tensor mix
     check_on_xpu({"hidden", hidden}, where);
     check_dense({"shifted", shifted}, hidden.sizes(), where);
     check_dense({"mix", mix}, {mixes, 1, hidden_size}, where);
+    check_no_gradients({{"hidden", hidden}, {"shifted", shifted}, {"mix", mix}}, where);
     rwkv_time_shift_kernel<T, shift_group, shift_sub_group>(hidden.data_ptr<T>(), shifted.data_ptr<T>(),
                                                             mix.data_ptr<T>(), result.data_ptr<T>(), mixes, batch,
                                                             tokens, hidden_size, hidden.device());

@@ -1,13 +1,11 @@
-// Rows as 8-bit blocks: the quantiser's roundings by hand, and the dot products of whole weight blocks against those of
-// their groups one by one.
+// Rows as 8-bit blocks: the quantiser's roundings by hand.
+#include "formats/q8_1.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
-#include <random>
 #include <vector>
 
-#include "formats/q8_1_dots.hpp"
 #include "linear/kernels.hpp"
 
 namespace {
@@ -72,49 +70,5 @@ TEST(quantiser, scales_too_small_for_a_float_give_zero_codes) {
   const auto b = quantised(row_of<float>({1e-45}));
   EXPECT_EQ(b[0].qs[0], 0);
 }
-
-// Random codes under block scales of 1 with activations of whole numbers: every sum is exact, in any order.
-template <class Dots>
-void expect_products(int32_t qtype, int groups, float (*vec_dot)(const uint8_t*, const block_q8_1*, const int&)) {
-  constexpr unsigned blocks = 3;  // odd: the last is a tail where two go together
-  std::mt19937 random(5);
-  std::vector<uint8_t> weight(blocks * Dots::block_bytes);
-  for (uint8_t& byte : weight) byte = static_cast<uint8_t>(random());
-  const Half ones[2] = {Half(1.0f), Half(1.0f)};
-  const bool is_q2_k = qtype == qtype_q2_k;
-  for (unsigned b = 0; b < blocks; ++b) {
-    std::memcpy(&weight[b * Dots::block_bytes + (is_q2_k ? 80 : 0)], ones, is_q2_k ? 4 : 2);
-  }
-  std::vector<block_q8_1> y(8 * blocks);
-  for (block_q8_1& b : y) {
-    b.d = Half(static_cast<float>(random() % 4));
-    b.s = Half(static_cast<float>(random() % 2000) - 1000);
-    for (int8_t& q : b.qs) q = static_cast<int8_t>(random() % 255 - 127);
-  }
-  staged_row<Dots> staged(blocks);
-  staged.fill(reinterpret_cast<const uint8_t*>(y.data()));
-  std::vector<sycl::f32x16> lanes;
-  for_each_dot<Dots>(weight.data(), staged.data(), blocks, [&](sycl::f32x16 dots) { lanes.push_back(dots); });
-  ASSERT_EQ(lanes.size(), (blocks + Dots::step - 1) / Dots::step);
-
-  for (unsigned b = 0; b < blocks; ++b) {
-    float sum = 0, total = 0;
-    for (int g = 0; g < groups; ++g) {
-      const float dot = vec_dot(&weight[b * Dots::block_bytes], &y[8 * b], g);
-      sum += dot;
-      if (Dots::step == 2) {
-        EXPECT_EQ(lanes[b / 2][8 * (b % 2) + g], dot) << "group " << g << " of block " << b;
-      }
-    }
-    for (int t = 0; t < 16 && Dots::step == 1; ++t) total += lanes[b][t];
-    if (Dots::step == 1) {
-      EXPECT_EQ(total, sum) << "block " << b;
-    }
-  }
-  for (int t = 8; Dots::step == 2 && t < 16; ++t) EXPECT_EQ(lanes.back()[t], 0.0f);
-}
-TEST(dot_products, of_iq2_xxs_groups) { expect_products<iq2_xxs_dots>(qtype_iq2_xxs, 8, vec_dot_iq2_xxs_q8_1); }
-TEST(dot_products, of_iq1_s_groups) { expect_products<iq1_s_dots>(qtype_iq1_s, 8, vec_dot_iq1_s_q8_1); }
-TEST(dot_products, of_q2_k_groups) { expect_products<q2_k_dots>(qtype_q2_k, 16, vec_dot_q2_k_q8_1); }
 
 }  // namespace

@@ -54,9 +54,14 @@ def test_no_terms_give_zeros():
 
 @pytest.mark.parametrize(("batch", "m", "n"), [(0, 3, 5), (2, 0, 5), (2, 3, 0)])
 def test_without_elements_c_stays(batch, m, n):
-    c = xpu(4) + 7
-    corvane.bmm(xpu(batch, m, 4), xpu(batch, 4, n), c)
-    assert c.tolist() == [7.0] * 4
+    c = xpu(40) + 7
+    a, b = xpu(batch, m, 4), xpu(batch, 4, n)
+    shared = c.as_strided(a.shape, a.stride()), c.as_strided(b.shape, b.stride())
+    for operands in ((a, b), (shared[0], b), (a, shared[1])):
+        assert corvane.bmm(*operands, c).data_ptr() == c.data_ptr()
+        assert c.tolist() == [7.0] * 40
+    assert corvane.bmm(*shared, shared[0]).shape == a.shape
+    assert c.tolist() == [7.0] * 40
 
 
 def test_launch_goes_to_the_current_stream():

@@ -9,12 +9,13 @@ import numpy as np
 import pytest
 import torch
 from reference import geometry, paths
+from reference.formats import decode
 from reference.forward import forward
 from reference.linear import matrix_vector, random_input
 from reference.paths import QUANTISED
 from reference.random_weights import blank_weight, random_weight
-from reference.registry import FORMATS
-from tensors import DTYPES, assert_close, assert_launches, bytes_behind, environment, on_device, refusal
+from reference.registry import FORMATS, plane_views
+from tensors import DTYPES, assert_close, assert_launches, bytes_behind, environment, on_device, refusal, to_numpy
 
 BLOCK_256 = [name for name, f in FORMATS.items() if f.block_elements == 256]
 SYSTOLIC = ["q4_0", "q8_0", "fp8_e4m3", "fp8_e5m2"]
@@ -98,6 +99,16 @@ def test_tiles(name, rows, dtype, device_class):
             run(name, n, 320, rows, dtype, device_class, env | changed, row_hint)
 
 
+@pytest.mark.parametrize(("name", "n"), [("q4_0", 50000), ("q4_0", 50008), ("q8_0", 49992), ("q8_0", 50000)])
+def test_the_tile_threshold_without_environment(name, n, device_class):
+    env, f = {"TARN_LLM_LOW_MEM": "1"}, FORMATS[name]
+    with environment(env), host_xpu.record_launches() as records:
+        data = torch.zeros(n * f.block_bytes, dtype=torch.uint8, device="xpu")
+        corvane.forward_new(torch.zeros(70, 64, dtype=torch.half, device="xpu"), data, f.qtype, 129)
+    outcome = paths.select(device_class, f.qtype, 70, n, 64, "half", env, 129)
+    assert [(r.kernel, r.waited) for r in records] == list(outcome.launches)
+
+
 @pytest.mark.parametrize("dtype", DTYPES)
 def test_two_rows_of_a_small_batch_are_two_calls(dtype, device_class):
     """To the last bit, where a group of the one-row kernel has two rows as well."""
@@ -108,6 +119,24 @@ def test_two_rows_of_a_small_batch_are_two_calls(dtype, device_class):
         with environment({"VOREL_LLM_SYSDOT_DISABLED": "1"}):
             first, second, both = (corvane.forward_new(part, data, FORMATS[name].qtype, 1) for part in (x[:1], x[1:], x))
         assert torch.equal(both, torch.cat([first, second]))
+
+
+@pytest.mark.parametrize("name", ["nf4", "q4_0"])
+def test_rows_of_a_small_batch_do_not_know_of_each_other(name, device_class):
+    """A value so small that bfloat16 results cannot be rounded in pairs concerns its own row alone."""
+    k, qtype = 1088, FORMATS[name].qtype
+    rows = on_device(random_input(5, k, "bfloat16", 7), "bfloat16")
+    data = on_device(random_weight(name, 34, k, 7))
+    with environment({"VOREL_LLM_SYSDOT_DISABLED": "1"}):
+        plain = corvane.forward_new(rows, data, qtype, 0)
+        for spoilt in range(5):
+            x = rows.clone()
+            x[spoilt, 3] = 1e-30
+            y = corvane.forward_new(x, data, qtype, 0)
+            others = [row for row in range(5) if row != spoilt]
+            assert torch.equal(y[others], plain[others])
+            if device_class not in (0, 5):  # where a group of the one-row kernel has two rows as well
+                assert torch.equal(y[[spoilt]], corvane.forward_new(x[[spoilt]], data, qtype, 0))
 
 
 @pytest.mark.parametrize("n", [3, 5])
@@ -203,6 +232,19 @@ def test_q8_1_rows_of_an_odd_number_of_blocks_end_there():
     assert one_output("iq2_xxs", data, torch.ones(256), "float") == float("inf")  # no infinity times what is not there
 
 
+@pytest.mark.parametrize("dtype", ["float", "double"])
+@pytest.mark.parametrize(("name", "scales"), [("iq2_xxs", (0, 2)), ("iq1_s", (0, 2)), ("q2_k", (80, 84))])
+def test_q8_1_products_are_exact_where_nothing_rounds(name, scales, dtype):
+    """Whole inputs with a 127 in each block are their own codes; scales of 1 leave sums of eighths that a float holds."""
+    n, k = 5, 3 * 256
+    data, rng = random_weight(name, n, k, 8), np.random.default_rng(8)
+    plane_views(name, data, 3 * n)[0][:, slice(*scales)] = [0x00, 0x3C] * ((scales[1] - scales[0]) // 2)
+    x = rng.integers(-3, 4, (1, k))
+    x[0, np.arange(0, k, 32) + rng.integers(0, 32, k // 32)] = rng.choice([-127, 127], k // 32)
+    y = corvane.forward_new(on_device(x, dtype), on_device(data), FORMATS[name].qtype, 1)
+    np.testing.assert_array_equal(to_numpy(y), x @ decode(name, data, n, k).T)
+
+
 # --- sizes ------------------------------------------------------------------------------------------------------------
 
 
@@ -273,3 +315,13 @@ def test_tail_bytes_and_further_dimensions_are_not_looked_at():
     expected, bound = matrix_vector("q4_0", data, n, k, x, "float")
     longer = torch.cat([torch.from_numpy(data), torch.full((33,), 255, dtype=torch.uint8)]).to("xpu")
     assert_close(corvane.forward_new(on_device(x, "float").view(1, k, 1), longer, 2, 1), expected, bound)
+
+
+@pytest.mark.parametrize("rows", [1, 3, 100])
+@pytest.mark.parametrize("name", FORMATS)
+def test_the_shape_of_a_weight_behind_its_first_dimension_changes_nothing(name, rows):
+    n, k = (8 if name in ("fp6", "fp6_k") else 5), whole_rows(name, 192)  # 5: the last thread's blocks are not whole
+    x, data = on_device(random_input(rows, k, "float", 6), "float"), on_device(random_weight(name, n, k, 6))
+    flat = corvane.forward_new(x, data, FORMATS[name].qtype, 0)
+    for packed in (data[:, None], torch.cat([data, data])[:, None].view(-1, 2), data[:, None, None]):
+        assert torch.equal(corvane.forward_new(x, packed, FORMATS[name].qtype, 0), flat)

@@ -32,6 +32,8 @@ class Cache:
             strides, size = (room * head_size, head_size), heads * room * head_size
         elif layout == "positions":  # (1, room, heads, head_size), exchanged
             strides, size = (head_size, heads * head_size), heads * room * head_size
+        elif layout == "close":  # no room for another position between heads
+            strides, size = (positions * head_size, head_size), heads * positions * head_size
         else:  # one position after another has more than it needs, and so has a head
             strides, size = (room * (head_size + 3) + 5, head_size + 3), heads * (room * (head_size + 3) + 5)
         self.offset = 7
@@ -107,6 +109,12 @@ def test_where_key_and_value_land(layout, kv_seq_len):
     """Before, at and behind the end of the argument: always at kv_seq_len, and the views grow by one."""
     run("forward_qkv", "q4_0", "float", (32, 16, 24), 64, 8, kv_seq_len=kv_seq_len, layout=layout)
     run("forward_qk", "iq2_xxs", "bfloat16", (32, 16), 256, 8, kv_seq_len=kv_seq_len, layout=layout)
+
+
+@pytest.mark.parametrize("kv_seq_len", [0, 2])
+def test_heads_may_lie_close_where_the_position_is_within_the_argument(kv_seq_len):
+    run("forward_qkv", "q4_0", "float", (32, 16, 24), 64, 8, kv_seq_len=kv_seq_len, layout="close")
+    run("forward_qk", "iq2_xxs", "half", (32, 16), 256, 8, kv_seq_len=kv_seq_len, layout="close")
 
 
 @pytest.mark.parametrize(("position", "base"), [(0, 1e4), (1, 1e4), (4095, 5e5), (131071, 1e6), (-3, 1e4), (9, 1.0)])

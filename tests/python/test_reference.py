@@ -1,10 +1,9 @@
-"""What the tests' reference stands on beside the formats (test_formats.py): roundings, tolerances, the rotation."""
+"""What the tests' reference stands on beside the formats (test_formats.py): roundings and the rotation."""
 
 import numpy as np
-import pytest
 import torch
-from reference import forward, formats, fused, linear, paths
-from reference.rounding import add, bf16_bits, multiply, round_bf16, round_to
+from reference import fused
+from reference.rounding import round_bf16, round_to
 
 
 def test_roundings_agree_with_the_framework():
@@ -13,52 +12,7 @@ def test_roundings_agree_with_the_framework():
     finite = ~torch.isnan(single)
     assert np.array_equal(round_bf16(single.numpy())[finite], single.to(torch.bfloat16).float().numpy()[finite])
     assert np.array_equal(round_to(single.numpy(), "half")[finite], single.to(torch.half).numpy()[finite])
-    assert set(bf16_bits(round_bf16(single.numpy()))[~finite]) == {0x7FC0}
-
-
-@pytest.mark.parametrize("dtype", ["half", "bfloat16"])
-def test_tolerance_holds_for_a_plain_order_and_is_no_licence(dtype):
-    """q4_0 summed in T, chunk by chunk over 32 lanes, then a tree; every operation rounded."""
-    n, k = 24, 2048
-    data = formats.random_weight("q4_0", n, k, 4)
-    x = linear.random_input(1, k, dtype, 4)
-    f = formats.fields("q4_0", data, n * k // 64)
-    code = round_to(f.code.reshape(n, k) - 8, dtype)
-    scale = round_to(np.repeat(f.d.reshape(n, -1), 4, axis=1), dtype)  # one per chunk of 16
-    products = multiply(code, x, dtype).reshape(n, k // 16, 16)
-    chunk = np.zeros((n, k // 16), dtype=products.dtype)
-    for j in range(16):
-        chunk = add(chunk, products[:, :, j], dtype)
-    chunk = multiply(chunk, scale, dtype).reshape(n, -1, 32)
-    lanes = np.zeros((n, 32), dtype=products.dtype)
-    for step in range(chunk.shape[1]):
-        lanes = add(lanes, chunk[:, step], dtype)
-    while lanes.shape[1] > 1:
-        half = lanes.shape[1] // 2
-        lanes = add(lanes[:, :half], lanes[:, half:], dtype)
-    exact, bound = linear.matrix_vector("q4_0", data, n, k, x, dtype)
-    error = np.abs(lanes[:, 0] - exact[0])
-    assert np.all(error <= bound[0])
-    assert bound.mean() < (0.03 if dtype == "half" else 0.25) * exact.std()
-    assert error.max() > bound.mean() / 200
-
-
-def test_tolerance_grows_for_terms_of_one_sign():
-    mixed = np.where(np.arange(1024) % 2, 1.0, -1.0)
-    assert linear.coherent_power(mixed) == 1024 and linear.coherent_power(np.abs(mixed)) == 1024**2
-
-
-@pytest.mark.parametrize("qtype", paths.RULES)
-@pytest.mark.parametrize("rows", [1, 2, 65])
-def test_every_path_has_a_useful_tolerance(qtype, rows):
-    n, k, name = 16, 1024, paths.ACCEPTED[qtype]
-    data, x = formats.random_weight(name, n, k, 1), linear.random_input(rows, k, "float", 1)
-    outcome = paths.select(1, qtype, rows, n, k, "float")
-    y, bound = forward.forward(outcome, qtype, x, data, n, k, "float")
-    plain = linear.linear(x, formats.decode(name, data, n, k))
-    assert bound.max() < (0.02 if outcome.path == "systolic" else 1e-3) * np.abs(y).max()
-    near = 0.3 if outcome.path == "systolic" and name == "fp8_e4m3" else 0.05  # without midpoints there
-    assert np.abs(y - plain).max() < near * np.abs(plain).max()
+    assert set(round_bf16(single.numpy()).view(np.uint32)[~finite]) == {0x7FC00000}
 
 
 def test_rotation_by_hand():

@@ -71,7 +71,7 @@ def expansion(kernel: str, cls: int, n: int, k: int) -> Launch:
     """Kernels that expand a whole weight, or a tile of n rows of one."""
     if kernel.startswith("dequantize_"):
         blocks, elements, label = _SIMD[kernel[len("dequantize_") : -len("_kernel")]]
-        return Launch(kernel, "dequantize", label, (n * k // elements // blocks,), (1,), ANY)
+        return Launch(kernel, "dequantize", label, (ceil_div(n * k // elements, blocks),), (1,), ANY)
     stem = kernel.split("_kernel_")[1]
     if stem[-3:] in _LOCAL:
         local = row_local(stem[-3:], k)

@@ -154,6 +154,4 @@ def select(cls: int, qtype: int, rows: int, n: int, k: int, dtype: str, env: dic
     if rule is REFUSE or n * k % FORMATS[ACCEPTED[qtype]].block_elements:  # a block behind the last whole one
         return Outcome("refused")
     count = -(-n // numbers["TILE_SIZE"]) if rule.path == "tile" else 1
-    if qtype == 15 and n * k // 64 % 4:  # the blocks that fill no thread of four follow, from a copy
-        count = 1 + (n * k // 64 > 4)
     return Outcome(rule.path, _launched([rule.other if cls != 0 and rule.other else rule.kernel] * count))

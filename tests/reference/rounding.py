@@ -29,13 +29,6 @@ def round_bf16(x) -> np.ndarray:
     return rounded.view(np.float32).reshape(single.shape)
 
 
-def bf16_bits(x) -> np.ndarray:
-    """The 16-bit patterns of values that are bfloat16 already."""
-    bits = np.ascontiguousarray(x, dtype=np.float32).view(np.uint32)
-    assert not np.any(bits & 0xFFFF), "values are not bfloat16"
-    return (bits >> 16).astype(np.uint16)
-
-
 def round_to(x, dtype: str) -> np.ndarray:
     """Convert to an element type with one rounding (bfloat16: through float32, as the framework's type does)."""
     if dtype == "bfloat16":
