@@ -15,7 +15,7 @@ namespace corvane {
   template <class T, unsigned SG_SIZE, unsigned WG_SIZE, bool BIAS = false>                                    \
   void NAME(const one_row_input<ID, T>* input, const qkv_arguments<T>& arguments, c10::Device device) {        \
     check((arguments.matrices[0].bias != nullptr) == BIAS, {projection_source, #NAME}, "biases as BIAS says"); \
-    project_row<ID>({#NAME, {SG_SIZE, WG_SIZE, 2}}, input, arguments, device);                                 \
+    project_row(ID, {#NAME, {SG_SIZE, WG_SIZE, 2}}, input, arguments, device);                                 \
   }
 CORVANE_DECLARE(qlinear_xpu_kernel_q4_0_2x16_qkv, qtype_q4_0)
 CORVANE_DECLARE(qlinear_xpu_kernel_fp4_2x16_qkv, qtype_fp4)
@@ -28,14 +28,14 @@ static_assert(std::string_view("qlinear_xpu_kernel_iq2_xxs_qk") == support[qtype
 template <class T, unsigned SG_SIZE, unsigned WG_SIZE>
 void qlinear_xpu_kernel_iq2_xxs_qk(const uint8_t* input, const projection_arguments<T, 2>& arguments,
                                    c10::Device device) {
-  project_row<qtype_iq2_xxs>({"qlinear_xpu_kernel_iq2_xxs_qk", {SG_SIZE, WG_SIZE, 2}}, input, arguments, device);
+  project_row(qtype_iq2_xxs, {"qlinear_xpu_kernel_iq2_xxs_qk", {SG_SIZE, WG_SIZE, 2}}, input, arguments, device);
 }
 
-#define CORVANE_DECLARE(NAME, ID)                                                                   \
-  static_assert(std::string_view(#NAME) == support[ID].mlp.kernel.name);                            \
-  template <class T, unsigned SG_SIZE = 32, unsigned WG_SIZE = 32, unsigned ROWS_PER_WG = 2>        \
-  void NAME(const mlp_input<ID, T>* input, const mlp_arguments<T>& arguments, c10::Device device) { \
-    gated_mlp<ID>({#NAME, {SG_SIZE, WG_SIZE, ROWS_PER_WG}}, input, arguments, device);              \
+#define CORVANE_DECLARE(NAME, ID)                                                                       \
+  static_assert(std::string_view(#NAME) == support[ID].mlp.kernel.name);                                \
+  template <class T, unsigned SG_SIZE = 32, unsigned WG_SIZE = 32, unsigned ROWS_PER_WG = 2>            \
+  void NAME(const one_row_input<ID, T>* input, const mlp_arguments<T>& arguments, c10::Device device) { \
+    gated_mlp(ID, {#NAME, {SG_SIZE, WG_SIZE, ROWS_PER_WG}}, input, arguments, device);                  \
   }
 CORVANE_DECLARE(mlp_forward_q4_0_kernel, qtype_q4_0)
 CORVANE_DECLARE(mlp_forward_fp4_kernel, qtype_fp4)

@@ -50,9 +50,8 @@ void check_tensors(const mlp_call& call, int32_t id, const origin& where) {
   check_no_gradients({{"input", input}}, where);
 }
 
-template <int32_t Id>
-at::Tensor launch_mlp(const mlp_call& call) {
-  constexpr const mlp_support& offers = support[Id].mlp;
+at::Tensor launch_mlp(const mlp_call& call, int32_t qtype) {
+  const mlp_support& offers = support[qtype].mlp;
   const kernel_launch how{offers.kernel.name, offers.kernel.sizes(device_class.fused_mlp)};
   const origin where{mlp_source, how.name};
   at::Tensor output =
@@ -60,16 +59,13 @@ at::Tensor launch_mlp(const mlp_call& call) {
   dispatch_floating(call.input.scalar_type(), offers.dispatch_label, where, [&](auto tag) {
     using T = typename decltype(tag)::type;
     check_multiple(call.state_size, offers.multiple, where);
-    check_tensors(call, Id, where);
+    check_tensors(call, qtype, where);
     const mlp_arguments<T> arguments{
         call.first.data_ptr<uint8_t>(),         call.second.data_ptr<uint8_t>(),         output.data_ptr<T>(),
         static_cast<uint64_t>(call.state_size), static_cast<uint64_t>(call.output_size), call.activation};
-    if constexpr (takes_eight_bit_input(support[Id])) {
-      const at::Tensor blocks = quantised_row<T>(call.input, arguments.state_size);
-      gated_mlp<Id>(how, blocks.data_ptr<uint8_t>(), arguments, call.input.device());
-    } else {
-      gated_mlp<Id>(how, call.input.data_ptr<T>(), arguments, call.input.device());
-    }
+    const at::Tensor row =
+        takes_eight_bit_input(support[qtype]) ? quantised_row<T>(call.input, arguments.state_size) : call.input;
+    gated_mlp(qtype, how, row.data_ptr(), arguments, call.input.device());
   });
   return output;
 }
@@ -88,10 +84,7 @@ at::Tensor mlp_forward_xpu(at::Tensor input, at::Tensor first, at::Tensor second
   check_sizes(state_size, output_size);
   const mlp_call call{input,      first,       second,
                       state_size, output_size, activation == 0 ? mlp_activation::silu : mlp_activation::tanh};
-  at::Tensor result;
-  constexpr auto has_mlp = [](const format_support& s) { return s.mlp.kernel.name != nullptr; };
-  with_format<has_mlp>(qtype, [&](auto id) { result = launch_mlp<id>(call); });
-  return result;
+  return launch_mlp(call, qtype);
 }
 
 }  // namespace corvane

@@ -89,22 +89,21 @@ void gated_q8_1(const kernel_launch& how, const uint8_t* input, const mlp_argume
 
 }  // namespace
 
-template <int32_t Id, class T>
-void gated_mlp(const kernel_launch& how, const mlp_input<Id, T>* input, const mlp_arguments<T>& arguments,
+template <class T>
+void gated_mlp(int32_t qtype, const kernel_launch& how, const void* input, const mlp_arguments<T>& arguments,
                c10::Device device) {
-  if constexpr (takes_eight_bit_input(support[Id])) {
-    gated_q8_1<Id>(how, input, arguments, device);
-  } else {
-    gated_units<Id>(how, input, arguments, device);
-  }
+  constexpr auto has_mlp = [](const format_support& s) { return s.mlp.kernel.name != nullptr; };
+  with_format<has_mlp>(qtype, [&](auto id) {
+    if constexpr (takes_eight_bit_input(support[id])) {
+      gated_q8_1<id>(how, static_cast<const uint8_t*>(input), arguments, device);
+    } else {
+      gated_units<id>(how, static_cast<const T*>(input), arguments, device);
+    }
+  });
 }
 
-#define INSTANCE(T, ID) \
-  template void gated_mlp<ID, T>(const kernel_launch&, const mlp_input<ID, T>*, const mlp_arguments<T>&, c10::Device);
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_q4_0)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp4)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp8_e5m2)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp6)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_iq2_xxs)
+#define INSTANCE(T) \
+  template void gated_mlp(int32_t, const kernel_launch&, const void*, const mlp_arguments<T>&, c10::Device);
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE)
 
 }  // namespace corvane

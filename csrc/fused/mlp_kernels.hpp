@@ -20,13 +20,10 @@ struct mlp_arguments {
   mlp_activation activation;
 };
 
-// What the kernel reads the input row as: values of T, or 8-bit blocks (formats/q8_1.hpp).
-template <int32_t Id, class T>
-using mlp_input = one_row_input<Id, T>;
-
-// input (state_size). One body for each format that has the kernel and each element type.
-template <int32_t Id, class T>
-void gated_mlp(const kernel_launch& how, const mlp_input<Id, T>* input, const mlp_arguments<T>& arguments,
+// input (state_size): of T, or as 8-bit blocks for a format that is read so (takes_eight_bit_input). For formats whose
+// support row has the kernel.
+template <class T>
+void gated_mlp(int32_t qtype, const kernel_launch& how, const void* input, const mlp_arguments<T>& arguments,
                c10::Device device);
 
 }  // namespace corvane

@@ -117,9 +117,10 @@ projection_arguments<T, Matrices> arguments_of(const projection_call<Matrices>& 
 }
 
 // Nothing is launched, and no cache touched, before every check has passed.
-template <int32_t Id, unsigned Matrices>
+template <unsigned Matrices>
 void launch_projection(const projection_call<Matrices>& call) {
-  constexpr const projection_support& offers = projection_of<Matrices>(support[Id]);
+  const int32_t qtype = call.qtypes[0];
+  const projection_support& offers = projection_of<Matrices>(support[qtype]);
   const kernel_launch how{offers.kernel.name, offers.kernel.sizes(device_class.fused_projections)};
   const origin where{projection_source, how.name};
   const bool with_bias = offers.adds_bias && !call.biases.empty();
@@ -127,13 +128,10 @@ void launch_projection(const projection_call<Matrices>& call) {
     using T = typename decltype(tag)::type;
     check_multiple(static_cast<uint64_t>(call.state_size), offers.multiple, where);
     const auto arguments = arguments_of<T>(call, with_bias);
-    check_memory(call, Id, with_bias, where);
-    if constexpr (takes_eight_bit_input(support[Id])) {
-      const at::Tensor blocks = quantised_row<T>(call.input, arguments.state_size);
-      project_row<Id>(how, blocks.data_ptr<uint8_t>(), arguments, call.input.device());
-    } else {
-      project_row<Id>(how, call.input.template data_ptr<T>(), arguments, call.input.device());
-    }
+    check_memory(call, qtype, with_bias, where);
+    const at::Tensor row =
+        takes_eight_bit_input(support[qtype]) ? quantised_row<T>(call.input, arguments.state_size) : call.input;
+    project_row(qtype, how, row.data_ptr(), arguments, call.input.device());
   });
 }
 
@@ -148,8 +146,7 @@ std::vector<at::Tensor> project(projection_call<Matrices> call, const origin& wh
   for (unsigned m = 1; m < Matrices; ++m) call.outputs[m] = longer_view({cache_names[m], call.caches[m]}, where);
   call.outputs[0] = at::empty({1, call.rows[0] / call.head_size, 1, call.head_size},
                               at::TensorOptions().device(call.weights[0].device()).dtype(call.input.scalar_type()));
-  constexpr auto has_kernel = [](const format_support& s) { return projection_of<Matrices>(s).kernel.name != nullptr; };
-  with_format<has_kernel>(qtype, [&](auto id) { launch_projection<id>(call); });
+  launch_projection(call);
   return {call.outputs.begin(), call.outputs.end()};
 }
 

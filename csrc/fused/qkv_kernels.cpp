@@ -147,24 +147,25 @@ void project_q8_1(const kernel_launch& how, const uint8_t* input, const projecti
 
 }  // namespace
 
-template <int32_t Id, class T, unsigned Matrices>
-void project_row(const kernel_launch& how, const one_row_input<Id, T>* input,
+template <class T, unsigned Matrices>
+void project_row(int32_t qtype, const kernel_launch& how, const void* input,
                  const projection_arguments<T, Matrices>& arguments, c10::Device device) {
-  if constexpr (takes_eight_bit_input(support[Id])) {
-    project_q8_1<Id>(how, input, arguments, device);
-  } else {
-    project_units<Id>(how, input, arguments, device);
-  }
+  constexpr auto has_kernel = [](const format_support& s) {
+    return (Matrices == 3 ? s.qkv : s.qk).kernel.name != nullptr;
+  };
+  with_format<has_kernel>(qtype, [&](auto id) {
+    if constexpr (takes_eight_bit_input(support[id])) {
+      project_q8_1<id>(how, static_cast<const uint8_t*>(input), arguments, device);
+    } else {
+      project_units<id>(how, static_cast<const T*>(input), arguments, device);
+    }
+  });
 }
 
-#define INSTANCE(T, ID, MATRICES)                                                               \
-  template void project_row<ID, T, MATRICES>(const kernel_launch&, const one_row_input<ID, T>*, \
-                                             const projection_arguments<T, MATRICES>&, c10::Device);
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_q4_0, 3)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp4, 3)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp8_e5m2, 3)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_fp6, 3)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_iq2_xxs, 3)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_iq2_xxs, 2)
+#define INSTANCE(T, MATRICES)                                                                                     \
+  template void project_row(int32_t, const kernel_launch&, const void*, const projection_arguments<T, MATRICES>&, \
+                            c10::Device);
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE, 3)
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE, 2)
 
 }  // namespace corvane

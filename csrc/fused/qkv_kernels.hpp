@@ -36,11 +36,11 @@ struct projection_arguments {
 template <class T>
 using qkv_arguments = projection_arguments<T, 3>;
 
-// input (state_size), or quantised to 8-bit blocks for formats that are read so; then the value weight is q2_k. Biases
-// are added where they are given. Matrices: 3, or 2 for query and key alone. One body for each format that has the
-// kernel and each element type.
-template <int32_t Id, class T, unsigned Matrices>
-void project_row(const kernel_launch& how, const one_row_input<Id, T>* input,
+// input (state_size): of T, or as 8-bit blocks for a format that is read so (takes_eight_bit_input); then the value
+// weight has the format that the support row names. Biases are added where they are given. Matrices: 3, or 2 for query
+// and key alone. For formats whose support row has the kernel.
+template <class T, unsigned Matrices>
+void project_row(int32_t qtype, const kernel_launch& how, const void* input,
                  const projection_arguments<T, Matrices>& arguments, c10::Device device);
 
 }  // namespace corvane

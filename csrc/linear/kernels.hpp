@@ -79,12 +79,12 @@ CORVANE_Q8_1_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
 
 // input (rows, state_size), output (rows, output_size).
-#define CORVANE_DECLARE(NAME, ID)                                                                                     \
-  static_assert(std::string_view(#NAME) == support[ID].small_batch.kernel);                                           \
-  template <class T, unsigned SG_SIZE, unsigned WG_SIZE>                                                              \
-  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,                     \
-            uint64_t output_size, c10::Device device) {                                                               \
-    small_batch<ID, T>({#NAME, {SG_SIZE, WG_SIZE, 2}}, input, weight, output, rows, state_size, output_size, device); \
+#define CORVANE_DECLARE(NAME, ID)                                                                                  \
+  static_assert(std::string_view(#NAME) == support[ID].small_batch.kernel);                                        \
+  template <class T, unsigned SG_SIZE, unsigned WG_SIZE>                                                           \
+  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,                  \
+            uint64_t output_size, c10::Device device) {                                                            \
+    small_batch(ID, {#NAME, {SG_SIZE, WG_SIZE, 2}}, input, weight, output, rows, state_size, output_size, device); \
   }
 CORVANE_SMALL_BATCH_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE

@@ -55,15 +55,12 @@ at::Tensor multiply_one_row(const linear_call& call, const at::Tensor& input, co
 
 at::Tensor multiply_small_batch(const linear_call& call, const at::Tensor& input, const at::Tensor& weight) {
   // Its sizes are those of one row, two weight rows to a group.
-  const launch_sizes sizes = sized_kernel{}.sizes(call.device_class);
+  const kernel_launch how{support[call.qtype].small_batch.kernel, sized_kernel{}.sizes(call.device_class)};
   at::Tensor output = empty_result(call, weight, call.rows, call.output_size);
   with_element_type(call, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    constexpr auto has_kernel = [](const format_support& s) { return s.small_batch.kernel != nullptr; };
-    with_format<has_kernel>(call.qtype, [&](auto id) {
-      small_batch<id, T>({support[id].small_batch.kernel, sizes}, input.data_ptr<T>(), weight.data_ptr<uint8_t>(),
-                         output.data_ptr<T>(), call.rows, call.state_size, call.output_size, weight.device());
-    });
+    small_batch(call.qtype, how, input.data_ptr<T>(), weight.data_ptr<uint8_t>(), output.data_ptr<T>(), call.rows,
+                call.state_size, call.output_size, weight.device());
   });
   return output;
 }

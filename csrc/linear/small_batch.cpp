@@ -4,8 +4,7 @@
 #include <array>
 #include <type_traits>
 
-#include "formats/nf4.hpp"
-#include "formats/q4_0.hpp"
+#include "formats/readers.hpp"
 #include "linear/row_dots_body.hpp"
 
 namespace corvane {
@@ -29,11 +28,9 @@ void multiply_rows(const row_input<T>& input, const typename Reader::planes& pla
       });
 }
 
-}  // namespace
-
 template <int32_t Id, class T>
-void small_batch(const kernel_launch& how, const T* input, const uint8_t* weight, T* output, uint64_t rows,
-                 uint64_t state_size, uint64_t output_size, c10::Device device) {
+void multiply_batch(const kernel_launch& how, const T* input, const uint8_t* weight, T* output, uint64_t rows,
+                    uint64_t state_size, uint64_t output_size, c10::Device device) {
   using reader = reader_of<Id>;
   constexpr unsigned together = sycl::tuning::inputs_together<T>;
   const origin where{linear_source, how.name};
@@ -76,10 +73,19 @@ void small_batch(const kernel_launch& how, const T* input, const uint8_t* weight
             sycl::prepared_kernel{prepare, sycl::cluster_kernel<2, decltype(kernel)>{cluster, kernel}});
 }
 
-#define INSTANCE(T, ID)                                                                                              \
-  template void small_batch<ID, T>(const kernel_launch&, const T*, const uint8_t*, T*, uint64_t, uint64_t, uint64_t, \
-                                   c10::Device);
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_q4_0)
-CORVANE_FOR_ELEMENT_TYPES(INSTANCE, qtype_nf4)
+}  // namespace
+
+template <class T>
+void small_batch(int32_t qtype, const kernel_launch& how, const T* input, const uint8_t* weight, T* output,
+                 uint64_t rows, uint64_t state_size, uint64_t output_size, c10::Device device) {
+  constexpr auto has_kernel = [](const format_support& s) { return s.small_batch.kernel != nullptr; };
+  with_format<has_kernel>(
+      qtype, [&](auto id) { multiply_batch<id>(how, input, weight, output, rows, state_size, output_size, device); });
+}
+
+#define INSTANCE(T)                                                                                                    \
+  template void small_batch(int32_t, const kernel_launch&, const T*, const uint8_t*, T*, uint64_t, uint64_t, uint64_t, \
+                            c10::Device);
+CORVANE_FOR_ELEMENT_TYPES(INSTANCE)
 
 }  // namespace corvane
