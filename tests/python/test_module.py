@@ -88,7 +88,8 @@ WRAPPERS = {
 )
 def test_wrapper_checks_in_order(name, number, tensor):
     checked, others, rest = WRAPPERS[name]
-    for wrong, text in ((CPU, "must be a XPU tensor"), (STRIDED, "must be contiguous")):
+    both = STRIDED.cpu().expand(2, -1).t()  # wrong twice
+    for wrong, text in ((CPU, "must be a XPU tensor"), (both, "must be a XPU tensor"), (STRIDED, "must be contiguous")):
         tensors = [GOOD] * number + [wrong] + [CPU] * (len(checked.split()) - number - 1 + others)
         assert refusal(lambda tensors=tensors: getattr(corvane, name)(*tensors, *rest)) == f"{tensor} {text}"
 
@@ -171,6 +172,11 @@ def test_undefined_formats_are_refused():
 )
 def test_forward_new_refuses(input, bytes, message):
     assert message in refusal(lambda: corvane.forward_new(input, bytes, 2, 1))
+
+
+def test_a_weight_of_too_many_elements_is_refused():
+    data = torch.empty(50 << 23, dtype=torch.uint8, device="xpu")  # iq1_s; never touched
+    assert "fewer than 2147483648 elements" in refusal(lambda: corvane.forward_new(xpu(1, 256), data, 24, 1))
 
 
 @pytest.mark.parametrize(
