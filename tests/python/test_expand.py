@@ -57,8 +57,9 @@ def test_expansion_for_a_product_is_exact(name, path, dtype, device_class):
         pytest.skip(f"no {path} of this type on this class")
     for (n, k), outcome in outcomes.items():
         data, unit = random_weight(name, n, k, 3, unusual=True), np.eye(rows[k], k)
-        with environment(env):
+        with environment(env), host_xpu.record_launches() as records:
             found = corvane.forward_new(on_device(unit, dtype), on_device(data), ids[name], 129)
+        assert [(r.kernel, r.waited) for r in records] == list(outcome.launches), f"n {n} k {k}"
         weight = np.float64(expanded(outcome, name, data, n, k, dtype))
         with np.errstate(invalid="ignore"):
             np.testing.assert_array_equal(to_numpy(found), unit @ weight.T, f"n {n} k {k}")
