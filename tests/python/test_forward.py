@@ -72,6 +72,19 @@ def test_rows_around_every_threshold(name, dtype, device_class):
             run(name, n, k, rows, dtype, device_class)
 
 
+@pytest.mark.parametrize("dtype", DTYPES)
+@pytest.mark.parametrize("name", ["fp8_e4m3", "fp6", "fp6_k"])
+@pytest.mark.parametrize("n", [24, 3])  # 3: blocks that fill no thread of an expansion
+def test_rows_without_an_expansion_are_refused(name, dtype, n, device_class):
+    k, qtype = whole_rows(name, 192), FORMATS[name].qtype
+    x, data = on_device(random_input(65, k, dtype, 0), dtype), on_device(random_weight(name, n, k, 0))
+    if paths.select(device_class, qtype, 65, n, k, dtype).path == "refused":
+        text = refusal(lambda: corvane.forward_new(x, data, qtype, 0))
+        assert text == "Unsupported input dtype, only fp32 and fp16 are supported"
+    else:
+        corvane.forward_new(x, data, qtype, 0)
+
+
 @pytest.mark.parametrize("dtype", ["float", "half", "bfloat16"])
 @pytest.mark.parametrize("name", SYSTOLIC)
 @pytest.mark.parametrize("blocks", [3, 9])  # threads without a share of K; unequal shares

@@ -88,7 +88,8 @@ WRAPPERS = {
 )
 def test_wrapper_checks_in_order(name, number, tensor):
     checked, others, rest = WRAPPERS[name]
-    for wrong, text in ((CPU, "must be a XPU tensor"), (STRIDED, "must be contiguous")):
+    both = STRIDED.cpu().expand(2, -1).t()  # wrong twice
+    for wrong, text in ((CPU, "must be a XPU tensor"), (both, "must be a XPU tensor"), (STRIDED, "must be contiguous")):
         tensors = [GOOD] * number + [wrong] + [CPU] * (len(checked.split()) - number - 1 + others)
         assert refusal(lambda tensors=tensors: getattr(corvane, name)(*tensors, *rest)) == f"{tensor} {text}"
 
@@ -97,45 +98,37 @@ HEADS = [xpu(1, 1, 2, 64)[:, :, :1] for _ in range(2)]
 PACKED, CHANNELS, MATRIX, TOKENS, STATES = weight(), xpu(64), xpu(1, 64), xpu(1, 3, 64), [xpu(1, 64) for _ in range(3)]
 POSITION = xpu(1, dtype=torch.long)
 HEAD_TOKENS = [xpu(1, 1, 3, 64) for _ in range(3)]
-WITH_FLOATS = {  # calls that work
-    "forward_new": [GOOD, PACKED, 2, 1],
-    "forward_qkv": [GOOD, *[PACKED] * 3, POSITION, *HEADS, 2, 2, 0, 64],
-    "forward_qkv_bias": [GOOD, *[PACKED] * 3, *[CHANNELS] * 3, POSITION, *HEADS, 2, 2, 0, 64, 1e4],
-    "forward_qk": [xpu(1, 256), *[xpu(66 * 64, dtype=torch.uint8)] * 2, POSITION, HEADS[0], 21, 0, 64, 1e4],
-    "bmm": [TOKENS, xpu(1, 64, 2), xpu(1, 3, 2)],
-    "mlp_forward_xpu": [GOOD, PACKED, PACKED, 1, 64, 64, 0, 2],
-    "rwkv_linear_attention_v4": [CHANNELS, CHANNELS, TOKENS, TOKENS, *STATES],
-    "rwkv_linear_attention_v5": [MATRIX, MATRIX, *HEAD_TOKENS, xpu(1, 1, 64, 64)],
-    "rwkv_time_shift": [TOKENS, TOKENS, xpu(2, 1, 64)],
-}
-FLOATS = [(name, number) for name, arguments in WITH_FLOATS.items() for number, argument in enumerate(arguments)
-          if isinstance(argument, torch.Tensor) and argument.is_floating_point()]  # fmt: skip
+WITH_FLOATS = {  # calls that work, and the floating tensors of each as refusals name them
+    "forward_new": ([GOOD, PACKED, 2, 1], "input"),
+    "forward_qkv": ([GOOD, *[PACKED] * 3, POSITION, *HEADS, 2, 2, 0, 64], "input _ _ _ _ cache_k cache_v"),
+    "forward_qkv_bias": ([GOOD, *[PACKED] * 3, *[CHANNELS] * 3, POSITION, *HEADS, 2, 2, 0, 64, 1e4],
+                         "input _ _ _ bias_q bias_k bias_v _ cache_k cache_v"),
+    "forward_qk": ([xpu(1, 256), *[xpu(66 * 64, dtype=torch.uint8)] * 2, POSITION, HEADS[0], 21, 0, 64, 1e4],
+                   "input _ _ _ cache_k"),
+    "bmm": ([TOKENS, xpu(1, 64, 2), xpu(1, 3, 2)], "A B C"),
+    "mlp_forward_xpu": ([GOOD, PACKED, PACKED, 1, 64, 64, 0, 2], "input"),
+    "rwkv_linear_attention_v4": ([CHANNELS, CHANNELS, TOKENS, TOKENS, *STATES],
+                                 "time_decay time_first key value num_state den_state max_state"),
+    "rwkv_linear_attention_v5": ([MATRIX, MATRIX, *HEAD_TOKENS, xpu(1, 1, 64, 64)],
+                                 "time_decay time_first receptance key value state"),
+    "rwkv_time_shift": ([TOKENS, TOKENS, xpu(2, 1, 64)], "hidden shifted mix"),
+}  # fmt: skip
+FLOATS = [(operator, number, name) for operator, (_, names) in WITH_FLOATS.items()
+          for number, name in enumerate(names.split()) if name != "_"]  # fmt: skip
 
 
-ARGUMENTS = {  # as refusals name them
-    "forward_qkv": "input weight_q weight_k weight_v position_ids cache_k cache_v",
-    "forward_qkv_bias": "input weight_q weight_k weight_v bias_q bias_k bias_v position_ids cache_k cache_v",
-    "forward_qk": "input weight_q weight_k position_ids cache_k",
-    "bmm": "A B C",
-    "rwkv_linear_attention_v4": "time_decay time_first key value num_state den_state max_state",
-    "rwkv_linear_attention_v5": "time_decay time_first receptance key value state",
-    "rwkv_time_shift": "hidden shifted mix",
-}
-
-
-@pytest.mark.parametrize(("name", "number"), FLOATS)
-def test_a_gradient_is_neither_computed_nor_lost_without_a_word(name, number):
-    operator, arguments = getattr(corvane, name), list(WITH_FLOATS[name])
-    operator(*arguments)
+@pytest.mark.parametrize(("operator", "number", "name"), FLOATS)
+def test_a_gradient_is_neither_computed_nor_lost_without_a_word(operator, number, name):
+    call, arguments = getattr(corvane, operator), list(WITH_FLOATS[operator][0])
+    call(*arguments)
     arguments[number] = arguments[number].detach().requires_grad_()
-    named = ARGUMENTS.get(name, "input").split()[number]
-    assert refusal(lambda: operator(*arguments)) == (
-        f"{named} requires a gradient, which no operator of corvane computes: call it under torch.no_grad(), or pass a "
+    assert refusal(lambda: call(*arguments)) == (
+        f"{name} requires a gradient, which no operator of corvane computes: call it under torch.no_grad(), or pass a "
         "detached tensor"
     )
     for without in (torch.no_grad, torch.inference_mode):
         with without():
-            result = operator(*arguments)
+            result = call(*arguments)
         assert all(t.grad_fn is None for t in (result if isinstance(result, list) else [result]))
 
 
@@ -178,6 +171,11 @@ def test_undefined_formats_are_refused():
 )
 def test_forward_new_refuses(input, bytes, message):
     assert message in refusal(lambda: corvane.forward_new(input, bytes, 2, 1))
+
+
+def test_a_weight_of_too_many_elements_is_refused():
+    data = torch.empty(50 << 23, dtype=torch.uint8, device="xpu")  # iq1_s; never touched
+    assert "fewer than 2147483648 elements" in refusal(lambda: corvane.forward_new(xpu(1, 256), data, 24, 1))
 
 
 @pytest.mark.parametrize(

@@ -8,6 +8,8 @@ from __future__ import annotations
 
 from typing import NamedTuple
 
+from .paths import RULES
+
 ANY = "any"
 
 LINEAR, PROJECTION, MLP = "linear_xpu_kernel", "linear_xpu_fused_qkv_kernel", "mlp_xpu_kernel"
@@ -138,13 +140,7 @@ def dequantize_rows(qtype: int, count: int, k: int) -> Launch:
     return Launch(f"xpu_dequantize_rows_kernel_{name}", LINEAR, LABEL, (groups * local,), (local,), None)
 
 
-# Kernels of the operator `dequant`: class 0, other classes.
-DEQUANT = {
-    2: ("q4_0_1x4", "q4_0_1x2"), 3: ("q4_1_1x4", "q4_1_1x2"), 8: ("q8_0_1x2", "q8_0_1x1"),
-    10: ("nf4_1x4", "nf4_1x2"), 16: ("fp4_1x4", "fp4_1x2"), 19: ("fp8_e5m2_1x2", "fp8_e5m2_1x1"),
-    21: ("iq2_xxs", "iq2_xxs"),
-}  # fmt: skip
-
-
 def dequant(cls: int, qtype: int, n: int, k: int) -> Launch:
-    return expansion("qlinear_xpu_dequantize_kernel_" + DEQUANT[qtype][cls != 0], cls, n, k)
+    """The operator `dequant`: the general expansion that ends the format's rules."""
+    rule = RULES[qtype][-1]
+    return expansion(rule.other if cls != 0 and rule.other else rule.kernel, cls, n, k)
