@@ -2,6 +2,7 @@
 
 #include <ATen/Functions.h>
 #include <ATen/TensorIndexing.h>
+#include <ATen/record_function.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -11,6 +12,7 @@
 #include "linear/quantised_row.hpp"
 #include "linear/small_batch.hpp"
 #include "ops/expansion.hpp"
+#include "platform/xpu/expanded_product.hpp"
 #include "sysdot/sysdot_forward.hpp"
 
 namespace corvane {
@@ -80,22 +82,49 @@ packed_weight packed(const linear_call& call, const at::Tensor& weight) {
           weight.device()};
 }
 
+// Runs the expansion of a path to `to`.
+template <class T>
+void expand(linear_path path, const linear_call& call, const at::Tensor& weight, const expansion_target<T>& to) {
+  // Of the general family a kernel has its own word for other sizes of a row.
+  const bool explicit_simd = path == linear_path::explicit_simd_expansion;
+  if (explicit_simd || call.state_size % 64 == 0) check_blocks_fill_the_weight(call);
+  if (!explicit_simd) {
+    expand_general(call.qtype, call.device_class, packed(call, weight), to);
+  } else if constexpr (has_explicit_simd<T>) {
+    expand_explicit_simd(call.qtype, packed(call, weight), to);
+  }
+}
+
+// Whether nobody sees the expanded weight: then its rows can be multiplied as they are expanded, without ever lying in
+// memory. A profiler would miss the product; a row that does not begin on a block cannot be expanded by itself; double
+// has no product of its own.
+bool expands_on_the_way(const linear_call& call) {
+  return call.rows != 0 && call.output_size != 0 && call.dtype != c10::ScalarType::Double &&
+         call.state_size % registry[call.qtype].block_elements == 0 && !at::hasCallbacks();
+}
+
 at::Tensor expand_and_multiply(linear_path path, const linear_call& call, const at::Tensor& input,
                                const at::Tensor& weight) {
-  const bool explicit_simd = path == linear_path::explicit_simd_expansion;
-  at::Tensor expanded = empty_result(call, weight, call.output_size, call.state_size);
+  const bool on_the_way = expands_on_the_way(call);
+  at::Tensor result;
   with_element_type(call, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    // Of the general family a kernel has its own word for other sizes of a row.
-    if (explicit_simd || call.state_size % 64 == 0) check_blocks_fill_the_weight(call);
-    if (explicit_simd) {
-      if constexpr (has_explicit_simd<T>)
-        expand_explicit_simd(call.qtype, packed(call, weight), expanded.data_ptr<T>());
-    } else {
-      expand_general(call.qtype, call.device_class, packed(call, weight), expanded.data_ptr<T>());
+    if (on_the_way) {
+      if constexpr (!std::is_same_v<T, double>) {
+        result = empty_result(call, weight, call.rows, call.output_size);
+        const xpu::expanded_product_arguments<T> product{
+            input.data_ptr<T>(), result.data_ptr<T>(), static_cast<std::size_t>(call.rows),
+            static_cast<std::size_t>(call.output_size), static_cast<std::size_t>(call.state_size)};
+        expand<T>(path, call, weight,
+                  {.consume = [&](const row_expander<T>& rows) { xpu::expanded_product<T>(product, rows); }});
+      }
+      return;
     }
+    at::Tensor expanded = empty_result(call, weight, call.output_size, call.state_size);
+    expand<T>(path, call, weight, {expanded.data_ptr<T>()});
+    result = at::linear(input, expanded);
   });
-  return at::linear(input, expanded);
+  return result;
 }
 
 at::Tensor multiply_by_tiles(uint64_t most_rows, const linear_call& call, const at::Tensor& input,

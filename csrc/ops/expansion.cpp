@@ -28,8 +28,22 @@ bool outgrows_caches(const T* output, uint64_t elements) {
 }
 
 template <class T>
-void launch_expansion(const expansion_launch& how, unit_expander<T> expand, const packed_weight& weight, T* output) {
+void launch_expansion(const expansion_launch& how, unit_expander<T> expand, const packed_weight& weight,
+                      const expansion_target<T>& to) {
   const uint64_t groups = (uint64_t{how.units} + how.units_of_group - 1) / how.units_of_group;
+  const auto launch_as = [&](const auto& kernel) {
+    launch<1>(weight.device, how.where, {{groups * how.local}, {how.local}}, sycl::sub_group_size{how.sub_group},
+              kernel, how.wait, how.label);
+  };
+  if (to.consume) {
+    const auto row_units = static_cast<uint32_t>(weight.state_size / unit_elements);
+    const row_expander<T> rows = [&](std::size_t first_row, std::size_t rows, T* at) {
+      expand(weight, static_cast<uint32_t>(first_row) * row_units, static_cast<uint32_t>(rows) * row_units, at, false);
+    };
+    const auto run = [&] { to.consume(rows); };
+    return launch_as(sycl::whole_launch<decltype(run)>{run});
+  }
+  T* const output = to.output;
   const bool past_caches = outgrows_caches(output, uint64_t{how.units} * unit_elements);
   const auto kernel = [&](const sycl::group_cluster<1>& c) {
     const auto unit = static_cast<uint32_t>(c.first(0)) * how.units_of_group;
@@ -38,8 +52,7 @@ void launch_expansion(const expansion_launch& how, unit_expander<T> expand, cons
   };
   const std::size_t cluster =
       std::max<std::size_t>(1, sycl::tuning::expanded_together / (how.units_of_group * unit_elements));
-  launch<1>(weight.device, how.where, {{groups * how.local}, {how.local}}, sycl::sub_group_size{how.sub_group},
-            sycl::cluster_kernel<1, decltype(kernel)>{{cluster}, kernel}, how.wait, how.label);
+  launch_as(sycl::cluster_kernel<1, decltype(kernel)>{{cluster}, kernel});
 }
 
 host_wait wait_of(bool waits) { return waits ? host_wait::yes : host_wait::no; }
@@ -55,7 +68,7 @@ constexpr uint64_t row_group_size(uint64_t state_size, unsigned per_item) {
 // `rows` rows from first_row on, a work-group each.
 template <class T>
 void expand_rows(const expansion_kernel& kernel, uint8_t device_class, unit_expander<T> expand,
-                 const packed_weight& weight, uint64_t first_row, uint64_t rows, T* output) {
+                 const packed_weight& weight, uint64_t first_row, uint64_t rows, const expansion_target<T>& to) {
   const origin where{linear_source, kernel.name};
   check_multiple(weight.state_size, unit_elements, where);
   const auto units = static_cast<uint32_t>(weight.state_size / unit_elements);
@@ -66,13 +79,14 @@ void expand_rows(const expansion_kernel& kernel, uint8_t device_class, unit_expa
                     .units = static_cast<uint32_t>(rows) * units,
                     .sub_group = device_class == 0 ? 32 : 16,
                     .wait = wait_of(kernel.waits)},
-                   expand, weight, output);
+                   expand, weight, to);
 }
 
 // A whole weight over row ends, by 256 elements or by super-blocks. On a device an item of the first kind expands 2 or
 // 4 elements and groups overlap, writing the same values twice; here a group expands the 256 that it begins with.
 template <class T>
-void expand_over_rows(const general_support& offers, unit_expander<T> expand, const packed_weight& weight, T* output) {
+void expand_over_rows(const general_support& offers, unit_expander<T> expand, const packed_weight& weight,
+                      const expansion_target<T>& to) {
   const expansion_kernel& kernel = offers.elsewhere;
   const origin where{linear_source, kernel.name};
   check_multiple(weight.state_size, unit_elements, where);
@@ -85,7 +99,7 @@ void expand_over_rows(const general_support& offers, unit_expander<T> expand, co
                     .first_unit = 0,
                     .units = units,
                     .wait = wait_of(kernel.waits)},
-                   expand, weight, output);
+                   expand, weight, to);
 }
 
 constexpr auto has_general = [](const format_support& s) { return s.general.cut != expansion_cut::none; };
@@ -94,15 +108,15 @@ constexpr auto has_simd_kernel = [](const format_support& s) { return s.explicit
 }  // namespace
 
 template <class T>
-void expand_general(int32_t qtype, uint8_t device_class, const packed_weight& weight, T* output) {
+void expand_general(int32_t qtype, uint8_t device_class, const packed_weight& weight, const expansion_target<T>& to) {
   with_format<has_general>(qtype, [&](auto id) {
     const general_support& offers = support[id].general;
     const unit_expander<T> expand = general_expander<id, T>();
     if (offers.cut == expansion_cut::row) {
       expand_rows(device_class == 0 ? offers.on_class_0 : offers.elsewhere, device_class, expand, weight, 0,
-                  weight.output_size, output);
+                  weight.output_size, to);
     } else {
-      expand_over_rows(offers, expand, weight, output);
+      expand_over_rows(offers, expand, weight, to);
     }
   });
 }
@@ -114,12 +128,12 @@ void expand_tile(int32_t qtype, uint8_t device_class, const packed_weight& weigh
   with_format<has_tiles>(qtype, [&](auto id) {
     const tile_support& offers = support[id].tile;
     expand_rows(device_class == 0 ? offers.on_class_0 : offers.elsewhere, device_class, general_expander<id, T>(),
-                weight, first_row, rows, output);
+                weight, first_row, rows, {output});
   });
 }
 
 template <class T>
-void expand_explicit_simd(int32_t qtype, const packed_weight& weight, T* output) {
+void expand_explicit_simd(int32_t qtype, const packed_weight& weight, const expansion_target<T>& to) {
   with_format<has_simd_kernel>(qtype, [&](auto id) {
     constexpr simd_support offers = support[id].explicit_simd;
     constexpr uint32_t block_units = registry[id].block_elements / unit_elements;
@@ -136,15 +150,15 @@ void expand_explicit_simd(int32_t qtype, const packed_weight& weight, T* output)
                       .units = units,
                       .wait = wait_of(offers.rules.waits),
                       .label = offers.label},
-                     explicit_simd_expander<id, T>(), weight, output);
+                     explicit_simd_expander<id, T>(), weight, to);
   });
 }
 
-#define INSTANCE(T)                                                         \
-  template void expand_general(int32_t, uint8_t, const packed_weight&, T*); \
+#define INSTANCE(T)                                                                                 \
+  template void expand_general(int32_t, uint8_t, const packed_weight&, const expansion_target<T>&); \
   template void expand_tile(int32_t, uint8_t, const packed_weight&, uint64_t, uint64_t, T*);
 CORVANE_FOR_ELEMENT_TYPES(INSTANCE)
-template void expand_explicit_simd(int32_t, const packed_weight&, Half*);
-template void expand_explicit_simd(int32_t, const packed_weight&, float*);
+template void expand_explicit_simd(int32_t, const packed_weight&, const expansion_target<Half>&);
+template void expand_explicit_simd(int32_t, const packed_weight&, const expansion_target<float>&);
 
 }  // namespace corvane

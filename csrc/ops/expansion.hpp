@@ -8,6 +8,7 @@
 #include <c10/core/Device.h>
 
 #include <cstdint>
+#include <functional>
 
 #include "formats/reader.hpp"
 #include "formats/support.hpp"
@@ -24,9 +25,21 @@ struct packed_weight {
 template <class T>
 constexpr bool has_explicit_simd = std::is_same_v<T, Half> || std::is_same_v<T, float>;
 
+// Writes rows of an expanded weight: (first_row, rows, to).
+template <class T>
+using row_expander = std::function<void(std::size_t, std::size_t, T*)>;
+
+// What becomes of an expansion: a matrix of T, or, where the host does not need the matrix itself, whatever is done
+// with its rows while they are in a cache.
+template <class T>
+struct expansion_target {
+  T* output = nullptr;
+  std::function<void(const row_expander<T>&)> consume = {};  // in place of `output`
+};
+
 // The kernels of the general family refuse a state_size that is no multiple of 64. For formats that have one.
 template <class T>
-void expand_general(int32_t qtype, uint8_t device_class, const packed_weight& weight, T* output);
+void expand_general(int32_t qtype, uint8_t device_class, const packed_weight& weight, const expansion_target<T>& to);
 
 // `rows` rows from first_row on. For formats with a tile rule.
 template <class T>
@@ -36,7 +49,7 @@ void expand_tile(int32_t qtype, uint8_t device_class, const packed_weight& weigh
 // T: float or Half. Refuses a number of blocks that is no multiple of what a thread expands, unless the format allows
 // it.
 template <class T>
-void expand_explicit_simd(int32_t qtype, const packed_weight& weight, T* output);
+void expand_explicit_simd(int32_t qtype, const packed_weight& weight, const expansion_target<T>& to);
 
 // Expands units `unit` to `unit` + `units` - 1 into 64 * units values; of super-block formats only whole blocks. Past
 // the caches: for outputs that outgrow them.

@@ -56,7 +56,7 @@ namespace corvane {
   static_assert(std::string_view(#NAME) == support[ID].general.MEMBER.name);                                   \
   template <class T, unsigned SG_SIZE>                                                                         \
   void NAME(const uint8_t* weight, T* output, uint64_t state_size, uint64_t output_size, c10::Device device) { \
-    expand_general(ID, SG_SIZE == 32 ? 0 : 1, {weight, state_size, output_size, device}, output);              \
+    expand_general<T>(ID, SG_SIZE == 32 ? 0 : 1, {weight, state_size, output_size, device}, {output});         \
   }
 CORVANE_ROW_EXPANSIONS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
@@ -65,7 +65,7 @@ CORVANE_ROW_EXPANSIONS(CORVANE_DECLARE)
   static_assert(std::string_view(#NAME) == support[ID].general.MEMBER.name);                                   \
   template <class T>                                                                                           \
   void NAME(const uint8_t* weight, T* output, uint64_t state_size, uint64_t output_size, c10::Device device) { \
-    expand_general(ID, 1, {weight, state_size, output_size, device}, output);                                  \
+    expand_general<T>(ID, 1, {weight, state_size, output_size, device}, {output});                             \
   }
 CORVANE_OTHER_EXPANSIONS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
@@ -85,7 +85,7 @@ CORVANE_TILE_EXPANSIONS(CORVANE_DECLARE)
   template <class T>                                                             \
   void NAME(const uint8_t* weight, T* output, uint64_t nb, c10::Device device) { \
     const uint64_t block = registry[ID].block_elements;                          \
-    expand_explicit_simd(ID, {weight, block * nb, 1, device}, output);           \
+    expand_explicit_simd<T>(ID, {weight, block * nb, 1, device}, {output});      \
   }
 CORVANE_THREAD_EXPANSIONS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE

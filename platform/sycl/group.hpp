@@ -175,4 +175,15 @@ void run_groups(const nd_range<D>& range, const cluster_kernel<D, Kernel>& clust
   });
 }
 
+// A launch that the host does in another way than by its groups, with the same effect: run() once.
+template <class Run>
+struct whole_launch {
+  Run run;
+};
+
+template <int D, class Run>
+void run_groups(const nd_range<D>&, const whole_launch<Run>& launch) {
+  launch.run();
+}
+
 }  // namespace sycl

@@ -44,6 +44,18 @@ constexpr std::uint64_t uncached_output_bytes = std::uint64_t{32} << 20;
 // Elements that an expansion takes at least at a time.
 constexpr std::uint32_t expanded_together = 4096;
 
+// A product of rows that are expanded on the way: rows of the input and of the weight that meet in registers, and bytes
+// of a weight tile, which stays in the second-level cache beside some input.
+#ifdef CORVANE_AVX512
+constexpr unsigned product_rows = 6, product_columns = 4;
+#else
+constexpr unsigned product_rows = 2, product_columns = 2;
+#endif
+// With more input rows a library that packs its operands is faster.
+template <class T>
+constexpr std::size_t product_few_rows = sizeof(T) == 2 ? 24 : 16;
+constexpr std::size_t product_tile_bytes = std::size_t{256} << 10;
+
 // Row tiles of 8 rows, and columns, that the systolic kernel takes together: a weight block is expanded once for 64
 // rows, an input block converted once for 32 columns.
 constexpr unsigned systolic_row_tiles = 8;

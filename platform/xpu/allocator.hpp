@@ -18,6 +18,17 @@ c10::Allocator* relabelled_allocator();
 // A data pointer with the same memory and deleter that says it is on `device`.
 c10::DataPtr relabel(c10::DataPtr&& data, c10::Device device);
 
+// Device memory for n values of T, as long as it lives.
+template <class T>
+class buffer {
+ public:
+  explicit buffer(std::size_t n) : data_(device_allocator()->allocate(n * sizeof(T))) {}
+  T* get() const { return static_cast<T*>(data_.get()); }
+
+ private:
+  c10::DataPtr data_;
+};
+
 // Gives all cached blocks back to the system.
 void empty_cache();
 

@@ -47,14 +47,7 @@ void narrow(const float* from, const T* bias, T* to, std::size_t n) {
   for (; i < n; ++i) to[i] = static_cast<T>(from[i] + (bias != nullptr ? static_cast<float>(bias[i]) : 0.0F));
 }
 
-class float_buffer {
- public:
-  explicit float_buffer(std::size_t n) : data_(device_allocator()->allocate(n * sizeof(float))) {}
-  float* get() const { return static_cast<float*>(data_.get()); }
-
- private:
-  c10::DataPtr data_;
-};
+using float_buffer = buffer<float>;
 
 // --- tiles ----------------------------------------------------------------------------------------------------------
 
@@ -95,9 +88,14 @@ struct tile_part {
 
 template <class T>
 void direct_part(const product_arguments<T>& p, const tiling& t, const tile_part& part) {
+  const buffer<T> made(p.w_rows == nullptr ? 0 : part.columns * p.depth);
+  if (p.w_rows != nullptr) {
+    (*p.w_rows)(part.first_column, part.columns, made.get());
+  }
+  const T* const w = p.w_rows == nullptr ? p.w + part.first_column * p.w_stride : made.get();
   for (std::size_t row = part.first_row; row < part.end_row; row += t.block_rows) {
     const std::size_t rows = std::min(t.block_rows, part.end_row - row);
-    tile_product(product_tile<T>{p.x + row * p.depth, p.w + part.first_column * p.w_stride, p.w_stride,
+    tile_product(product_tile<T>{p.x + row * p.depth, w, p.w_stride,
                                  p.bias != nullptr ? p.bias + part.first_column : nullptr,
                                  p.y + row * p.columns + part.first_column, p.columns, rows, part.columns, p.depth});
   }
@@ -106,8 +104,16 @@ void direct_part(const product_arguments<T>& p, const tiling& t, const tile_part
 template <class T>
 void staged_part(const product_arguments<T>& p, const tiling& t, const tile_part& part, const float* x) {
   const float_buffer w(part.columns * p.depth), y(t.block_rows * part.columns);
-  for (std::size_t column = 0; column < part.columns; ++column) {
-    widen(p.w + (part.first_column + column) * p.w_stride, w.get() + column * p.depth, p.depth);
+  if (p.w_rows == nullptr) {
+    for (std::size_t column = 0; column < part.columns; ++column) {
+      widen(p.w + (part.first_column + column) * p.w_stride, w.get() + column * p.depth, p.depth);
+    }
+  } else if constexpr (std::is_same_v<T, float>) {
+    (*p.w_rows)(part.first_column, part.columns, w.get());
+  } else {
+    const buffer<T> made(part.columns * p.depth);
+    (*p.w_rows)(part.first_column, part.columns, made.get());
+    widen(made.get(), w.get(), part.columns * p.depth);
   }
   for (std::size_t row = part.first_row; row < part.end_row; row += t.block_rows) {
     const std::size_t rows = std::min(t.block_rows, part.end_row - row);
