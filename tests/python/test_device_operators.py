@@ -111,6 +111,10 @@ def test_printing_and_reading():
     assert bool((on_xpu == on_xpu.clone()).all())
 
 
+@pytest.mark.skipif(
+    torch.version.cuda is not None and not torch.cuda.is_available(),
+    reason="backward of a PyTorch built with CUDA asks its driver for streams, and there is none",
+)
 def test_gradients_flow_through_operators_and_linear():
     gradients = []
     for device in ("cpu", "xpu"):
