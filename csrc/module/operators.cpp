@@ -115,19 +115,18 @@ Tensor shape_of_query(const Tensor& input, const Tensor& weight_q, int64_t qtype
 }
 
 Tensor shape_of_qkv(const Tensor& input, const Tensor& weight_q, const Tensor&, const Tensor&, const Tensor&,
-                    const Tensor&, const Tensor&, int64_t qtype, int64_t, const c10::SymInt&, int64_t head_size,
-                    double) {
+                    const Tensor&, const Tensor&, int64_t qtype, int64_t, c10::SymInt, int64_t head_size, double) {
   return shape_of_query(input, weight_q, qtype, head_size);
 }
 
 Tensor shape_of_qkv_bias(const Tensor& input, const Tensor& weight_q, const Tensor&, const Tensor&, const Tensor&,
                          const Tensor&, const Tensor&, const Tensor&, const Tensor&, const Tensor&, int64_t qtype,
-                         int64_t, const c10::SymInt&, int64_t head_size, double) {
+                         int64_t, c10::SymInt, int64_t head_size, double) {
   return shape_of_query(input, weight_q, qtype, head_size);
 }
 
 Tensor shape_of_qk(const Tensor& input, const Tensor& weight_q, const Tensor&, const Tensor&, const Tensor&,
-                   int64_t qtype, const c10::SymInt&, int64_t head_size, double) {
+                   int64_t qtype, c10::SymInt, int64_t head_size, double) {
   return shape_of_query(input, weight_q, qtype, head_size);
 }
 
