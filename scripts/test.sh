@@ -5,6 +5,8 @@
 #                               AVX-512, and installed as a package
 #   scripts/test.sh --quick     the release build, the Python tests on two device classes
 #   scripts/test.sh --sanitize  under the address and undefined-behaviour sanitizers, on two device classes
+#   scripts/test.sh --torch     on PyTorch as PyPI has it, in an environment of its own under build/: the C++ tests, the
+#                               Python ones on two device classes, and installed as a package
 #   scripts/test.sh --thread    the tests of pool, queue and groups under the thread sanitizer
 #   scripts/test.sh --fuzz      the fuzzer for a minute (scripts/fuzz.sh)
 #   scripts/test.sh --ci        all of this
@@ -13,8 +15,8 @@ cd "$(dirname "$0")/.."
 
 mode=${1:-all}
 case $mode in
-  all | --quick | --sanitize | --thread | --fuzz | --ci) ;;
-  *) echo "usage: scripts/test.sh [--quick | --sanitize | --thread | --fuzz | --ci]" >&2; exit 2 ;;
+  all | --quick | --sanitize | --torch | --thread | --fuzz | --ci) ;;
+  *) echo "usage: scripts/test.sh [--quick | --sanitize | --torch | --thread | --fuzz | --ci]" >&2; exit 2 ;;
 esac
 
 . scripts/device_names.sh
@@ -34,6 +36,7 @@ run() {
   rm -f "$log"
 }
 
+python=.venv/bin/python
 python_environment=()  # what the Python runs get beside the device's name
 
 test_build() {  # <preset> <build folder> <classes...>
@@ -46,7 +49,7 @@ test_build() {  # <preset> <build folder> <classes...>
 
 test_python() {  # <title> <build folder> <class>
   run "$1" env PYTHONPATH="$2/python" HOST_XPU_DEVICE_NAME="${device_names[$3]}" "${python_environment[@]}" \
-    .venv/bin/python -m pytest -q -p no:cacheprovider tests/python
+    "$python" -m pytest -q -p no:cacheprovider tests/python
 }
 
 test_all() {
@@ -72,6 +75,21 @@ test_sanitize() {
   python_environment=()
 }
 
+test_torch() {
+  local requirements=requirements-torch.txt environment=build/torch-venv
+  if ! sha256sum --check --status "$environment/requirements.sum" 2>/dev/null; then
+    echo "test: making $environment: some 5 GB"
+    rm -rf "$environment"
+    /usr/bin/python3 -m venv "$environment"
+    "$environment/bin/python" -m pip install --quiet --disable-pip-version-check -r "$requirements"
+    sha256sum "$requirements" >"$environment/requirements.sum"
+  fi
+  python=$environment/bin/python
+  test_build torch build/torch 1 3
+  run "torch: wheel in a fresh environment" scripts/test_package.sh "$environment"
+  python=.venv/bin/python
+}
+
 test_thread() {
   scripts/build.sh thread platform_tests
   local -x TSAN_OPTIONS=halt_on_error=1:suppressions=$PWD/scripts/thread_sanitizer.supp
@@ -84,10 +102,12 @@ case $mode in
   all) test_all ;;
   --quick) test_build release build 1 3 ;;
   --sanitize) test_sanitize ;;
+  --torch) test_torch ;;
   --thread) test_thread ;;
   --fuzz) test_fuzz ;;
   --ci)
     test_all
+    test_torch
     test_sanitize
     test_thread
     test_fuzz

@@ -2,11 +2,25 @@
 
 #include <c10/util/Exception.h>
 
+#include <mutex>
+#include <set>
+
 namespace corvane {
+namespace {
+
+// The name of a source file, for as long as the process lives: newer frameworks read it when they are asked for the
+// message, long after the throw.
+const char* file_of(const char* source) {
+  static auto* lock = new std::mutex;
+  static auto* names = new std::set<std::string>;
+  const std::lock_guard<std::mutex> alone(*lock);
+  return names->insert(std::string(source) + ".cpp").first->c_str();
+}
+
+}  // namespace
 
 void fail(const origin& where, const std::string& message) {
-  const std::string file = std::string(where.source) + ".cpp";
-  throw c10::Error({where.function, file.c_str(), 0}, message);
+  throw c10::Error({where.function, file_of(where.source), 0}, message);
 }
 
 void check_multiple(uint64_t value, uint64_t of, const origin& where) {

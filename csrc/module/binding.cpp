@@ -3,8 +3,10 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include "frame/device_class.hpp"
 #include "fused/mlp.hpp"
 #include "module/linear_xpu.hpp"
+#include "module/signature.hpp"
 #include "module/tensor_caster.hpp"
 #include "ops/moe.hpp"
 #include "rwkv/rwkv.hpp"
@@ -13,19 +15,31 @@ PYBIND11_MODULE(corvane, module) {
   using namespace corvane;
   namespace py = pybind11;
   py::module_::import("host_xpu");
-  module.def("forward_new", &linear_forward_new, "Linear forward (XPU) new format");
-  module.def("forward_qkv", &linear_xpu_qkv, "Linear forward (XPU) qkv format", py::arg("input"), py::arg("weight_q"),
-             py::arg("weight_k"), py::arg("weight_v"), py::arg("position_ids"), py::arg("cache_k"), py::arg("cache_v"),
-             py::arg("src_0_qtype"), py::arg("src_0_vtype"), py::arg("kv_seq_len"), py::arg("head_size"),
-             py::arg("rope_base") = 10000.0f);
-  module.def("forward_qkv_bias", &linear_xpu_qkv_bias, "Linear forward (XPU) qkv with bias");
-  module.def("forward_qk", &linear_xpu_qk, "Linear forward (XPU) qk format");
-  module.def("dequant", &dequant, "Dequantize weight (XPU)");
-  module.def("bmm", &bmm, "SYCL-based batch matrix multiplication");
-  module.def("mlp_forward_xpu", &mlp_forward_xpu, "fused mlp");
-  module.def("rwkv_linear_attention_v4", &rwkv_linear_attention_v4, "rwkv v4 attention");
-  module.def("rwkv_linear_attention_v5", &rwkv_linear_attention_v5, "rwkv v5 attention");
-  module.def("rwkv_time_shift", &rwkv_time_shift, "rwkv time shift");
-  module.def("dequantize_rows", &dequantize_rows, "Dequantize rows of weight");
-  module.def("get_moe_indexes", &get_moe_indexes, "get moe indexes");
+  py::options written_here;
+  written_here.disable_function_signatures();
+  const auto define = [&module](const char* name, auto* function, const char* text) {
+    module.def(name, function, docstring(name, function, text).c_str());
+  };
+
+  module.attr("_device_class") = static_cast<int>(device_class.linear_forward);
+
+  define("forward_new", &linear_forward_new, "Linear forward (XPU) new format");
+  module.def("forward_qkv", &linear_xpu_qkv,
+             docstring("forward_qkv", &linear_xpu_qkv, "Linear forward (XPU) qkv format",
+                       {"input", "weight_q", "weight_k", "weight_v", "position_ids", "cache_k", "cache_v",
+                        "src_0_qtype", "src_0_vtype", "kv_seq_len", "head_size", "rope_base=10000.0"})
+                 .c_str(),
+             py::arg("input"), py::arg("weight_q"), py::arg("weight_k"), py::arg("weight_v"), py::arg("position_ids"),
+             py::arg("cache_k"), py::arg("cache_v"), py::arg("src_0_qtype"), py::arg("src_0_vtype"),
+             py::arg("kv_seq_len"), py::arg("head_size"), py::arg("rope_base") = 10000.0f);
+  define("forward_qkv_bias", &linear_xpu_qkv_bias, "Linear forward (XPU) qkv with bias");
+  define("forward_qk", &linear_xpu_qk, "Linear forward (XPU) qk format");
+  define("dequant", &dequant, "Dequantize weight (XPU)");
+  define("bmm", &bmm, "SYCL-based batch matrix multiplication");
+  define("mlp_forward_xpu", &mlp_forward_xpu, "fused mlp");
+  define("rwkv_linear_attention_v4", &rwkv_linear_attention_v4, "rwkv v4 attention");
+  define("rwkv_linear_attention_v5", &rwkv_linear_attention_v5, "rwkv v5 attention");
+  define("rwkv_time_shift", &rwkv_time_shift, "rwkv time shift");
+  define("dequantize_rows", &dequantize_rows, "Dequantize rows of weight");
+  define("get_moe_indexes", &get_moe_indexes, "get moe indexes");
 }

@@ -11,6 +11,7 @@
 #include "platform/sycl/queue.hpp"
 #include "platform/xpu/allocator.hpp"
 #include "platform/xpu/stream.hpp"
+#include "platform/xpu/tile_product.hpp"
 
 namespace py = pybind11;
 
@@ -173,6 +174,9 @@ PYBIND11_MODULE(_device, module) {
       "device_name", [] { return host::device_name(); },
       "Name of the device: HOST_XPU_DEVICE_NAME as it stood when the device's library was loaded, else the processor's "
       "brand.");
+  module.def("product_library", &xpu::product_library, "Name and version of the library that multiplies dense tiles.");
+  module.def("pool_library", &host::pool_library, "Name and version of the library behind the thread pool.");
+  module.def("instruction_set", &host::instruction_set, "Instructions that the vector code was built for.");
   module.def("concurrency", &host::concurrency, "Threads that a launch runs on.");
   module.def("synchronize", &xpu::synchronize, "Waits until all streams have run everything submitted to them.");
   define_streams(module);

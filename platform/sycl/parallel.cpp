@@ -5,6 +5,7 @@
 #include <tbb/info.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
+#include <tbb/version.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "platform/sycl/other_pools.hpp"
 #include "platform/sycl/workers.hpp"
 
 #ifdef __SANITIZE_THREAD__
@@ -92,6 +94,18 @@ int concurrency() {
   return cores;
 }
 
+std::string pool_library() { return std::string("oneTBB ") + TBB_runtime_version(); }
+
+std::string instruction_set() {
+#ifdef __AVX512F__
+  return "AVX-512";
+#elif defined(__AVX2__)
+  return "AVX2";
+#else
+  return "baseline";
+#endif
+}
+
 void parallel_for(size_t n, size_t grain, range_function f) {
   if (n == 0) return;
   grain = std::max<size_t>(grain, 1);
@@ -109,6 +123,7 @@ void parallel_for(size_t n, size_t grain, range_function f) {
     finish_stores();
     order.piece_ends();
   };
+  end_openmp_threads();
   order.before_all();
   // On another thread, when as many as there are cores are in the arena already: what this captures is read before that
   // thread can be told of the fork.

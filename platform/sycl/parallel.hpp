@@ -3,11 +3,16 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 
 namespace host {
 
 // Cores that the process may use; OMP_NUM_THREADS, read once, lowers it.
 int concurrency();
+
+// Version of the library behind the pool, and the instructions that vector code was built for.
+std::string pool_library();
+std::string instruction_set();
 
 // A borrowed callable (begin, end): valid only while the caller's frame is.
 class range_function {

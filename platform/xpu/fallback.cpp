@@ -7,8 +7,10 @@
 #include <ATen/core/dispatch/Dispatcher.h>
 #include <ATen/core/ivalue.h>
 #include <ATen/core/jit_type.h>
+#include <c10/util/DimVector.h>
 #include <torch/library.h>
 
+#include <algorithm>
 #include <mutex>
 #include <set>
 #include <shared_mutex>
@@ -16,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/xpu/one_thread.hpp"
 #include "platform/xpu/relabel.hpp"
 #include "platform/xpu/stream.hpp"
 
@@ -69,6 +72,31 @@ bool is_half_to_float(const Argument& argument, const IValue& value) {
   return value.isBool() && value.toBool() && argument.name() == "half_to_float";
 }
 
+// An estimate of the bytes that an operator touches: its tensors together, or, if it broadcasts them against each
+// other, what that makes.
+class work {
+ public:
+  void add(const at::Tensor& tensor) {
+    if (tensor.layout() != at::kStrided) return;
+    sum_ += tensor.nbytes();
+    item_ = std::max(item_, tensor.itemsize());
+    const at::IntArrayRef sizes = tensor.sizes();
+    if (sizes.size() > sizes_.size()) sizes_.insert(sizes_.begin(), sizes.size() - sizes_.size(), 1);
+    const std::size_t first = sizes_.size() - sizes.size();
+    for (std::size_t i = 0; i < sizes.size(); ++i) sizes_[first + i] = std::max(sizes_[first + i], sizes[i]);
+  }
+  std::size_t bytes() const {
+    double together = static_cast<double>(item_);  // no whole number: it may be as large as any
+    for (const int64_t size : sizes_) together *= static_cast<double>(size);
+    constexpr double most = 1e18;
+    return std::max(sum_, static_cast<std::size_t>(std::min(together, most)));
+  }
+
+ private:
+  c10::DimVector sizes_;
+  std::size_t sum_ = 0, item_ = 0;
+};
+
 // The arguments of one call on their way to the CPU kernel, and its results on their way back.
 class call {
  public:
@@ -90,6 +118,8 @@ class call {
       for (std::size_t i = 0; i < arguments_.size(); ++i) {
         stack->push_back(to_cpu(arguments_[i], op_.schema().arguments()[i], labels, widen));
       }
+      c10::optional<one_thread> alone;
+      if (work_.bytes() < worth_other_threads) alone.emplace();
       op_.redispatchBoxed(c10::DispatchKeySet(c10::DispatchKey::CPU), stack);
     } catch (...) {
       stack->erase(stack->begin() + static_cast<std::ptrdiff_t>(base), stack->end());
@@ -131,6 +161,7 @@ class call {
       const bool index = value.isList() && !value.isTensorList();
       for_each_tensor(value, [&](const at::Tensor& tensor) {
         if (!tensor.defined()) return;
+        work_.add(tensor);
         if (tensor.is_xpu()) {
           any_xpu = true;
         } else {
@@ -206,6 +237,7 @@ class call {
   std::vector<at::Tensor> outside_;  // CPU tensors among the arguments
   at::ScalarType narrow_ = at::ScalarType::Undefined;
   c10::optional<at::ScalarType> dtype_;  // of results, where it is asked for or plain
+  work work_;
   bool half_to_float_ = false;
   bool results_stay_ = false;  // a `device` argument asks for the CPU
 };

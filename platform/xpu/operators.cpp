@@ -15,6 +15,7 @@
 
 #include "platform/sycl/parallel.hpp"
 #include "platform/xpu/allocator.hpp"
+#include "platform/xpu/one_thread.hpp"
 #include "platform/xpu/relabel.hpp"
 #include "platform/xpu/stream.hpp"
 
@@ -69,6 +70,8 @@ at::Tensor copy_from(const at::Tensor& source, const at::Tensor& target, bool /*
     }
   }
   const at::AutoDispatchBelowADInplaceOrView below_autograd;
+  c10::optional<one_thread> alone;
+  if (source.nbytes() + target.nbytes() < worth_other_threads) alone.emplace();
   relabelling labels;
   at::Tensor cpu_target = target.is_xpu() ? labels.to_cpu(target) : target;
   cpu_target.copy_(source.is_xpu() ? labels.to_cpu(source) : source);

@@ -10,6 +10,7 @@
 #include "platform/sycl/parallel.hpp"
 #include "platform/sycl/simd.hpp"
 #include "platform/xpu/allocator.hpp"
+#include "platform/xpu/one_thread.hpp"
 #include "platform/xpu/tile_product.hpp"
 
 namespace xpu {

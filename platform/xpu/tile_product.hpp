@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 namespace xpu {
 
@@ -30,19 +31,10 @@ struct tile_rule {
 template <class T>
 tile_rule tile_rule_of(std::size_t rows);
 
+// The library's name and version.
+std::string product_library();
+
 constexpr std::size_t few_rows = 15;          // with more, the libraries pack their operands
 constexpr std::size_t rows_of_a_block = 128;  // beyond, the packed operands of a call leave the second-level cache
-
-// As long as it lives, libraries that are called on this thread run on it alone.
-class one_thread {
- public:
-  one_thread();
-  ~one_thread();
-  one_thread(const one_thread&) = delete;
-  one_thread& operator=(const one_thread&) = delete;
-
- private:
-  int before_;
-};
 
 }  // namespace xpu

@@ -8,8 +8,8 @@ import pytest
 import torch
 
 FORMATS = {
-    "zip": lambda x: torch.load(saved(x)),
-    "older format": lambda x: torch.load(saved(x, _use_new_zipfile_serialization=False)),
+    "zip": lambda x: torch.load(saved(x), weights_only=False),
+    "older format": lambda x: torch.load(saved(x, _use_new_zipfile_serialization=False), weights_only=False),
     "pickle": lambda x: pickle.loads(pickle.dumps(x)),
     "deepcopy": copy.deepcopy,
 }

@@ -5,6 +5,7 @@ Importing it makes the device known to PyTorch: tensors move to "xpu".
 
 import torch  # its libraries, which the device's own need
 
+from host_xpu._build_info import build_info
 from host_xpu._device import (
     LaunchList,
     LaunchRecord,
@@ -35,6 +36,7 @@ __all__ = [
     "LaunchRecorder",
     "Stream",
     "StreamContext",
+    "build_info",
     "current_stream",
     "device_name",
     "empty_cache",

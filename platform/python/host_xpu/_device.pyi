@@ -80,6 +80,15 @@ class StreamContext:
 def device_name() -> str:
     """Name of the device: HOST_XPU_DEVICE_NAME as it stood when the device's library was loaded, else the processor's."""
 
+def product_library() -> str:
+    """Name and version of the library that multiplies dense tiles."""
+
+def pool_library() -> str:
+    """Name and version of the library behind the thread pool."""
+
+def instruction_set() -> str:
+    """Instructions that the vector code was built for."""
+
 def concurrency() -> int:
     """Threads that a launch runs on."""
 

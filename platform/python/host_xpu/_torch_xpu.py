@@ -138,7 +138,8 @@ def complete() -> None:
         setattr(torch._C, f"_xpu_{name}", function)
     # Not torch._C._has_xpu: PyTorch takes it for the one accelerator that it was built with, and most are built with CUDA.
     torch.xpu._initialized = True
-    torch.xpu.device_count = FUNCTIONS["getDeviceCount"]
+    for module in (torch.xpu, torch.xpu.random):
+        module.device_count = FUNCTIONS["getDeviceCount"]
     torch.xpu._get_device_properties = get_device_properties
     torch.xpu._exchange_device = check_index
     torch.xpu._maybe_exchange_device = FUNCTIONS["maybeExchangeDevice"]

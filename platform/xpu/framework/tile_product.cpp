@@ -73,6 +73,8 @@ void tile_product(const product_tile<T>& tile) {
   }
 }
 
+std::string product_library() { return onednn_linear() ? "the oneDNN inside PyTorch" : "PyTorch's own choice"; }
+
 template void tile_product(const product_tile<float>&);
 template void tile_product(const product_tile<Half>&);
 template void tile_product(const product_tile<BFloat16>&);

@@ -139,6 +139,12 @@ void tile_product(const product_tile<T>& tile) {
   run_call(shape, tile.x, tile.w, tile.bias, tile.y);
 }
 
+std::string product_library() {
+  const dnnl_version_t* version = dnnl_version();
+  return "oneDNN " + std::to_string(version->major) + "." + std::to_string(version->minor) + "." +
+         std::to_string(version->patch);
+}
+
 template void tile_product(const product_tile<float>&);
 template void tile_product(const product_tile<Half>&);
 template void tile_product(const product_tile<BFloat16>&);

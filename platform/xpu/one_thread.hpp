@@ -1,0 +1,24 @@
+// The framework's CPU operators, and the libraries under them, on one thread.
+#pragma once
+
+#include <cstddef>
+
+namespace xpu {
+
+// As long as it lives, what this thread calls does not fork.
+class one_thread {
+ public:
+  one_thread();
+  ~one_thread();
+  one_thread(const one_thread&) = delete;
+  one_thread& operator=(const one_thread&) = delete;
+
+ private:
+  int before_, mkl_before_ = 0;
+};
+
+// Bytes that an operator reads and writes, from which a fork of the framework's pool pays: that pool's threads spin on
+// for milliseconds afterwards, or else have to be made again (other_pools.hpp).
+constexpr std::size_t worth_other_threads = std::size_t{1} << 20;
+
+}  // namespace xpu
