@@ -12,9 +12,11 @@ from .linear import PackedLinear
 from .llama import Llama, load_folder, load_gguf
 from .quantize import quantize_, summary
 from .storage import load, save
+from .transformers_models import CorvaneConfig
 from .weights import ModelError, SafetensorsWeights
 
 __all__ = [
+    "CorvaneConfig", "FORMATS", "Format", "Llama", "ModelError", "PackedLinear", "SafetensorsWeights",
     "generate", "load", "load_folder", "load_gguf", "load_importance", "measure_importance", "observed_inputs",
     "pack", "perplexity", "quantize_", "save", "save_importance", "summary", "unpack",
 ]  # fmt: skip
