@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, builds, fetches a small model, and streams text generated with packed low-bit weights.
-# Usage: scripts/demo.sh [--prompt TEXT] [--format NAME] [--dense] [--compare] ...; --help lists the options.
+# Usage: scripts/demo.sh [--gguf FILE] [--perplexity | --compare] [options of corvane generate or corvane perplexity],
+# such as --prompt TEXT, --format NAME and --dense; --help lists them. --compare measures all formats, and plots them.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,10 +11,18 @@ model=$models/SmolLM2-135M-Instruct.Q4_1.gguf
 model_sum=b179c9523d0e6a0f98a330c7562b682750a6f8c8c15e5bc70ea373728110db53
 
 own_model=0
-for argument in "$@"; do
-  case $argument in
-    --gguf | --gguf=* | --help | -h) own_model=1 ;;
+command=(generate --figures)
+options=()
+while (($#)); do
+  case $1 in
+    --gguf) own_model=1 model=${2:?--gguf needs a file}; shift ;;
+    --gguf=*) own_model=1 model=${1#*=} ;;
+    --perplexity) command=(perplexity) ;;
+    --compare) command=(perplexity --compare --plot docs/formats.png) ;;
+    --help | -h) own_model=1; options+=("$1") ;;
+    *) options+=("$1") ;;
   esac
+  shift
 done
 
 scripts/setup.sh >&2
@@ -41,6 +50,5 @@ if ((!own_model)) && [[ ! -f $model ]]; then
   trap - EXIT
 fi
 
-((own_model)) || set -- --gguf "$model" "$@"
-export PYTHONPATH=build/python
-exec $python examples/demo.py "$@"
+export PYTHONPATH=build/python:python
+exec $python -m corvane_runtime "${command[@]}" "${options[@]}" -- "$model"

@@ -29,7 +29,9 @@ def check_what_is_installed():
     names = {name.split(".")[0] if name.endswith(".so") else name for name in names}
     metadata = {name for name in names if name.endswith(".dist-info")}
     assert len(metadata) == 1
-    assert names - metadata == {"corvane", "host_xpu", "libcorvane_platform", "corvane-stubs"}, names
+    names = {name for name in names - metadata if name != ".."}  # the command lies beside the interpreter
+    modules = {"corvane", "host_xpu", "libcorvane_platform", "corvane-stubs", "corvane_runtime"}
+    assert names == modules, names
     for module in (corvane, host_xpu):
         assert Path(module.__file__).is_relative_to(sys.prefix), f"{module.__file__} is not of this environment"
 
@@ -43,6 +45,19 @@ def check_a_linear_layer():
         y = corvane.forward_new(x, torch.cat([weight, scale]).to("xpu"), 2, 1)
     assert y.cpu().tolist() == [[32 * (2 + 1) * 0.5]]
     assert len(launches) == 1
+
+
+def check_the_runtime_and_its_command():
+    from corvane_runtime import quantize_, unpack
+
+    model = torch.nn.Sequential(torch.nn.Linear(64, 32), torch.nn.ReLU(), torch.nn.Linear(32, 8))
+    x = torch.randn(3, 64)
+    quantize_(model, "q8_0").to("xpu")
+    layer = model[0]
+    expected = x @ unpack(layer.weight, "q8_0", 32, 64).T + layer.bias.cpu()
+    assert (layer(x.to("xpu")).cpu() - expected).abs().max() < 1e-2
+    command = Path(sys.executable).with_name("corvane")
+    assert "device" in subprocess.run([command, "info"], check=True, capture_output=True, text=True).stdout
 
 
 def check_either_order_of_imports():

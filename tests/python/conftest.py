@@ -1,4 +1,4 @@
-"""What all Python tests share: reference package and examples on the path, the device class of this process, a model.
+"""What all Python tests share: reference package, runtime and examples on the path, the device class of this process, a model.
 
 scripts/test.sh runs the suite once per class, with HOST_XPU_DEVICE_NAME set to a name that falls into it.
 """
@@ -8,16 +8,18 @@ from pathlib import Path
 
 import pytest
 
-sys.path[:0] = [str(Path(__file__).parents[1]), str(Path(__file__).parents[2] / "examples")]
+ROOT = Path(__file__).parents[2]
+sys.path[:0] = [str(ROOT / "tests"), str(ROOT / "examples"), str(ROOT / "python")]
 
-import torch  # noqa: E402  (before the extension modules, which link to it)
+import torch  # noqa: E402, F401  isort: skip  (before the extension modules, which link to it)
 
 import corvane  # noqa: E402, F401
 import host_xpu  # noqa: E402
 import tiny_llama  # noqa: E402
-from llama.gguf_model import GgufModel  # noqa: E402
-from llama.linear import load_dense  # noqa: E402
-from llama.model import Llama  # noqa: E402
+
+from corvane_runtime import Llama, load_gguf  # noqa: E402
+from corvane_runtime.llama import GgufWeights  # noqa: E402
+
 
 def class_of(name: str) -> int:
     """The device class that a name falls into, by the documented order of keys."""
@@ -31,11 +33,16 @@ def device_class() -> int:
 
 
 @pytest.fixture(scope="session")
-def model(tmp_path_factory) -> GgufModel:
-    """A tiny Llama with random weights."""
-    return GgufModel(tiny_llama.write_model(tmp_path_factory.mktemp("model") / "tiny.gguf"))
+def model_path(tmp_path_factory) -> Path:
+    """A tiny Llama with random weights, as a GGUF file."""
+    return tiny_llama.write_model(tmp_path_factory.mktemp("model") / "tiny.gguf")
 
 
 @pytest.fixture(scope="session")
-def dense(model) -> Llama:
-    return Llama(model, load_dense(model, torch.float32), torch.float32)
+def source(model_path) -> GgufWeights:
+    return GgufWeights(model_path)
+
+
+@pytest.fixture(scope="session")
+def dense(model_path) -> Llama:
+    return load_gguf(model_path)

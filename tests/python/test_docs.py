@@ -1,14 +1,13 @@
 """The Python examples of the documentation, run as a reader would: those of a page one after the other."""
 
 import re
-import sys
 from pathlib import Path
 
 import corvane
 import pytest
 
 ROOT = Path(__file__).parents[2]
-PAGES = ["README.md", "docs/operators.md", "docs/architecture.md", "docs/device_classes.md", "docs/formats.md"]
+PAGES = ["README.md", "docs/operators.md", "docs/architecture.md", "docs/device_classes.md", "docs/formats.md", "docs/runtime.md"]
 
 
 def python_blocks(page: str) -> list[tuple[int, str]]:
@@ -19,8 +18,7 @@ def python_blocks(page: str) -> list[tuple[int, str]]:
 
 
 @pytest.mark.parametrize("page", PAGES)
-def test_examples_run(page, monkeypatch):
-    monkeypatch.setattr(sys, "path", [str(ROOT / "examples"), *sys.path])
+def test_examples_run(page):
     blocks = python_blocks(page)
     assert blocks
     namespace = {}

@@ -17,7 +17,7 @@ def test_rwkv_layer_in_two_halves(layer):
 
 
 def test_moe_layer():
-    layer = moe_layer.MoeLayer(hidden=64, inner=128, n_experts=6, n_selected=2)
+    layer = moe_layer.packed_layer(hidden=64, inner=128, n_experts=6, n_selected=2)
     x = torch.randn(17, 64, generator=torch.Generator().manual_seed(5)).to("xpu")
     expected = layer.token_by_token(x)
     # An expert with several tokens may expand its weights in half precision, with a relative error of 2^-11 each.

@@ -1,4 +1,4 @@
-"""A tiny Llama model with random weights in a GGUF file, for the tests of the example runtime."""
+"""A tiny Llama model with random weights in a GGUF file, for the tests of the runtime."""
 
 from __future__ import annotations
 
@@ -15,7 +15,11 @@ BYTES_AS_TEXT = [
 ]
 CONTROL = ["<|im_start|>", "<|im_end|>"]
 MERGES = ["t h", "th e", "Ġ the"]
-TEMPLATE = "{{ '<|im_start|>system\\nBe brief.<|im_end|>\\n' }}{% for message in messages %}...{% endfor %}"
+TEMPLATE = (
+    "{{ '<|im_start|>system\nBe brief.<|im_end|>\n' }}"
+    "{% for message in messages %}<|im_start|>{{ message.role }}\n{{ message.content }}<|im_end|>\n{% endfor %}"
+    "{% if add_generation_prompt %}<|im_start|>assistant\n{% endif %}"
+)
 
 
 def tokens() -> list[str]:

@@ -1,6 +1,6 @@
 """Packers of the table formats nf4, nf3 and fp4: 64-element blocks of codes that name entries of a fixed table.
 
-For the example runtime and the tests. The scale of a block is searched for the least squared error.
+The scale of a block is searched for the least squared error.
 """
 
 from __future__ import annotations
@@ -45,7 +45,7 @@ FP4_MAGNITUDES = np.array([0.03125, 0.5, 1.0, 1.5, 2.0, 3.0, 4.0, 6.0], dtype=np
 CLIPS = (0.7, 0.775, 0.85, 0.925, 1.0)
 
 
-def table_codes(x: Float, importance: Float, table: Float) -> tuple[Bytes, Float]:
+def table_codes(x: Float, importance: Float | None, table: Float) -> tuple[Bytes, Float]:
     """Nearest codes of an ascending table that ends in -1 and 1, and the Half scales d (n,)."""
     boundaries = midpoints(table)
     extreme = np.abs(x).max(axis=1)
@@ -54,7 +54,7 @@ def table_codes(x: Float, importance: Float, table: Float) -> tuple[Bytes, Float
     return nearest_index(x * reciprocal(d)[:, None], boundaries), d
 
 
-def encode_nf4(x: Float, importance: Float) -> tuple[Bytes, Bytes]:
+def encode_nf4(x: Float, importance: Float | None) -> tuple[Bytes, Bytes]:
     codes, d = table_codes(x, importance, NF4)
     # Element j is the high nibble of byte j, element j + 32 the low one: the reverse of q4_0 and fp4.
     return pack_nibbles(np.roll(codes, 32, axis=1)), half_bytes(d)
@@ -67,7 +67,7 @@ def decode_nf4(codes: Bytes, scales: Bytes) -> Float:
 NF3_SHIFTS = np.array([6, 4, 2, 0], dtype=np.uint8)  # of the low two bits of four neighbouring elements in their byte
 
 
-def encode_nf3(x: Float, importance: Float) -> tuple[Bytes, Bytes]:
+def encode_nf3(x: Float, importance: Float | None) -> tuple[Bytes, Bytes]:
     codes, d = table_codes(x, importance, NF3)
     top_bits = np.packbits(codes >> 2, axis=1, bitorder="little")
     low_bits = np.bitwise_or.reduce((codes & 3).reshape(-1, 16, 4) << NF3_SHIFTS, axis=2)
@@ -88,7 +88,7 @@ def fp4_values(x: Float) -> Float:
     return FP4_MAGNITUDES[nearest_index(x, FP4_BOUNDARIES)]
 
 
-def encode_fp4(x: Float, importance: Float) -> tuple[Bytes, Bytes]:
+def encode_fp4(x: Float, importance: Float | None) -> tuple[Bytes, Bytes]:
     # The scale is positive, so a code's sign is the sign of its element, and magnitudes alone decide the rest.
     magnitude = np.abs(x)
     extreme = magnitude.max(axis=1) / FP4_MAGNITUDES[-1]

@@ -1,6 +1,6 @@
 """Packers of the integer formats q4_0, q4_1, q5_0, q5_1 and q8_0: 64-element blocks with one scale, some an offset too.
 
-For the example runtime and the tests. The scale of a block is searched for the least squared error.
+The scale of a block is searched for the least squared error.
 """
 
 from __future__ import annotations
@@ -17,6 +17,7 @@ from .common import (
     half_bytes,
     largest_magnitude,
     reciprocal,
+    rounded,
     search_affine,
     search_scale,
     to_half,
@@ -36,26 +37,26 @@ def unpack_nibbles(packed: Bytes) -> Bytes:
     return np.concatenate([packed & 15, packed >> 4], axis=1)
 
 
-def signed_codes(x: Float, importance: Float, top: int) -> tuple[Bytes, Float]:
+def signed_codes(x: Float, importance: Float | None, top: int) -> tuple[Bytes, Float]:
     """Codes from 0 to 2 * top - 1 for y = d * (code - top), and the Half scales d (n,).
 
     The extreme of a block goes to the end of the codes that has one more step, -top, so d may be negative.
     """
     extreme = largest_magnitude(x)
     candidates = (extreme / np.float32(-(top + stretch)) for stretch in STRETCHES)
-    d = to_half(search_scale(x, importance, candidates, lambda y: np.clip(np.rint(y), -top, top - 1)))
-    codes = np.clip(np.rint(x * reciprocal(d)[:, None]), -top, top - 1) + top
+    d = to_half(search_scale(x, importance, candidates, lambda y: rounded(y, -top, top - 1)))
+    codes = rounded(x * reciprocal(d)[:, None], -top, top - 1) + top
     return codes.astype(np.uint8), d
 
 
-def unsigned_codes(x: Float, importance: Float, levels: int) -> tuple[Bytes, Float, Float]:
+def unsigned_codes(x: Float, importance: Float | None, levels: int) -> tuple[Bytes, Float, Float]:
     """Codes from 0 to `levels` for y = d * code + m, and the Half scales and offsets, each (n,)."""
     d, m = (to_half(value) for value in search_affine(x, importance, levels, STRETCHES, False))
-    codes = np.clip(np.rint((x - m[:, None]) * reciprocal(d)[:, None]), 0, levels)
+    codes = rounded((x - m[:, None]) * reciprocal(d)[:, None], 0, levels)
     return codes.astype(np.uint8), d, m
 
 
-def encode_q4_0(x: Float, importance: Float) -> tuple[Bytes, Bytes]:
+def encode_q4_0(x: Float, importance: Float | None) -> tuple[Bytes, Bytes]:
     codes, d = signed_codes(x, importance, 8)
     return pack_nibbles(codes), half_bytes(d)
 
@@ -64,7 +65,7 @@ def decode_q4_0(codes: Bytes, scales: Bytes) -> Float:
     return from_half(scales) * (unpack_nibbles(codes).astype(np.float32) - 8)
 
 
-def encode_q4_1(x: Float, importance: Float) -> tuple[Bytes, Bytes]:
+def encode_q4_1(x: Float, importance: Float | None) -> tuple[Bytes, Bytes]:
     codes, d, m = unsigned_codes(x, importance, 15)
     return pack_nibbles(codes), half_bytes(d, m)
 
@@ -87,7 +88,7 @@ def unpack_five_bits(block: Bytes) -> tuple[Float, Float, Float]:
     return codes.astype(np.float32), pair[:, :1], pair[:, 1:]
 
 
-def encode_q5_0(x: Float, importance: Float) -> tuple[Bytes]:
+def encode_q5_0(x: Float, importance: Float | None) -> tuple[Bytes]:
     codes, d = signed_codes(x, importance, 16)
     return (pack_five_bits(codes, d, np.zeros_like(d)),)  # the field m exists and is not read
 
@@ -97,7 +98,7 @@ def decode_q5_0(block: Bytes) -> Float:
     return d * (codes - 16)
 
 
-def encode_q5_1(x: Float, importance: Float) -> tuple[Bytes]:
+def encode_q5_1(x: Float, importance: Float | None) -> tuple[Bytes]:
     return (pack_five_bits(*unsigned_codes(x, importance, 31)),)
 
 
@@ -106,11 +107,11 @@ def decode_q5_1(block: Bytes) -> Float:
     return d * codes + m
 
 
-def encode_q8_0(x: Float, importance: Float) -> tuple[Bytes, Bytes]:
+def encode_q8_0(x: Float, importance: Float | None) -> tuple[Bytes, Bytes]:
     del importance
     # With 127 steps either side a search gains nothing worth its time.
     d = np.abs(x).max(axis=1) / np.float32(127)
-    codes = np.clip(np.rint(x * reciprocal(d)[:, None]), -127, 127).astype(np.int8)
+    codes = rounded(x * reciprocal(d)[:, None], -127, 127).astype(np.int8)
     return codes.view(np.uint8), float_bytes(d)
 
 

@@ -1,4 +1,4 @@
-"""Tables of the demo: kernel launches with times, sizes, and the comparison of all formats with its plot."""
+"""Tables of the command: kernel launches with times, sizes, and the comparison of all formats with its plot."""
 
 from __future__ import annotations
 
@@ -7,8 +7,8 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Protocol
 
-from llama.generate import Speed
-from llama.linear import Weights
+from ..generate import Speed
+from ..quantize import Summary
 
 
 class Launch(Protocol):
@@ -39,16 +39,16 @@ def megabytes(count: int) -> str:
     return f"{count / 1e6:.1f} MB"
 
 
-def format_mix(weights: Weights) -> str:
+def format_mix(packed: Summary) -> str:
     """The formats of a model's linear layers with their counts, such as "q4_k x 30, q4_1 x 181"."""
-    return ", ".join(f"{name} x {count}" for name, count in weights.formats().most_common())
+    return ", ".join(f"{name} x {count}" for name, count in packed.formats().items())
 
 
-def size_line(weights: Weights) -> str:
-    dense = 4 * weights.elements
+def size_line(packed: Summary) -> str:
+    dense = 4 * sum(layer.shape[0] * layer.shape[1] for layer in packed.layers)
     return (
-        f"weights   {megabytes(weights.bytes)} ({format_mix(weights)}), "
-        f"as dense float {megabytes(dense)}: {dense / weights.bytes:.1f} times as much"
+        f"weights   {megabytes(packed.bytes)} ({format_mix(packed)}), "
+        f"as dense float {megabytes(dense)}: {dense / packed.bytes:.1f} times as much"
     )
 
 

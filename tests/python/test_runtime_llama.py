@@ -1,4 +1,4 @@
-"""The example runtime on a tiny random model: reading, rotary order, packed and dense, fused and plain."""
+"""The Llama runtime on a tiny random model: reading, rotary order, packed and dense, fused and plain."""
 
 import math
 from pathlib import Path
@@ -12,14 +12,15 @@ from reference import formats as reference
 
 import host_xpu
 
-from llama import device
-from llama.generate import Speed, generate
-from llama.gguf_model import GgufModel, ModelError, half_split_order, layer_names
-from llama.linear import FALLBACK, DenseLinear, PackedLinear, load_packed, load_weights, model_elements, pack_linear
-from llama.model import Llama, attention, rotate
-from packers import FORMATS, PUBLIC_BLOCKS, take_over
+from corvane_runtime import PackedLinear, generate, load_gguf, summary
+from corvane_runtime.formats import FORMATS, PUBLIC_BLOCKS
+from corvane_runtime.generate import Speed
+from corvane_runtime.llama import GgufWeights, Llama
+from corvane_runtime.llama.gguf_file import half_split_order
+from corvane_runtime.llama.model import FUSED_QKV_FORMATS, LayerStep, attention, fused_mlp_formats, rotate
+from corvane_runtime.weights import ModelError
 
-PACKABLE = [name for name, format_ in FORMATS.items() if format_.encode is not None]
+PACKABLE = [name for name, format_ in FORMATS.items() if format_.can_pack]
 TOKENS = [5, 200, 31, 31, 90, 262, 7]
 
 # Logits of two runs that round differently in float. Each of the 15 products on a token's way sums at most 512 terms,
@@ -28,16 +29,15 @@ TOKENS = [5, 200, 31, 31, 90, 262, 7]
 FLOAT_TOLERANCE = 8 * 15 * 23 * 2.0**-24
 
 
-def unpacked_weights(model: GgufModel, format_name: str):
-    """Dense weights with the values that the packed ones hold, read back by the reference."""
-
-    def make(stored):
-        packed = pack_linear(stored, format_name)
-        shape = packed.output_size, packed.state_size
-        values = reference.decode(packed.format_name, packed.weight.cpu().numpy(), *shape, half_factor=True)
-        return DenseLinear(values.astype(np.float32), torch.float32)
-
-    return load_weights(model, make)
+def of_the_same_values(path: Path, packed: Llama) -> Llama:
+    """A dense model with the values that the packed one holds, read back by the reference."""
+    dense = load_gguf(path)
+    for name, layer in packed.named_modules():
+        if isinstance(layer, PackedLinear):
+            shape = layer.out_features, layer.in_features
+            values = reference.decode(layer.format, layer.weight.cpu().numpy(), *shape, half_factor=True)
+            dense.get_submodule(name).weight.copy_(torch.from_numpy(values.astype(np.float32)))
+    return dense
 
 
 def logits(llama: Llama, tokens=TOKENS, pieces: int | None = None) -> torch.Tensor:
@@ -62,9 +62,10 @@ def test_half_split_order_by_hand():
     assert half_split_order(2, 4).tolist() == [0, 2, 1, 3, 4, 6, 5, 7]
 
 
-def test_half_split_rows_rotate_as_neighbours_did(model):
+def test_half_split_rows_rotate_as_neighbours_did(source):
     """A rotated query of the file's rows, neighbours turned, is the rotated query of the model's rows, reordered."""
-    stored = model.stored("blk.0.attn_q").dense().astype(np.float64)
+    name = "model.layers.0.self_attn.q_proj.weight"
+    stored = np.asarray(source.stored(name).data).astype(np.float64)
     x = np.random.default_rng(1).normal(size=tiny_llama.HIDDEN)
     heads, size, position = tiny_llama.HEADS, tiny_llama.HEAD_SIZE, 5
     pairs = (stored @ x).reshape(heads, size // 2, 2)
@@ -72,7 +73,7 @@ def test_half_split_rows_rotate_as_neighbours_did(model):
     turned = (pairs[:, :, 0] + 1j * pairs[:, :, 1]) * turn
     neighbours = np.stack([turned.real, turned.imag], axis=2).reshape(heads, size)
 
-    ours = torch.from_numpy(model.linear("blk.0.attn_q").dense() @ x.astype(np.float32)).view(1, heads, 1, size)
+    ours = (source.dense(name) @ torch.from_numpy(x.astype(np.float32))).view(1, heads, 1, size)
     rotation = torch.from_numpy(np.stack([turn.real, turn.imag])[:, None]).float()
     got = rotate(ours, rotation)[0, :, 0].numpy()
     order = half_split_order(heads, size).reshape(heads, size) % size
@@ -102,74 +103,60 @@ def test_refusals_name_the_cause(tmp_path):
     not_a_model = tmp_path / "text.gguf"
     not_a_model.write_bytes(b"this is no model" * 100)
     with pytest.raises(ModelError, match=r"text\.gguf: cannot be read as a GGUF file"):
-        GgufModel(not_a_model)
+        GgufWeights(not_a_model)
     with pytest.raises(ModelError, match="architecture is falcon"):
-        GgufModel(tiny_llama.write_model(tmp_path / "falcon.gguf", architecture="falcon"))
+        GgufWeights(tiny_llama.write_model(tmp_path / "falcon.gguf", architecture="falcon"))
 
 
-def test_missing_tensor_is_named(model):
+def test_missing_tensor_is_named(source):
     with pytest.raises(ModelError, match=r"no tensor blk\.9\.attn_q\.weight"):
-        model.stored("blk.9.attn_q")
+        source.dense("model.layers.9.self_attn.q_proj.weight")
 
 
-# --- packing ---------------------------------------------------------------------------------------------------------
-
-
-def test_rows_too_short_for_super_blocks_fall_back(model):
-    stored = model.stored("blk.0.attn_q")
-    narrow = type(stored)(stored.name, stored.kind, 192, stored.data[:, :192])
-    for wanted, instead in FALLBACK.items():
-        assert pack_linear(narrow, wanted).format_name == instead
-    with pytest.raises(ModelError, match="no whole number of 64-element blocks"):
-        pack_linear(type(stored)(stored.name, stored.kind, 32, stored.data[:, :32]), "q4_0")
-
-
-def test_grid_formats_need_a_file_that_holds_them(model):
+def test_grid_formats_need_a_file_that_holds_them(model_path):
     with pytest.raises(ModelError, match="iq2_xxs"):
-        load_packed(model, "iq2_xxs")
+        load_gguf(model_path, "iq2_xxs")
 
 
-def test_packing_tells_all_elements(model):
+def test_packing_tells_all_elements(model_path):
     told = []
-    weights = load_packed(model, "q4_0", progress=told.append)
-    assert sum(told) == model_elements(model) == weights.elements
-    assert weights.bytes * 64 == weights.elements * 34
-    assert weights.formats() == {"q4_0": len(layer_names(model.config)) + 1}
+    packed = summary(load_gguf(model_path, "q4_0", progress=told.append))
+    elements = sum(rows * columns for rows, columns in (layer.shape for layer in packed.layers))
+    assert sum(told) == elements
+    assert packed.bytes * 64 == elements * 34
+    assert packed.formats() == {"q4_0": 7 * tiny_llama.LAYERS + 1}
 
 
 # --- running ---------------------------------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("name", PACKABLE)
-def test_packed_runtime_agrees_with_dense_weights_of_the_same_values(model, name):
-    packed = Llama(model, load_packed(model, name), torch.float32, fused=False, many_rows=False)
-    same_values = Llama(model, unpacked_weights(model, name), torch.float32)
+def test_packed_runtime_agrees_with_dense_weights_of_the_same_values(model_path, name):
+    packed = load_gguf(model_path, name).prepare(fused=False, many_rows=False)
     # q2_k quantises its input to 8 bits a 32-element block: 1/254 of the block's extreme, near 3 standard deviations,
     # against sums that grow as the errors do.
     tolerance = 15**0.5 * 3 / 254 if name == "q2_k" else FLOAT_TOLERANCE
-    assert_close(logits(packed), logits(same_values), tolerance)
+    assert_close(logits(packed), logits(of_the_same_values(model_path, packed)), tolerance)
 
 
 @pytest.mark.parametrize("dtype", [torch.float16, torch.bfloat16, torch.float64], ids=str)
-def test_dtypes_agree_within_their_precision(model, dtype):
-    weights = load_packed(model, "q4_0")
-    expected = logits(Llama(model, weights, torch.float32, fused=False, many_rows=False))
-    got = logits(Llama(model, weights, dtype, fused=False, many_rows=False))
+def test_dtypes_agree_within_their_precision(model_path, dtype):
+    model = load_gguf(model_path, "q4_0")
+    expected = logits(model.prepare(fused=False, many_rows=False))
+    got = logits(model.prepare(dtype, fused=False, many_rows=False))
     # The float run is within FLOAT_TOLERANCE itself; sums of up to 512 roundings in T, over the 15 products.
     epsilon = max(torch.finfo(dtype).eps, torch.finfo(torch.float32).eps)
     assert_close(got, expected, 8 * 15**0.5 * 512**0.5 * epsilon / 2 + FLOAT_TOLERANCE)
 
 
-def test_prompt_in_one_call_agrees_with_token_by_token(model, dense):
+def test_prompt_in_one_call_agrees_with_token_by_token(model_path, dense):
     one_by_one = logits(dense)
     for pieces in (7, 3):
         assert_close(logits(dense, pieces=pieces), one_by_one, FLOAT_TOLERANCE)
     assert_close(dense.forward(TOKENS, dense.new_cache(len(TOKENS))).cpu(), one_by_one[-1:], FLOAT_TOLERANCE)  # the last
-    packed = load_packed(model, "q5_0")  # many rows of it take no path that rounds to less than float
-    one_call = Llama(model, packed, torch.float32)
-    assert one_call.many_rows
-    one_by_one = logits(Llama(model, packed, torch.float32, fused=False, many_rows=False))
-    assert_close(logits(one_call, pieces=7), one_by_one, FLOAT_TOLERANCE)
+    packed = load_gguf(model_path, "q5_0")  # many rows of it take no path that rounds to less than float
+    one_call = logits(packed, pieces=7)
+    assert_close(one_call, logits(packed.prepare(fused=False, many_rows=False)), FLOAT_TOLERANCE)
 
 
 def test_cache_too_small_is_refused(dense):
@@ -180,14 +167,13 @@ def test_cache_too_small_is_refused(dense):
 
 
 @pytest.mark.parametrize("name", ["fp6", "fp6_k", "fp8_e4m3"])
-def test_packed_prompt_of_a_dtype_without_expansion_goes_token_by_token(model, name):
-    weights = load_packed(model, name)
-    assert Llama(model, weights, torch.float32).many_rows
-    llama = Llama(model, weights, torch.bfloat16)
-    assert (logits(llama, pieces=7) == logits(llama, pieces=1)).all()
+def test_packed_prompt_of_a_dtype_without_expansion_is_widened(model_path, name):
+    llama = load_gguf(model_path, name).prepare(torch.bfloat16)
+    tolerance = 8 * 15**0.5 * 512**0.5 * 2.0**-8
+    assert_close(logits(llama, pieces=7), logits(llama, pieces=1), tolerance)
 
 
-def grid_model(path: Path) -> GgufModel:
+def grid_file(path: Path) -> Path:
     """The tiny model with iq2_xxs weights, and q2_k for the values, as the fused projection reads them."""
     blocks = {}
     for seed, (name, (rows, columns)) in enumerate(tiny_llama.shapes().items()):
@@ -195,41 +181,34 @@ def grid_model(path: Path) -> GgufModel:
         if name != "token_embd":
             packed = reference.random_weight(format_name, rows, columns, seed, scale=2 * columns**-0.5)
             blocks[name] = packed.reshape(rows, -1), PUBLIC_BLOCKS[format_name]
-    return GgufModel(tiny_llama.write_model(path, blocks))
+    return tiny_llama.write_model(path, blocks)
 
 
-def take_grid(stored):
-    """Stored blocks as they are, q8_0 for the rest."""
-    for name, kind in PUBLIC_BLOCKS.items():
-        if stored.kind == kind:
-            packed = take_over(FORMATS[name], stored.data, stored.columns)
-            return PackedLinear(packed, FORMATS[name], stored.rows, stored.columns)
-    return pack_linear(stored, "q8_0")
-
-
-@pytest.mark.parametrize("name", sorted(device.FUSED_QKV_FORMATS))
-def test_fused_decoding_agrees_with_plain_and_launches_less(model, tmp_path, name):
+@pytest.mark.parametrize("name", sorted(FUSED_QKV_FORMATS))
+def test_fused_decoding_agrees_with_plain_and_launches_less(model_path, tmp_path, name):
     if name == "iq2_xxs":
-        source = grid_model(tmp_path / "grid.gguf")
-        weights = load_weights(source, take_grid)
+        formats = {"*.v_proj": "q2_k", "lm_head": "q8_0", "*": "iq2_xxs"}
+        model = load_gguf(grid_file(tmp_path / "grid.gguf"), formats)
     else:
-        source, weights = model, load_packed(model, name)
-    fused = Llama(source, weights, torch.float32, fused=True, many_rows=False)
-    plain = Llama(source, weights, torch.float32, fused=False, many_rows=False)
-    assert all(fused.fused_qkv)
-    assert all(fused.fused_mlp) == (name in device.fused_mlp_formats())
+        model = load_gguf(model_path, name)
+    model.prepare(many_rows=False)
+    steps = [LayerStep(layer, fused=True) for layer in model.model.layers]
+    assert all(step.fused_qkv for step in steps)
+    assert all(step.fused_mlp == (name in fused_mlp_formats()) for step in steps)
     # Inputs quantised to 8 bits may round to the neighbouring code after another order of summation.
     tolerance = 15**0.5 * 3 / 254 if name == "iq2_xxs" else FLOAT_TOLERANCE
     with host_xpu.record_launches() as fused_launches:
-        got = logits(fused)
+        got = logits(model)
+    greedy = [list(generate(model, TOKENS, 8, set(), Speed()))]
+    model.prepare(fused=False, many_rows=False)
     with host_xpu.record_launches() as plain_launches:
-        expected = logits(plain)
+        expected = logits(model)
+    greedy.append(list(generate(model, TOKENS, 8, set(), Speed())))
     assert_close(got, expected, tolerance)
     if name != "iq2_xxs":
         each = len(TOKENS)
         assert len(fused_launches) == each * (4 * tiny_llama.LAYERS + 1)
         assert len(plain_launches) == each * (7 * tiny_llama.LAYERS + 1)
-        greedy = [list(generate(llama, TOKENS, 8, set(), Speed())) for llama in (fused, plain)]
         assert greedy[0] == greedy[1]
 
 
@@ -238,6 +217,8 @@ def test_stored_blocks_are_read_in_their_order(tmp_path):
     rows, columns = tiny_llama.shapes()["blk.0.attn_q"]
     packed = reference.random_weight("q2_k", rows, columns, seed=3).reshape(rows, -1)
     kind = gguf.GGMLQuantizationType.Q2_K
-    source = GgufModel(tiny_llama.write_model(tmp_path / "blocks.gguf", {"blk.0.attn_q": (packed, kind)}))
-    taken = pack_linear(source.linear("blk.0.attn_q"), "q2_k").weight.cpu().numpy().reshape(rows, -1)
+    path = tiny_llama.write_model(tmp_path / "blocks.gguf", {"blk.0.attn_q": (packed, kind)})
+    layer = load_gguf(path, "q2_k").model.layers[0].self_attn.q_proj
+    assert layer.error == 0
+    taken = layer.weight.cpu().numpy().reshape(rows, -1)
     assert (taken == packed[half_split_order(tiny_llama.HEADS, tiny_llama.HEAD_SIZE)]).all()

@@ -1,6 +1,6 @@
 """Packers of the super-block formats q2_k, q4_k, q5_k, q6_k and fp6_k: 256 elements with a small scale per sub-block.
 
-For the example runtime and the tests. Sub-block scales are searched for the least squared error, then quantised under
+Sub-block scales are searched for the least squared error, then quantised under
 the super-block's Half, and the codes are picked again for the scales that a reader will see.
 """
 
@@ -14,8 +14,10 @@ from .common import (
     Format,
     from_half,
     half_bytes,
+    in_pieces,
     largest_magnitude,
     reciprocal,
+    rounded,
     search_affine,
     search_scale,
     to_half,
@@ -27,7 +29,7 @@ PLAIN_BYTE_ORDER = (0, 1, 2, 3)  # of q6_k, where fp6_k takes FP6_BYTE_ORDER
 
 
 def affine_super_blocks(
-    x: Float, importance: Float, sub: int, levels: int, top: int
+    x: Float, importance: Float | None, sub: int, levels: int, top: int
 ) -> tuple[Bytes, Bytes, Bytes, Float, Float]:
     """Fit y = d * sc * q - dmin * m over sub-blocks of `sub` elements, q from 0 to levels, sc and m from 0 to top.
 
@@ -35,19 +37,19 @@ def affine_super_blocks(
     """
     n = x.shape[0]
     pieces = x.reshape(-1, sub)
-    scale, offset = search_affine(pieces, importance.reshape(-1, sub), levels, STRETCHES, True)
+    scale, offset = search_affine(pieces, in_pieces(importance, sub), levels, STRETCHES, True)
     d, sc = quantised_scales(scale.reshape(n, -1), top)
     dmin, m = quantised_scales(-offset.reshape(n, -1), top)
     inverse = reciprocal(d[:, None] * sc).reshape(-1, 1)
     lift = (dmin[:, None] * m).reshape(-1, 1)
-    q = np.clip(np.rint((pieces + lift) * inverse), 0, levels).astype(np.uint8)
+    q = rounded((pieces + lift) * inverse, 0, levels).astype(np.uint8)
     return q.reshape(n, 256), sc.astype(np.uint8), m.astype(np.uint8), d, dmin
 
 
 def quantised_scales(scale: Float, top: int) -> tuple[Float, Float]:
     """Scales (n, s) as a Half (n,) times whole numbers from -top to top, kept as float32 (n, s)."""
     unit = to_half(np.abs(scale).max(axis=1) / np.float32(top))
-    return unit, np.clip(np.rint(scale * reciprocal(unit)[:, None]), -top, top)
+    return unit, rounded(scale * reciprocal(unit)[:, None], -top, top)
 
 
 def sub_block_rows(values: Bytes | Float, sub: int) -> Float:
@@ -58,7 +60,7 @@ def sub_block_rows(values: Bytes | Float, sub: int) -> Float:
 # --- q2_k: 16 bytes of scales (low nibble) and minima (high), 64 of codes, d, dmin ----------------------------------
 
 
-def encode_q2_k(x: Float, importance: Float) -> tuple[Bytes]:
+def encode_q2_k(x: Float, importance: Float | None) -> tuple[Bytes]:
     q, sc, m, d, dmin = affine_super_blocks(x, importance, 16, 3, 15)
     quarters = q.reshape(-1, 2, 4, 32)  # byte 32h + l holds elements 128h + 32g + l, g from the lowest bits up
     qs = quarters[:, :, 0] | quarters[:, :, 1] << 2 | quarters[:, :, 2] << 4 | quarters[:, :, 3] << 6
@@ -75,7 +77,7 @@ def decode_q2_k(block: Bytes) -> Float:
 # --- q4_k: planes of codes, of (scale, minimum) byte pairs, of (d, dmin) --------------------------------------------
 
 
-def encode_q4_k(x: Float, importance: Float) -> tuple[Bytes, Bytes, Bytes]:
+def encode_q4_k(x: Float, importance: Float | None) -> tuple[Bytes, Bytes, Bytes]:
     q, sc, m, d, dmin = affine_super_blocks(x, importance, 32, 15, 255)
     halves = q.reshape(-1, 8, 2, 16)  # byte 16i + r holds elements 32i + r and 32i + 16 + r
     codes = halves[:, :, 0] | halves[:, :, 1] << 4
@@ -92,7 +94,7 @@ def decode_q4_k(codes: Bytes, scales: Bytes, supers: Bytes) -> Float:
 # --- q5_k: d, dmin, 12 bytes of 6-bit scales and minima, 32 of top bits, 128 of nibbles -----------------------------
 
 
-def encode_q5_k(x: Float, importance: Float) -> tuple[Bytes]:
+def encode_q5_k(x: Float, importance: Float | None) -> tuple[Bytes]:
     q, sc, m, d, dmin = affine_super_blocks(x, importance, 32, 31, 63)
     # Sub-blocks 0 to 3 have their six bits whole; 4 to 7 have nibbles in the last four bytes and lend top bits above.
     scales = np.concatenate(
@@ -123,15 +125,15 @@ def decode_q5_k(block: Bytes) -> Float:
 # --- q6_k: planes of high bits, low bits, signed sub-block scales, d -------------------------------------------------
 
 
-def encode_q6_k(x: Float, importance: Float) -> tuple[Bytes, Bytes, Bytes, Bytes]:
+def encode_q6_k(x: Float, importance: Float | None) -> tuple[Bytes, Bytes, Bytes, Bytes]:
     n = x.shape[0]
     pieces = x.reshape(-1, 16)
     extreme = largest_magnitude(pieces)
     candidates = (extreme / np.float32(-(32 + stretch)) for stretch in STRETCHES)
-    scale = search_scale(pieces, importance.reshape(-1, 16), candidates, lambda y: np.clip(np.rint(y), -32, 31))
+    scale = search_scale(pieces, in_pieces(importance, 16), candidates, lambda y: rounded(y, -32, 31))
     d, sc = quantised_scales(scale.reshape(n, 16), 127)
     inverse = reciprocal(d[:, None] * sc).reshape(-1, 1)
-    q = (np.clip(np.rint(pieces * inverse), -32, 31) + 32).astype(np.uint8).reshape(n, 256)
+    q = (rounded(pieces * inverse, -32, 31) + 32).astype(np.uint8).reshape(n, 256)
     low, high = split_six_bits(q, PLAIN_BYTE_ORDER)
     return high, low, sc.astype(np.int8).view(np.uint8), half_bytes(d)
 
@@ -145,10 +147,10 @@ def decode_q6_k(high: Bytes, low: Bytes, scales: Bytes, supers: Bytes) -> Float:
 # --- fp6_k: planes of low bits, high bits, signed sub-block scales, d ------------------------------------------------
 
 
-def encode_fp6_k(x: Float, importance: Float) -> tuple[Bytes, Bytes, Bytes, Bytes]:
+def encode_fp6_k(x: Float, importance: Float | None) -> tuple[Bytes, Bytes, Bytes, Bytes]:
     n = x.shape[0]
     pieces = x.reshape(-1, 16)
-    d, sc = quantised_scales(fp6_scale(np.abs(pieces), importance.reshape(-1, 16)).reshape(n, 16), 127)
+    d, sc = quantised_scales(fp6_scale(np.abs(pieces), in_pieces(importance, 16)).reshape(n, 16), 127)
     # Readers round d * sc to Half; codes are picked for that product.
     inverse = reciprocal(to_half(d[:, None] * sc)).reshape(-1, 1)
     four, two = split_six_bits(fp6_codes(pieces, inverse).reshape(n, 256), FP6_BYTE_ORDER)

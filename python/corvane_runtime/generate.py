@@ -9,9 +9,9 @@ from dataclasses import dataclass
 
 import torch
 
-import host_xpu
 
-from .model import Llama
+from .device import host_xpu
+from .llama import Llama
 
 
 @dataclass

@@ -1,11 +1,11 @@
-"""The packers of the examples: layouts against the reference decoding, error bounds, searches, refusals."""
+"""The packers: layouts against the reference decoding, error bounds, searches, refusals."""
 
 import gguf
 import numpy as np
 import pytest
 from reference import formats as reference
 
-from packers import FORMATS, PUBLIC_BLOCKS, common, take_over
+from corvane_runtime.formats import FORMATS, PUBLIC_BLOCKS, common, take_over
 
 PACKABLE = [name for name, format_ in FORMATS.items() if format_.encode is not None]
 SEARCHED = [name for name in PACKABLE if name not in ("q8_0", "fp8_e4m3", "fp8_e5m2")]

@@ -1,0 +1,94 @@
+"""Reads a Llama-shaped model from a folder that transformers wrote, without transformers."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import torch
+
+from ..formats import Progress
+from ..quantize import Formats, Importance
+from ..tokenizer import ChatTokenizer, read_json
+from ..weights import ModelError, SafetensorsWeights
+from .gguf_file import packed_llama
+from .model import Config, Llama
+
+KINDS = ("llama", "mistral", "qwen2", "qwen3")
+EMBEDDING_KINDS = {torch.float32: "F32", torch.float16: "F16", torch.bfloat16: "BF16"}
+
+
+def read_config(folder: Path) -> Config:
+    """The sizes in config.json; ModelError: what this runtime does not run."""
+    about = read_json(folder / "config.json")
+    kind = about.get("model_type")
+    if kind not in KINDS:
+        raise ModelError(f"{folder}: its model type is {kind}; this runtime runs {', '.join(KINDS)}")
+    rope = about.get("rope_parameters") or about.get("rope_scaling") or {}
+    if rope.get("rope_type", rope.get("type", "default")) != "default" or about.get("use_sliding_window"):
+        raise ModelError(f"{folder}: scales its rotary frequencies or slides its window, which this runtime does not")
+    if about.get("hidden_act", "silu") != "silu" or about.get("quantization_config"):
+        raise ModelError(f"{folder}: has an activation or a packing of its own, which this runtime does not read")
+    try:
+        heads, hidden = about["num_attention_heads"], about["hidden_size"]
+        return Config(
+            layers=about["num_hidden_layers"],
+            hidden=hidden,
+            heads=heads,
+            kv_heads=about.get("num_key_value_heads") or heads,
+            head_size=about.get("head_dim") or hidden // heads,
+            mlp=about["intermediate_size"],
+            vocabulary=about["vocab_size"],
+            context=about["max_position_embeddings"],
+            rope_base=float(about.get("rope_theta") or rope.get("rope_theta") or 10000.0),
+            norm_epsilon=about["rms_norm_eps"],
+            qkv_bias=kind == "qwen2" or bool(about.get("attention_bias")),
+            output_bias=kind != "qwen2" and bool(about.get("attention_bias")),
+            mlp_bias=bool(about.get("mlp_bias")),
+            head_norms=kind == "qwen3",
+            tied=bool(about.get("tie_word_embeddings", False)),
+        )
+    except KeyError as error:
+        raise ModelError(f"{folder / 'config.json'}: has no {error.args[0]}") from None
+
+
+class FolderWeights(SafetensorsWeights):
+    """The folder's tensors; the output head may be the token embedding."""
+
+    def dense(self, name: str) -> torch.Tensor:
+        if name == "lm_head.weight" and name not in self:
+            name = "model.embed_tokens.weight"
+        return super().dense(name)
+
+    def checked(self, name: str, like: torch.Tensor) -> torch.Tensor:
+        if name == "model.embed_tokens.weight":
+            return as_bytes(self.dense(name))
+        return super().checked(name, like)
+
+    def embedding_kind(self) -> str:
+        dtype = self.dense("model.embed_tokens.weight").dtype
+        if dtype not in EMBEDDING_KINDS:
+            raise ModelError(f"{self.folder}: its token embedding is {dtype}; this runtime reads float, half, bfloat16")
+        return EMBEDDING_KINDS[dtype]
+
+
+def as_bytes(rows: torch.Tensor) -> torch.Tensor:
+    """The bytes of a matrix, uint8 (rows, bytes of a row)."""
+    return rows.contiguous().view(torch.uint8).reshape(rows.shape[0], -1)
+
+
+def load_folder(
+    folder: str | Path,
+    format: Formats | None = None,
+    importance: Importance | None = None,
+    progress: Progress | None = None,
+) -> Llama:
+    """A Llama-shaped model of a folder of transformers, on XPU: packed in a format as quantize_ takes it, or dense.
+
+    ModelError: a folder without such a model, or tensors that are missing or of other shapes.
+    """
+    folder = Path(folder)
+    source = FolderWeights(folder)
+    model = Llama(read_config(folder), source.embedding_kind())
+    packed_llama(model, source, format, importance, progress)
+    model.tokenizer = ChatTokenizer.load(folder)
+    return model

@@ -1,0 +1,213 @@
+"""save and load: packed models as safetensors and a JSON config. Nothing in the files is executed, nothing pickled.
+
+corvane.json says what safetensors cannot: the kind of model and its sizes, the format and sizes of each packed layer,
+and of every tensor its dtype, shape and checksum, against which load() holds what it reads.
+"""
+
+from __future__ import annotations
+
+import dataclasses
+import json
+import zlib
+from pathlib import Path
+
+import torch
+from safetensors.torch import save_file
+from torch import nn
+
+from .formats import FORMATS
+from .linear import PackedLinear
+from .llama import Config, Llama
+from .tokenizer import ChatTokenizer, read_json
+from .weights import ModelError, SafetensorsWeights
+
+CONFIG, TENSORS = "corvane.json", "model.safetensors"
+VERSION = 1
+
+
+def save(model: nn.Module, folder: str | Path) -> None:
+    """Write a model with packed layers into a folder, which is made: corvane.json, model.safetensors, its tokenizer.
+
+    Tied parameters are written once. ValueError: a model with parameters on the meta device.
+    """
+    folder = Path(folder)
+    names = owners_of(model)
+    tensors: dict[str, torch.Tensor] = {}
+    ties: dict[str, str] = {}
+    for same in names.values():
+        first, tensor = same[0]
+        if tensor.is_meta:
+            raise ValueError(f"{first}: is on the meta device and holds nothing to save")
+        tensors[first] = tensor.detach().cpu().contiguous()
+        ties.update({name: first for name, _ in same[1:]})
+    about = {
+        "version": VERSION,
+        **kind_of(model),
+        "layers": {name: layer_entry(layer) for name, layer in packed_layers(model)},
+        "ties": ties,
+        "tensors": {
+            name: {
+                "dtype": str(tensor.dtype).removeprefix("torch."),
+                "shape": list(tensor.shape),
+                "crc32": checksum(tensor),
+            }
+            for name, tensor in tensors.items()
+        },
+    }
+    folder.mkdir(parents=True, exist_ok=True)
+    save_file(tensors, folder / TENSORS)
+    (folder / CONFIG).write_text(json.dumps(about, indent=1) + "\n")
+    tokenizer = getattr(model, "tokenizer", None)
+    if isinstance(tokenizer, ChatTokenizer):
+        tokenizer.save(folder)
+    if about["kind"] == "transformers":
+        model.config.save_pretrained(folder)
+
+
+def owners_of(model: nn.Module) -> dict[int, list[tuple[str, torch.Tensor]]]:
+    """The parameters and persistent buffers of a model by identity, each with all its names."""
+    owners: dict[int, list[tuple[str, torch.Tensor]]] = {}
+    for name, tensor in model.state_dict(keep_vars=True).items():
+        if isinstance(tensor, torch.Tensor):
+            owners.setdefault(id(tensor), []).append((name, tensor))
+    return owners
+
+
+def packed_layers(model: nn.Module) -> list[tuple[str, PackedLinear]]:
+    return [(name, module) for name, module in model.named_modules() if isinstance(module, PackedLinear)]
+
+
+def layer_entry(layer: PackedLinear) -> dict:
+    return {
+        "format": layer.format,
+        "in_features": layer.in_features,
+        "out_features": layer.out_features,
+        "bias": None if layer.bias is None else str(layer.bias.dtype).removeprefix("torch."),
+        "dense_bytes": layer.dense_bytes,
+        "error": layer.error,
+    }
+
+
+def kind_of(model: nn.Module) -> dict:
+    """What load() needs to make the model again."""
+    if isinstance(model, Llama):
+        embedding = model.model.embed_tokens.kind.name
+        return {"kind": "llama", "config": dataclasses.asdict(model.config), "embedding": embedding}
+    if type(model).__module__.startswith("transformers.models."):
+        return {"kind": "transformers", "class": type(model).__name__}
+    return {"kind": "module", "class": type(model).__qualname__}
+
+
+def checksum(tensor: torch.Tensor) -> int:
+    """Of a contiguous tensor's bytes on the CPU."""
+    return zlib.crc32(memoryview(tensor.reshape(-1).view(torch.uint8).numpy())) if tensor.numel() else 0
+
+
+def load(folder: str | Path, model: nn.Module | None = None, device: torch.device | str = "xpu") -> nn.Module:
+    """The model that save() wrote, on a device.
+
+    A Llama of this package and a model of transformers are made anew. Any other needs `model`, one of the same
+    structure, dense or on the meta device, whose layers are replaced and filled; it may be given for those two as well.
+    ModelError, which names the file or the tensor: files that are missing, damaged, truncated, of another version, or
+    that do not fit each other or the model.
+    """
+    folder = Path(folder)
+    about = read_json(folder / CONFIG)
+    check_version(folder, about)
+    source = CheckedWeights(folder, about)
+    try:
+        if model is None:
+            model = new_model(folder, about)
+        put_packed_layers(model, about["layers"])
+    except (KeyError, TypeError, ValueError, AttributeError) as error:
+        raise ModelError(f"{folder / CONFIG}: does not describe a model: {error!r}") from error
+    source.put_into(model, about["ties"])
+    if isinstance(model, Llama):
+        model.tokenizer = ChatTokenizer.load(folder)
+    return model.to(device).eval()
+
+
+def check_version(folder: Path, about: dict) -> None:
+    version = about.get("version")
+    if (
+        not isinstance(version, int)
+        or version < 1
+        or not all(isinstance(about.get(key), dict) for key in ("layers", "ties", "tensors"))
+    ):
+        raise ModelError(f"{folder / CONFIG}: is not a description of a packed model")
+    if version > VERSION:
+        raise ModelError(f"{folder / CONFIG}: has version {version}, this release reads up to {VERSION}")
+
+
+def new_model(folder: Path, about: dict) -> nn.Module:
+    if about["kind"] == "llama":
+        return Llama(Config(**about["config"]), about["embedding"])
+    if about["kind"] == "transformers":
+        from .transformers_models import empty_model
+
+        return empty_model(folder, about["class"])
+    raise ModelError(f"{folder}: holds a {about.get('class')}, pass one as model= to load it into")
+
+
+def put_packed_layers(model: nn.Module, layers: dict[str, dict]) -> None:
+    """Replace the model's layers of these names by packed ones on the meta device."""
+    for name, entry in layers.items():
+        if entry["format"] not in FORMATS:
+            raise ModelError(f"{name}: its format {entry['format']!r} is not known to this release")
+        parent, _, child = name.rpartition(".")
+        owner = model.get_submodule(parent)
+        replaced = getattr(owner, child)
+        sizes = entry["in_features"], entry["out_features"]
+        if (replaced.in_features, replaced.out_features) != sizes:
+            raise ModelError(
+                f"{name}: the file holds ({sizes[1]}, {sizes[0]}), "
+                f"the model needs ({replaced.out_features}, {replaced.in_features})"
+            )
+        dtype = None if entry["bias"] is None else getattr(torch, entry["bias"])
+        layer = PackedLinear(*sizes, entry["format"], bias=entry["bias"] is not None, device="meta", dtype=dtype)
+        layer.dense_bytes, layer.error = entry["dense_bytes"], entry["error"]
+        setattr(owner, child, layer)
+
+
+class CheckedWeights(SafetensorsWeights):
+    """The tensors of a saved model, each held against what corvane.json says of it."""
+
+    def __init__(self, folder: Path, about: dict) -> None:
+        super().__init__(folder)
+        self.entries = about["tensors"]
+        if set(self.entries) != set(self.names()):
+            odd = sorted(set(self.entries) ^ set(self.names()))[0]
+            where = "not in the file" if odd in self.entries else f"not in {CONFIG}"
+            raise ModelError(f"{folder}: the tensor {odd} is {where}")
+
+    def dense(self, name: str) -> torch.Tensor:
+        tensor = super().dense(name)
+        entry = self.entries[name]
+        found = {"dtype": str(tensor.dtype).removeprefix("torch."), "shape": list(tensor.shape)}
+        for key, value in found.items():
+            if entry.get(key) != value:
+                raise ModelError(f"{name}: its {key} is {value}, {CONFIG} says {entry.get(key)}")
+        if entry.get("crc32") != checksum(tensor):
+            raise ModelError(f"{name}: is damaged: its checksum is not that of {CONFIG}")
+        return tensor
+
+    def put_into(self, model: nn.Module, ties: dict[str, str]) -> None:
+        """Fill parameters and persistent buffers, tied ones with the same tensor."""
+        needed = {name: tensor for name, tensor in model.state_dict(keep_vars=True).items()}
+        for name in [*self.entries, *ties]:
+            if name not in needed:
+                raise ModelError(f"{name}: the model has no such tensor")
+        made: dict[str, torch.Tensor] = {}
+        for name, tensor in needed.items():
+            source = ties.get(name, name)
+            if source not in made:
+                if source not in self.entries:
+                    raise ModelError(f"{name}: is not among the saved tensors")
+                values = self.checked(source, tensor)
+                made[source] = nn.Parameter(values, requires_grad=False) if isinstance(tensor, nn.Parameter) else values
+            path, _, own = name.rpartition(".")
+            module = model.get_submodule(path)
+            (module._parameters if own in module._parameters else module._buffers)[own] = made[source]
+
+
+__all__ = ["load", "save"]

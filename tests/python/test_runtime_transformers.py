@@ -1,0 +1,72 @@
+"""A model of transformers, loaded packed, saved, loaded again. Runs where a transformers that knows the framework is."""
+
+import importlib.util
+
+import pytest
+import torch
+
+from corvane_runtime import CorvaneConfig, PackedLinear, generate, load, load_folder, quantize_, save, summary
+from corvane_runtime.generate import Speed
+from corvane_runtime.transformers_models import HAS_TRANSFORMERS
+
+TOKENS = [5, 6, 7, 8]
+
+
+def test_config_refuses_unknown_formats_without_transformers():
+    assert CorvaneConfig({"lm_head": None, "*": "q4_k"}).format["*"] == "q4_k"
+    with pytest.raises(ValueError, match="no format 'q9'"):
+        CorvaneConfig("q9")
+
+
+ready = HAS_TRANSFORMERS and importlib.util.find_spec("accelerate") is not None
+needs_transformers = pytest.mark.skipif(not ready, reason="no transformers for this framework")
+
+
+@pytest.fixture(params=[True, False], ids=["tied", "untied"])
+def folder(request, tmp_path):
+    from transformers import LlamaConfig, LlamaForCausalLM
+
+    torch.manual_seed(0)
+    sizes = {"vocab_size": 320, "hidden_size": 256, "intermediate_size": 512, "num_hidden_layers": 2}
+    config = LlamaConfig(**sizes, num_attention_heads=4, num_key_value_heads=2, tie_word_embeddings=request.param)
+    LlamaForCausalLM(config).save_pretrained(tmp_path / "dense")
+    return tmp_path / "dense"
+
+
+def logits_of(model) -> torch.Tensor:
+    with torch.no_grad():
+        return model(torch.tensor([TOKENS]).to("xpu")).logits[0].cpu()
+
+
+@needs_transformers
+def test_every_way_to_a_packed_model_gives_the_same(folder, tmp_path):
+    from transformers import AutoModelForCausalLM
+
+    packed = AutoModelForCausalLM.from_pretrained(folder, quantization_config=CorvaneConfig("q4_0"), device_map="xpu")
+    assert summary(packed).formats() == {"q4_0": 15}
+    assert isinstance(packed.lm_head, PackedLinear)
+    expected = logits_of(packed)
+
+    packed.save_pretrained(tmp_path / "saved")
+    again = AutoModelForCausalLM.from_pretrained(tmp_path / "saved", device_map="xpu")
+    assert torch.equal(logits_of(again), expected)
+
+    swapped = quantize_(AutoModelForCausalLM.from_pretrained(folder), "q4_0").to("xpu")
+    assert torch.equal(logits_of(swapped), expected)
+    save(swapped, tmp_path / "ours")
+    assert torch.equal(logits_of(load(tmp_path / "ours")), expected)
+
+    own = load_folder(folder, "q4_0")
+    got = own.forward(TOKENS, own.new_cache(4), last_only=False).cpu()
+    assert (got - expected).abs().max() < 1e-5 * expected.abs().max()
+    tokens = packed.generate(torch.tensor([TOKENS]).to("xpu"), max_new_tokens=12, do_sample=False, eos_token_id=None)
+    assert tokens[0, 4:].tolist() == list(generate(own, TOKENS, 12, set(), Speed()))
+
+
+@needs_transformers
+def test_layers_are_kept_dense_by_name_and_pattern(folder):
+    from transformers import AutoModelForCausalLM
+
+    config = CorvaneConfig({"*.down_proj": "q6_k", "*.o_proj": None, "*": "fp6"}, modules_to_not_convert=["lm_head"])
+    packed = AutoModelForCausalLM.from_pretrained(folder, quantization_config=config, device_map="xpu")
+    assert summary(packed).formats() == {"fp6": 10, "dense": 3, "q6_k": 2}
