@@ -172,8 +172,8 @@ void define_memory(py::module_& module) {
 PYBIND11_MODULE(_device, module) {
   module.def(
       "device_name", [] { return host::device_name(); },
-      "Name of the device: HOST_XPU_DEVICE_NAME as it stood when the device's library was loaded, else the processor's "
-      "brand.");
+      "Name of the device: HOST_XPU_DEVICE_NAME as it stood when the device's library was loaded, else one of class 1 "
+      "with the processor's brand.");
   module.def("product_library", &xpu::product_library, "Name and version of the library that multiplies dense tiles.");
   module.def("pool_library", &host::pool_library, "Name and version of the library behind the thread pool.");
   module.def("instruction_set", &host::instruction_set, "Instructions that the vector code was built for.");

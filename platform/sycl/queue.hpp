@@ -18,7 +18,7 @@
 
 namespace host {
 
-// HOST_XPU_DEVICE_NAME as it stood when the platform library was loaded, else the processor's brand string.
+// HOST_XPU_DEVICE_NAME as it stood when the platform library was loaded, else "Cirrus(TM) A host (<processor>)".
 std::string device_name();
 
 }  // namespace host

@@ -77,7 +77,8 @@ CORVANE_INLINE Integer load_integer(const void* from) {
 }
 
 // A hint that the cache line at `to` will be read; any address is harmless.
-CORVANE_INLINE void prefetch(const void* to) { __builtin_prefetch(to); }
+// Into the second-level cache: the first is too small for what is asked for thousands of bytes ahead.
+CORVANE_INLINE void prefetch(const void* to) { __builtin_prefetch(to, 0, 2); }
 
 // One register to memory past the caches, for what is larger than they are; `to` is a multiple of 64. Other threads see
 // it once the piece of the loop is done (parallel.cpp).

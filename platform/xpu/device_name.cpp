@@ -1,5 +1,5 @@
-// The name that the host device reports: HOST_XPU_DEVICE_NAME as it stood when this library was loaded, else the
-// processor's brand string.
+// The name that the host device reports: HOST_XPU_DEVICE_NAME as it stood when this library was loaded, else a
+// name of class 1 with the processor's brand string: the host's cores do what that class's systolic unit does.
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -44,7 +44,7 @@ std::string processor_brand() {
 
 std::string read_name() {
   const char* name = std::getenv("HOST_XPU_DEVICE_NAME");
-  return name != nullptr ? std::string(name) : processor_brand();
+  return name != nullptr ? std::string(name) : "Cirrus(TM) A host (" + processor_brand() + ")";
 }
 
 const std::string& stored_name() {
