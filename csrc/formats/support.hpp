@@ -73,18 +73,18 @@ struct tile_support {
   expansion_kernel on_class_0 = {}, elsewhere = {};
 };
 
-struct simd_rules {
+struct explicit_simd_rules {
   bool in_float = false;    // the arithmetic is in float, else in Half
   bool waits = false;       // the host waits for its event
   bool whole_rows = false;  // forward_new takes it only where state_size is a multiple of the block
   bool any_blocks = false;  // a last thread with fewer blocks is allowed: the format has no other expansion
 };
 
-struct simd_support {
+struct explicit_simd_support {
   const char* kernel = nullptr;
   const char* label = nullptr;  // of the profiler's record
   unsigned blocks = 0;          // that a thread expands
-  simd_rules rules = {};
+  explicit_simd_rules rules = {};
 };
 
 // --- fused operators ------------------------------------------------------------------------------------------------
@@ -113,7 +113,7 @@ struct format_support {
   small_batch_support small_batch = {};
   bool systolic = false;
   tile_support tile = {};
-  simd_support explicit_simd = {};
+  explicit_simd_support explicit_simd = {};
   general_support general = {};
   bool dequant = false;  // the operator of that name expands it
   row_lookup_support row_lookup = {};

@@ -47,12 +47,13 @@ CORVANE_ONE_SIZE_KERNELS(CORVANE_NAMED)
 CORVANE_Q8_1_KERNELS(CORVANE_NAMED)
 #undef CORVANE_NAMED
 
-#define CORVANE_DECLARE(NAME, ID)                                                                                     \
-  template <class T, unsigned SG_SIZE, unsigned WG_SIZE,                                                              \
-            unsigned ROWS_PER_WG = support[ID].one_row.kernel.elsewhere.rows>                                         \
-  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size, uint64_t output_size,    \
-            c10::Device device) {                                                                                     \
-    one_row<ID, T>({#NAME, {SG_SIZE, WG_SIZE, ROWS_PER_WG}}, input, weight, output, state_size, output_size, device); \
+#define CORVANE_DECLARE(NAME, ID)                                                                                   \
+  template <class T, unsigned SG_SIZE, unsigned WG_SIZE,                                                            \
+            unsigned ROWS_PER_WG = support[ID].one_row.kernel.elsewhere.rows>                                       \
+  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size, uint64_t output_size,  \
+            c10::Device device) {                                                                                   \
+    launch_one_row<ID, T>({#NAME, {SG_SIZE, WG_SIZE, ROWS_PER_WG}}, input, weight, output, state_size, output_size, \
+                          device);                                                                                  \
   }
 CORVANE_ONE_ROW_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
@@ -61,30 +62,31 @@ CORVANE_ONE_ROW_KERNELS(CORVANE_DECLARE)
   template <class T>                                                                                               \
   void NAME(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size, uint64_t output_size, \
             c10::Device device) {                                                                                  \
-    one_row<ID, T>({#NAME, support[ID].one_row.kernel.elsewhere}, input, weight, output, state_size, output_size,  \
-                   device);                                                                                        \
+    launch_one_row<ID, T>({#NAME, support[ID].one_row.kernel.elsewhere}, input, weight, output, state_size,        \
+                          output_size, device);                                                                    \
   }
 CORVANE_ONE_SIZE_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
 
 // activations: the input row in 8-bit blocks. The host waits for the kernel.
-#define CORVANE_DECLARE(NAME, ID)                                                                          \
-  template <class T>                                                                                       \
-  void NAME(const uint8_t* weight, const uint8_t* activations, T* output, uint64_t, uint64_t state_size,   \
-            uint64_t output_size, c10::Device device) {                                                    \
-    one_row<ID, T>({#NAME, support[ID].one_row.kernel.elsewhere}, activations, weight, output, state_size, \
-                   output_size, device);                                                                   \
+#define CORVANE_DECLARE(NAME, ID)                                                                                 \
+  template <class T>                                                                                              \
+  void NAME(const uint8_t* weight, const uint8_t* activations, T* output, uint64_t, uint64_t state_size,          \
+            uint64_t output_size, c10::Device device) {                                                           \
+    launch_one_row<ID, T>({#NAME, support[ID].one_row.kernel.elsewhere}, activations, weight, output, state_size, \
+                          output_size, device);                                                                   \
   }
 CORVANE_Q8_1_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
 
 // input (rows, state_size), output (rows, output_size).
-#define CORVANE_DECLARE(NAME, ID)                                                                                  \
-  static_assert(std::string_view(#NAME) == support[ID].small_batch.kernel);                                        \
-  template <class T, unsigned SG_SIZE, unsigned WG_SIZE>                                                           \
-  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,                  \
-            uint64_t output_size, c10::Device device) {                                                            \
-    small_batch(ID, {#NAME, {SG_SIZE, WG_SIZE, 2}}, input, weight, output, rows, state_size, output_size, device); \
+#define CORVANE_DECLARE(NAME, ID)                                                                                \
+  static_assert(std::string_view(#NAME) == support[ID].small_batch.kernel);                                      \
+  template <class T, unsigned SG_SIZE, unsigned WG_SIZE>                                                         \
+  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,                \
+            uint64_t output_size, c10::Device device) {                                                          \
+    launch_small_batch(ID, {#NAME, {SG_SIZE, WG_SIZE, 2}}, input, weight, output, rows, state_size, output_size, \
+                       device);                                                                                  \
   }
 CORVANE_SMALL_BATCH_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
