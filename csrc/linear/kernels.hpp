@@ -41,6 +41,15 @@ void quantize_xpu_kernel_q8_1(const T* input, uint8_t* activations, uint64_t row
   M(qlinear_xpu_kernel_q4_0_2x16_by_batch, qtype_q4_0) \
   M(qlinear_xpu_kernel_nf4_2x16_batch, qtype_nf4)
 
+#define CORVANE_ONE(NAME, ID) +1
+static_assert(CORVANE_ONE_ROW_KERNELS(CORVANE_ONE) CORVANE_ONE_SIZE_KERNELS(CORVANE_ONE)
+                      CORVANE_Q8_1_KERNELS(CORVANE_ONE) == count_formats([](const format_support&) { return true; }),
+              "every format's one-row kernel is named above");
+static_assert(CORVANE_SMALL_BATCH_KERNELS(CORVANE_ONE) ==
+                  count_formats([](const format_support& s) { return s.small_batch.kernel != nullptr; }),
+              "every small-batch kernel is named above");
+#undef CORVANE_ONE
+
 #define CORVANE_NAMED(NAME, ID) static_assert(std::string_view(#NAME) == support[ID].one_row.kernel.name);
 CORVANE_ONE_ROW_KERNELS(CORVANE_NAMED)
 CORVANE_ONE_SIZE_KERNELS(CORVANE_NAMED)

@@ -52,6 +52,23 @@ namespace corvane {
   M(dequantize_q4_k_kernel, qtype_q4_k)         \
   M(dequantize_q6_k_kernel, qtype_q6_k)
 
+#define CORVANE_ONE(...) +1
+static_assert(CORVANE_ROW_EXPANSIONS(CORVANE_ONE) ==
+                  2 * count_formats([](const format_support& s) { return s.general.cut == expansion_cut::row; }),
+              "every general expansion by rows is named above");
+static_assert(CORVANE_OTHER_EXPANSIONS(CORVANE_ONE) == count_formats([](const format_support& s) {
+                return s.general.cut != expansion_cut::none && s.general.cut != expansion_cut::row;
+              }),
+              "every other general expansion is named above");
+static_assert(CORVANE_TILE_EXPANSIONS(CORVANE_ONE) ==
+                  count_formats([](const format_support& s) { return s.tile.elsewhere.name != nullptr; }) +
+                      count_formats([](const format_support& s) { return s.tile.on_class_0.name != nullptr; }),
+              "every tile kernel is named above");
+static_assert(CORVANE_EXPLICIT_SIMD_EXPANSIONS(CORVANE_ONE) ==
+                  count_formats([](const format_support& s) { return s.explicit_simd.kernel != nullptr; }),
+              "every explicit-SIMD kernel is named above");
+#undef CORVANE_ONE
+
 #define CORVANE_DECLARE(NAME, ID, MEMBER)                                                                      \
   static_assert(std::string_view(#NAME) == support[ID].general.MEMBER.name);                                   \
   template <class T, unsigned SG_SIZE>                                                                         \
