@@ -92,9 +92,10 @@ void forward_new(byte_source& source, const environment& set) {
   check_shape("forward_new", result, {rows, shape.output_size}, dtype);
   if (make.unusual()) return;
 
-  const bool small_batch = !systolic && ((qtype == 2 && corvane::class_at_load.linear != 0 && rows <= 7) ||
-                                         (qtype == 10 && rows <= 14));
-  const bool in_half = dtype == at::kFloat && rows != 1 && !small_batch;  // the systolic unit and explicit-SIMD expansions
+  const bool small_batch =
+      !systolic && ((qtype == 2 && corvane::class_at_load.linear != 0 && rows <= 7) || (qtype == 10 && rows <= 14));
+  const bool in_half =
+      dtype == at::kFloat && rows != 1 && !small_batch;  // the systolic unit and explicit-SIMD expansions
   const precision p = precision_of(in_half ? at::kHalf : dtype);
   const bool quantised = rows == 1 && is_one_of(qtype, {21, 23, 24});
   const std::vector<double> x = values_of(input);
