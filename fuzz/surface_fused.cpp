@@ -180,8 +180,8 @@ void mlp(byte_source& source) {
   const at::Tensor input = make.floats({1, shape.state_size}, dtype, c);
   const at::Tensor first = make_weight(make, source, qtype, shape), second = make_weight(make, source, qtype, shape);
 
-  const uint8_t device = corvane::device_class.fused_mlp;
-  const bool good = !make.distorted() && has_kernel(qtype) && (qtype != 21 || device == 0 || device == 5) &&
+  const uint8_t device_class = corvane::class_at_load.mlp;
+  const bool good = !make.distorted() && has_kernel(qtype) && (qtype != 21 || device_class == 0 || device_class == 5) &&
                     batch == 1 && state_size == shape.state_size && output_size == shape.output_size &&
                     output_size % 8 == 0 && shape.rows_begin_on_blocks();
   at::Tensor result;

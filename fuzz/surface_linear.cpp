@@ -18,7 +18,7 @@ bool is_float_or_half(at::ScalarType dtype) { return dtype == at::kFloat || dtyp
 
 bool takes_systolic_path(int32_t qtype, int64_t rows, int64_t output_size, const environment& set) {
   if (!set.systolic_allowed || rows < 2 || output_size % 16 != 0 || !is_one_of(qtype, {2, 8, 15, 19})) return false;
-  switch (corvane::device_class.linear_forward) {
+  switch (corvane::class_at_load.linear) {
     case 0:
       return rows <= 16;
     case 1:
@@ -92,9 +92,10 @@ void forward_new(byte_source& source, const environment& set) {
   check_shape("forward_new", result, {rows, shape.output_size}, dtype);
   if (make.unusual()) return;
 
-  const bool small_batch = !systolic && ((qtype == 2 && corvane::device_class.linear_forward != 0 && rows <= 7) ||
-                                         (qtype == 10 && rows <= 14));
-  const bool in_half = dtype == at::kFloat && rows != 1 && !small_batch;  // the systolic unit and fast expansions
+  const bool small_batch =
+      !systolic && ((qtype == 2 && corvane::class_at_load.linear != 0 && rows <= 7) || (qtype == 10 && rows <= 14));
+  const bool in_half =
+      dtype == at::kFloat && rows != 1 && !small_batch;  // the systolic unit and explicit-SIMD expansions
   const precision p = precision_of(in_half ? at::kHalf : dtype);
   const bool quantised = rows == 1 && is_one_of(qtype, {21, 23, 24});
   const std::vector<double> x = values_of(input);

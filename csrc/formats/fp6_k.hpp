@@ -1,7 +1,7 @@
 // fp6_k: the codes of fp6, a signed byte scale for every 16 elements, over a Half scale for 256. Planar.
 //
-//   4-bit plane        128 bytes a block: 16 units of block_base_fp6_k_ql, two little-endian words each
-//   2-bit plane        64 bytes a block: 16 units of block_base_fp6_k_qh, one word each
+//   4-bit plane        128 bytes a block: a block_base_fp6_k_ql, two little-endian words, for each sub-block of 16
+//   2-bit plane        64 bytes a block: a block_base_fp6_k_qh, one word, for each sub-block
 //   sub-block scales   16 signed bytes a block
 //   super-block scale  one Half a block
 //
@@ -13,7 +13,7 @@
 
 namespace corvane {
 
-struct block_base_fp6_k_ql {  // of 16 elements
+struct block_base_fp6_k_ql {  // of a sub-block of 16 elements
   uint32_t words[2];
 };
 struct block_base_fp6_k_qh {
@@ -64,7 +64,7 @@ struct fp6_k_reader {
     return detail::splat_lane<T>(half_values_as<T>(factors).to_float(), static_cast<int>(v));
   }
 
-  // A chunk is a unit of 16 elements. Its codes are put together four at a time, one to a byte; a pair is two bytes
+  // A chunk is a sub-block. Its codes are put together four at a time, one to a byte; a pair is two bytes
   // apart.
   static constexpr unsigned chunk_element(unsigned c, unsigned j) {
     constexpr unsigned element_of[4] = {2, 0, 3, 1};  // by its byte in a word

@@ -13,9 +13,8 @@ template <const std::array<float, 16>& Values,
           bool HighNibbleFirst>  // element j is the high nibble of qs[j]
 struct nibble_codes {
   // The look-up takes the low four bits of a lane, so that nothing is masked. In double two look-ups of eight doubles
-  // cost less than converting 16 floats: measured 2.4 against 3.8 ns for 64 elements. Nibbles of q4_0 as the last bits
-  // of 2^23, or for high ones of 2^19, less 2^23 + 8 or 2^19 + 8, took 1.40 against 1.27 ns in float, 5.1 against 4.6
-  // in BFloat16.
+  // cost less than converting 16 floats. Measured and dropped: nibbles of q4_0 as the last bits of 2^23, or for high
+  // ones of 2^19, less 2^23 + 8 or 2^19 + 8.
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(const uint8_t* qs, unsigned v) {
     static constexpr auto table = table_of<T, sycl::lane_of<T>>(Values);

@@ -23,5 +23,4 @@ constexpr int64_t q8_1_bytes(int64_t state_size) {
   return state_size / q8_1_elements * static_cast<int64_t>(sizeof(block_q8_1));
 }
 
-
 }  // namespace corvane

@@ -1,7 +1,6 @@
 // What a reader of a format is: the one place that knows where the format's bytes lie and what they mean.
 //
-// Weight rows are walked in units of 64 elements, numbered through the whole matrix (unit = flat element / 64). A
-// reader is a struct of static functions and constants; the concepts below say what it has to offer, and what some
+// A reader is a struct of static functions and constants; the concepts below say what it has to offer, and what some
 // offer beside it. readers.hpp asserts them for every format.
 #pragma once
 
@@ -25,8 +24,6 @@ using sycl::simd;
   M(double __VA_OPT__(, ) __VA_ARGS__)    \
   M(BFloat16 __VA_OPT__(, ) __VA_ARGS__)
 
-constexpr unsigned unit_elements = 64;
-
 // The readers of a format, said beside them: its own, and the one that fused and systolic kernels use, where fp8_e5m2
 // differs.
 template <int32_t Id>
@@ -41,18 +38,18 @@ using scaled_reader_of = typename scaled_reader_for<Id>::type;
 // Where the parts of a packed tensor begin, and the codes of a unit as 16 lanes at a time.
 template <class R>
 concept unit_reader = requires(const typename R::planes& planes, typename R::raw raw, uint32_t unit) {
-  { R::id } -> std::convertible_to<int32_t>;  // qtype of the format
-  {
-    R::shared_scale
-    } -> std::convertible_to<unsigned>;            // elements under one scale: 64, 32, 16; 0: decode gives the
-                                                   // weight itself, nothing scales it
-  { R::has_offset } -> std::convertible_to<bool>;  // y = scale * code + offset, not scale * code
-  { R::locate((const uint8_t*)nullptr, uint64_t{}, uint64_t{}) } -> std::same_as<typename R::planes>;  // weight, K, N
-  { R::fetch(planes, unit) } -> std::same_as<typename R::raw>;  // a unit's codes, as far as best unpacked together
-  {
-    R::template decode<float>(raw, 0U)
-    } -> std::same_as<simd<float, 16>>;  // elements 16 v to 16 v + 15, v < 4,
-                                         // unscaled; exact in T
+  // qtype of the format
+  { R::id } -> std::convertible_to<int32_t>;
+  // elements under one scale: 64, 32, 16; 0: decode gives the weight itself, nothing scales it
+  { R::shared_scale } -> std::convertible_to<unsigned>;
+  // y = scale * code + offset, not scale * code
+  { R::has_offset } -> std::convertible_to<bool>;
+  // from weight, state_size, output_size
+  { R::locate((const uint8_t*)nullptr, uint64_t{}, uint64_t{}) } -> std::same_as<typename R::planes>;
+  // a unit's codes, as far as best unpacked together
+  { R::fetch(planes, unit) } -> std::same_as<typename R::raw>;
+  // elements 16 v to 16 v + 15, v < 4, unscaled; exact in T
+  { R::template decode<float>(raw, 0U) } -> std::same_as<simd<float, 16>>;
 };
 
 // Scale (and offset) of elements 16 v to 16 v + 15 of a unit, in all lanes.

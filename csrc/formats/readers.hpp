@@ -36,8 +36,11 @@ constexpr bool reads_what_is_supported() {
     static_assert(offers.one_row.scheme != row_scheme::units || row_reader<reader>, "one row, by units");
     static_assert(offers.one_row.scheme != row_scheme::chunks || chunk_reader<reader>, "one row, by chunks");
     static_assert(!offers.systolic || systolic_reader<scaled>, "systolic path");
-    constexpr bool fused = offers.qkv.kernel.name != nullptr || offers.mlp.kernel.name != nullptr;
-    static_assert(!fused || offers.one_row.scheme == row_scheme::eight_bit || row_reader<scaled>, "fused operators");
+    static_assert(offers.small_batch.kernel == nullptr || (row_reader<reader> && !reader::has_offset), "small batch");
+    constexpr bool fused =
+        offers.qkv.kernel.name != nullptr || offers.qk.kernel.name != nullptr || offers.mlp.kernel.name != nullptr;
+    constexpr bool eight_bit = offers.one_row.scheme == row_scheme::eight_bit;
+    static_assert(!fused || eight_bit || (row_reader<scaled> && !scaled::has_offset), "fused operators");
     return true;
   }
 }

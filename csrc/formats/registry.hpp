@@ -8,6 +8,9 @@
 
 namespace corvane {
 
+// Kernels walk weight rows in units of 64 elements, numbered through the whole matrix (unit = flat element / 64).
+constexpr unsigned unit_elements = 64;
+
 struct format_info {
   const char* name = nullptr;  // null: the id names no format that an operator reads
   int32_t block_elements = 0;

@@ -13,7 +13,7 @@ namespace corvane {
 struct launch_sizes {
   int sub_group;        // required sub-group size; 0: none
   unsigned work_group;  // work-items of a group, along dimension 0
-  unsigned rows;        // output rows that a group makes
+  unsigned rows;        // output rows that a group makes; a divisor of 16
 };
 
 // A kernel whose sizes follow the device class, of which 0 and 5 may have their own.
@@ -73,18 +73,18 @@ struct tile_support {
   expansion_kernel on_class_0 = {}, elsewhere = {};
 };
 
-struct simd_rules {
+struct explicit_simd_rules {
   bool in_float = false;    // the arithmetic is in float, else in Half
   bool waits = false;       // the host waits for its event
   bool whole_rows = false;  // forward_new takes it only where state_size is a multiple of the block
   bool any_blocks = false;  // a last thread with fewer blocks is allowed: the format has no other expansion
 };
 
-struct simd_support {
+struct explicit_simd_support {
   const char* kernel = nullptr;
   const char* label = nullptr;  // of the profiler's record
   unsigned blocks = 0;          // that a thread expands
-  simd_rules rules = {};
+  explicit_simd_rules rules = {};
 };
 
 // --- fused operators ------------------------------------------------------------------------------------------------
@@ -113,7 +113,7 @@ struct format_support {
   small_batch_support small_batch = {};
   bool systolic = false;
   tile_support tile = {};
-  simd_support explicit_simd = {};
+  explicit_simd_support explicit_simd = {};
   general_support general = {};
   bool dequant = false;  // the operator of that name expands it
   row_lookup_support row_lookup = {};
@@ -253,13 +253,51 @@ constexpr std::array<format_support, 32> make_support() {
   return t;
 }
 
-// A format has its row, and a way for one input row and for several; what is no format has none.
-constexpr bool is_complete(const std::array<format_support, 32>& t) {
+// Ends the compilation if it does not hold; the compiler shows the sentence.
+constexpr void require(bool holds, const char* sentence) {
+  if (!holds) throw sentence;
+}
+
+constexpr void require_sizes(const sized_kernel& kernel, unsigned multiple) {
+  if (kernel.name == nullptr) return;
+  for (const launch_sizes& s : {kernel.on_class_0, kernel.on_class_5, kernel.elsewhere}) {
+    require(s.work_group != 0 && s.rows != 0 && 16 % s.rows == 0, "a launch has work-items and a divisor of 16 rows");
+  }
+  require(multiple != 0, "a state_size is held against a multiple above 0");
+}
+
+constexpr void require_expansion(const format_support& s, bool super_blocks) {
+  const bool by_general = s.general.cut != expansion_cut::none, by_rows = s.general.cut == expansion_cut::row;
+  const bool by_tiles = s.tile.rule != tile_rule::none;
+  const auto whole = [](const expansion_kernel& k) { return k.name != nullptr && k.items != 0; };
+  require(by_general || s.explicit_simd.kernel != nullptr, "a format has an expansion, for several rows");
+  require(by_general || (!s.dequant && !by_tiles && s.row_lookup.kernel == nullptr),
+          "dequant, tiles and row look-up are the general family's");
+  require(!by_general || whole(s.general.elsewhere), "a general expansion has a name and items");
+  require(!by_rows || (whole(s.general.on_class_0) && !super_blocks), "a row is cut in blocks of 64, on every class");
+  require(!by_tiles || (whole(s.tile.elsewhere) && by_rows), "tiles are rows");
+  require(s.tile.rule != tile_rule::low_memory || whole(s.tile.on_class_0), "low memory is a rule of every class");
+  require(s.explicit_simd.kernel == nullptr || (s.explicit_simd.label != nullptr && s.explicit_simd.blocks != 0),
+          "an explicit-SIMD kernel has a label and blocks of a thread");
+  require(s.row_lookup.kernel == nullptr || (super_blocks && s.row_lookup.items != 0),
+          "row look-up is by super-blocks");
+}
+
+// A row has what the code that reads it calls, names and divides by. What is no format has no row.
+constexpr bool rows_are_complete(const std::array<format_support, 32>& t) {
   for (int32_t id = 0; id < 32; ++id) {
-    const bool one_row = t[id].one_row.kernel.name != nullptr;
-    const bool several = t[id].explicit_simd.kernel != nullptr || t[id].general.cut != expansion_cut::none;
-    if (one_row != is_format(id) || several != is_format(id)) return false;
-    if (t[id].dequant && t[id].general.cut == expansion_cut::none) return false;
+    const format_support& s = t[id];
+    const bool super_blocks = registry[id].block_elements == 256;
+    require((s.one_row.kernel.name != nullptr) == is_format(id), "exactly the formats have a kernel for one row");
+    if (!is_format(id)) continue;
+    require(super_blocks == (s.one_row.scheme != row_scheme::units), "super-blocks are read by chunks or in 8 bits");
+    require_sizes(s.one_row.kernel, s.one_row.multiple);
+    require_sizes(s.qkv.kernel, s.qkv.multiple);
+    require_sizes(s.qk.kernel, s.qk.multiple);
+    require_sizes(s.mlp.kernel, s.mlp.multiple);
+    require(s.small_batch.kernel == nullptr || s.small_batch.most_rows > 1, "a small batch has several rows");
+    require(s.mlp.kernel.name == nullptr || s.mlp.dispatch_label != nullptr, "the MLP's dispatch has a label");
+    require_expansion(s, super_blocks);
   }
   return true;
 }
@@ -267,7 +305,15 @@ constexpr bool is_complete(const std::array<format_support, 32>& t) {
 }  // namespace detail
 
 inline constexpr std::array<format_support, 32> support = detail::make_support();
-static_assert(detail::is_complete(support), "exactly the formats have a support row, with a way for every call");
+static_assert(detail::rows_are_complete(support));
+
+// How many formats have a thing: what lists of kernels by name are held against.
+template <class Has>
+constexpr unsigned count_formats(const Has& has) {
+  unsigned count = 0;
+  for (int32_t id = 0; id < 32; ++id) count += is_format(id) && has(support[id]);
+  return count;
+}
 
 template <int32_t Id>
 using format_constant = std::integral_constant<int32_t, Id>;
@@ -278,7 +324,7 @@ template <auto has, class F>
 bool with_format(int32_t id, const F& f) {
   return [&]<std::size_t... N>(std::index_sequence<N...>) {
     const auto try_one = [&]<int32_t Id>(format_constant<Id> constant) {
-      if constexpr (is_format(Id) && has(support[is_format(Id) ? Id : 0])) {
+      if constexpr (is_format(Id) && has(support[Id])) {
         if (id == Id) return f(constant), true;
       }
       return false;

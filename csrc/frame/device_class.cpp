@@ -1,9 +1,13 @@
 #include "frame/device_class.hpp"
 
+#include <string_view>
+
 #include "frame/launch.hpp"
 
 namespace corvane {
+namespace {
 
+// A plain search, with regard to case.
 uint8_t class_of_name(std::string_view name) {
   const auto contains = [&](std::string_view key) { return name.find(key) != std::string_view::npos; };
   if (contains("Stratus Server GPU")) return 0;
@@ -18,7 +22,9 @@ uint8_t classify_device() {
   return class_of_name(queue.get_device().get_info<sycl::info::device::name>());
 }
 
+}  // namespace
+
 // Braces fill members in order. The platform library, a dependency of the module's, has registered its guard by now.
-const device_classes device_class{classify_device(), classify_device(), classify_device()};
+const device_classes class_at_load{classify_device(), classify_device(), classify_device()};
 
 }  // namespace corvane

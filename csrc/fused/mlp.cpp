@@ -4,6 +4,7 @@
 #include <ATen/record_function.h>
 
 #include <string>
+#include <vector>
 
 #include "frame/device_class.hpp"
 #include "frame/dispatch.hpp"
@@ -50,9 +51,9 @@ void check_tensors(const mlp_call& call, int32_t id, const origin& where) {
   check_no_gradients({{"input", input}}, where);
 }
 
-at::Tensor launch_mlp(const mlp_call& call, int32_t qtype) {
+at::Tensor run_mlp(const mlp_call& call, int32_t qtype) {
   const mlp_support& offers = support[qtype].mlp;
-  const kernel_launch how{offers.kernel.name, offers.kernel.sizes(device_class.fused_mlp)};
+  const kernel_launch how{offers.kernel.name, offers.kernel.sizes(class_at_load.mlp)};
   const origin where{mlp_source, how.name};
   at::Tensor output =
       at::empty({1, call.output_size}, at::TensorOptions().device(call.first.device()).dtype(call.input.scalar_type()));
@@ -76,15 +77,15 @@ at::Tensor mlp_forward_xpu(at::Tensor input, at::Tensor first, at::Tensor second
                            int64_t state_size, int64_t output_size, int64_t activation, int32_t qtype) {
   RECORD_FUNCTION("mlp_forward", std::vector<c10::IValue>({input}));
   check_format(qtype, here);
-  if (!support[qtype].mlp.kernel.on(device_class.fused_mlp)) {
+  if (!support[qtype].mlp.kernel.on(class_at_load.mlp)) {
     fail(here, "no kernel for qtype " + std::to_string(qtype) + " (" + registry[qtype].name + ") on device class " +
-                   std::to_string(device_class.fused_mlp));
+                   std::to_string(class_at_load.mlp));
   }
   check(batch_size == 1, here, "batch_size == 1");
   check_sizes(state_size, output_size);
   const mlp_call call{input,      first,       second,
                       state_size, output_size, activation == 0 ? mlp_activation::silu : mlp_activation::tanh};
-  return launch_mlp(call, qtype);
+  return run_mlp(call, qtype);
 }
 
 }  // namespace corvane

@@ -118,10 +118,10 @@ projection_arguments<T, Matrices> arguments_of(const projection_call<Matrices>& 
 
 // Nothing is launched, and no cache touched, before every check has passed.
 template <unsigned Matrices>
-void launch_projection(const projection_call<Matrices>& call) {
+void run_projection(const projection_call<Matrices>& call) {
   const int32_t qtype = call.qtypes[0];
   const projection_support& offers = projection_of<Matrices>(support[qtype]);
-  const kernel_launch how{offers.kernel.name, offers.kernel.sizes(device_class.fused_projections)};
+  const kernel_launch how{offers.kernel.name, offers.kernel.sizes(class_at_load.projections)};
   const origin where{projection_source, how.name};
   const bool with_bias = offers.adds_bias && !call.biases.empty();
   dispatch_floating(call.input.scalar_type(), how.name, where, [&](auto tag) {
@@ -139,14 +139,14 @@ template <unsigned Matrices>
 std::vector<at::Tensor> project(projection_call<Matrices> call, const origin& where) {
   const int32_t qtype = call.qtypes[0];
   check_format(qtype, where);
-  if (!projection_of<Matrices>(support[qtype]).kernel.on(device_class.fused_projections)) {
+  if (!projection_of<Matrices>(support[qtype]).kernel.on(class_at_load.projections)) {
     fail(where, "no kernel for qtype " + std::to_string(qtype) + " (" + registry[qtype].name + ")");
   }
   derive_sizes(call, where);
   for (unsigned m = 1; m < Matrices; ++m) call.outputs[m] = longer_view({cache_names[m], call.caches[m]}, where);
   call.outputs[0] = at::empty({1, call.rows[0] / call.head_size, 1, call.head_size},
                               at::TensorOptions().device(call.weights[0].device()).dtype(call.input.scalar_type()));
-  launch_projection(call);
+  run_projection(call);
   return {call.outputs.begin(), call.outputs.end()};
 }
 

@@ -9,10 +9,10 @@
 namespace corvane {
 
 // input (1, K); weights: packed bytes of (N, K), query and key in the format src_0_qtype; weight_v by its size in the
-// format src_0_vtype, read as q2_k where query and key are iq2_xxs, else as they are; biases: none, or (N) for each
-// weight; position_ids: 64-bit integers, the first is the token's position; cache_k, cache_v (1, heads, positions,
-// head_size), with room for position kv_seq_len, which is written, and for one position more than they have. Returns
-// the query (1, heads, 1, head_size) and views of the caches that are one position longer.
+// format src_0_vtype, read in the value format of the support row of src_0_qtype; biases: none, or (N) for each weight;
+// position_ids: 64-bit integers, the first is the token's position; cache_k, cache_v (1, heads, positions, head_size),
+// with room for position kv_seq_len, which is written, and for one position more than they have. Returns the query (1,
+// heads, 1, head_size) and views of the caches that are one position longer.
 std::vector<at::Tensor> forward_qkv_body(at::Tensor input, at::Tensor weight_q, at::Tensor weight_k,
                                          at::Tensor weight_v, std::vector<at::Tensor> biases, at::Tensor position_ids,
                                          at::Tensor cache_k, at::Tensor cache_v, int32_t src_0_qtype,

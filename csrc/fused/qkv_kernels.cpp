@@ -1,6 +1,7 @@
 // The fused projections: the two rows of a work-group, the rotation and writing of their results, and the launch.
 #include "fused/qkv_kernels.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -57,8 +58,8 @@ void finish_pair(const projection<T>& matrix, const rotary_pair& pair, const rot
 // at once. prepare_input() is the caller's share of the first phase; dot_pair(m, pair, sums) adds the two dot products,
 // spread over the lanes, to sums[0][0] and sums[1][0].
 template <class T, unsigned Matrices, class Prepare, class DotPair>
-void launch_projections(const kernel_launch& how, const projection_arguments<T, Matrices>& a, c10::Device device,
-                        const Prepare& prepare_input, const DotPair& dot_pair) {
+void launch_row_pairs(const kernel_launch& how, const projection_arguments<T, Matrices>& a, c10::Device device,
+                      const Prepare& prepare_input, const DotPair& dot_pair) {
   uint32_t most_rows = 0;
   for (const projection<T>& matrix : a.matrices) most_rows = std::max(most_rows, matrix.rows);
   const uint32_t half = std::min(a.head_size, most_rows) / 2;  // no head, no angle
@@ -106,7 +107,7 @@ void project_units(const kernel_launch& how, const T* input, const projection_ar
   const auto units = static_cast<uint32_t>(a.state_size / unit_elements);
   const auto dots = scaled_row_dots<Id, T>();
   prepared_row<T> row(input, units);
-  launch_projections(
+  launch_row_pairs(
       how, a, device, [&row] { row.prepare(); },
       [&](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2][1]) {
         const row_list<2> rows{{pair.row * units, pair.partner() * units}, pair.step() * units};
@@ -130,7 +131,7 @@ void project_q8_1(const kernel_launch& how, const uint8_t* input, const projecti
   const auto blocks = static_cast<uint32_t>(a.state_size / detail::super_block_elements);
   staged_row<dots_of<Id>> row(blocks);
   staged_row<dots_of<support[Id].qkv.value_format>> row_of_value(Matrices == 3 ? blocks : 0);
-  launch_projections(
+  launch_row_pairs(
       how, a, device,
       [&row, &row_of_value, input] {
         row.fill(input);

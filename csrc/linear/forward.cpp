@@ -31,8 +31,7 @@ at::Tensor linear_forward(at::Tensor input, at::Tensor weight, int32_t qtype, in
   const int64_t output_size = derive_output_size(weight.size(0), state_size, qtype, here);
   // Dimensions after the second are not looked at: what follows sees two.
   if (input.dim() > 2) input = input.as_strided({rows, state_size}, {state_size, 1});
-  const linear_call call{
-      device_class.linear_forward, qtype, input.scalar_type(), rows, state_size, output_size, row_hint};
+  const linear_call call{class_at_load.linear, qtype, input.scalar_type(), rows, state_size, output_size, row_hint};
   return run_path(select_path(call), call, input, weight);
 }
 

@@ -41,18 +41,28 @@ void quantize_xpu_kernel_q8_1(const T* input, uint8_t* activations, uint64_t row
   M(qlinear_xpu_kernel_q4_0_2x16_by_batch, qtype_q4_0) \
   M(qlinear_xpu_kernel_nf4_2x16_batch, qtype_nf4)
 
+#define CORVANE_ONE(NAME, ID) +1
+static_assert(CORVANE_ONE_ROW_KERNELS(CORVANE_ONE) CORVANE_ONE_SIZE_KERNELS(CORVANE_ONE)
+                      CORVANE_Q8_1_KERNELS(CORVANE_ONE) == count_formats([](const format_support&) { return true; }),
+              "every format's one-row kernel is named above");
+static_assert(CORVANE_SMALL_BATCH_KERNELS(CORVANE_ONE) ==
+                  count_formats([](const format_support& s) { return s.small_batch.kernel != nullptr; }),
+              "every small-batch kernel is named above");
+#undef CORVANE_ONE
+
 #define CORVANE_NAMED(NAME, ID) static_assert(std::string_view(#NAME) == support[ID].one_row.kernel.name);
 CORVANE_ONE_ROW_KERNELS(CORVANE_NAMED)
 CORVANE_ONE_SIZE_KERNELS(CORVANE_NAMED)
 CORVANE_Q8_1_KERNELS(CORVANE_NAMED)
 #undef CORVANE_NAMED
 
-#define CORVANE_DECLARE(NAME, ID)                                                                                     \
-  template <class T, unsigned SG_SIZE, unsigned WG_SIZE,                                                              \
-            unsigned ROWS_PER_WG = support[ID].one_row.kernel.elsewhere.rows>                                         \
-  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size, uint64_t output_size,    \
-            c10::Device device) {                                                                                     \
-    one_row<ID, T>({#NAME, {SG_SIZE, WG_SIZE, ROWS_PER_WG}}, input, weight, output, state_size, output_size, device); \
+#define CORVANE_DECLARE(NAME, ID)                                                                                   \
+  template <class T, unsigned SG_SIZE, unsigned WG_SIZE,                                                            \
+            unsigned ROWS_PER_WG = support[ID].one_row.kernel.elsewhere.rows>                                       \
+  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size, uint64_t output_size,  \
+            c10::Device device) {                                                                                   \
+    launch_one_row<ID, T>({#NAME, {SG_SIZE, WG_SIZE, ROWS_PER_WG}}, input, weight, output, state_size, output_size, \
+                          device);                                                                                  \
   }
 CORVANE_ONE_ROW_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
@@ -61,30 +71,31 @@ CORVANE_ONE_ROW_KERNELS(CORVANE_DECLARE)
   template <class T>                                                                                               \
   void NAME(const T* input, const uint8_t* weight, T* output, uint64_t, uint64_t state_size, uint64_t output_size, \
             c10::Device device) {                                                                                  \
-    one_row<ID, T>({#NAME, support[ID].one_row.kernel.elsewhere}, input, weight, output, state_size, output_size,  \
-                   device);                                                                                        \
+    launch_one_row<ID, T>({#NAME, support[ID].one_row.kernel.elsewhere}, input, weight, output, state_size,        \
+                          output_size, device);                                                                    \
   }
 CORVANE_ONE_SIZE_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
 
 // activations: the input row in 8-bit blocks. The host waits for the kernel.
-#define CORVANE_DECLARE(NAME, ID)                                                                          \
-  template <class T>                                                                                       \
-  void NAME(const uint8_t* weight, const uint8_t* activations, T* output, uint64_t, uint64_t state_size,   \
-            uint64_t output_size, c10::Device device) {                                                    \
-    one_row<ID, T>({#NAME, support[ID].one_row.kernel.elsewhere}, activations, weight, output, state_size, \
-                   output_size, device);                                                                   \
+#define CORVANE_DECLARE(NAME, ID)                                                                                 \
+  template <class T>                                                                                              \
+  void NAME(const uint8_t* weight, const uint8_t* activations, T* output, uint64_t, uint64_t state_size,          \
+            uint64_t output_size, c10::Device device) {                                                           \
+    launch_one_row<ID, T>({#NAME, support[ID].one_row.kernel.elsewhere}, activations, weight, output, state_size, \
+                          output_size, device);                                                                   \
   }
 CORVANE_Q8_1_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
 
 // input (rows, state_size), output (rows, output_size).
-#define CORVANE_DECLARE(NAME, ID)                                                                                  \
-  static_assert(std::string_view(#NAME) == support[ID].small_batch.kernel);                                        \
-  template <class T, unsigned SG_SIZE, unsigned WG_SIZE>                                                           \
-  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,                  \
-            uint64_t output_size, c10::Device device) {                                                            \
-    small_batch(ID, {#NAME, {SG_SIZE, WG_SIZE, 2}}, input, weight, output, rows, state_size, output_size, device); \
+#define CORVANE_DECLARE(NAME, ID)                                                                                \
+  static_assert(std::string_view(#NAME) == support[ID].small_batch.kernel);                                      \
+  template <class T, unsigned SG_SIZE, unsigned WG_SIZE>                                                         \
+  void NAME(const T* input, const uint8_t* weight, T* output, uint64_t rows, uint64_t state_size,                \
+            uint64_t output_size, c10::Device device) {                                                          \
+    launch_small_batch(ID, {#NAME, {SG_SIZE, WG_SIZE, 2}}, input, weight, output, rows, state_size, output_size, \
+                       device);                                                                                  \
   }
 CORVANE_SMALL_BATCH_KERNELS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE

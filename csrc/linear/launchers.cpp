@@ -43,7 +43,7 @@ at::Tensor multiply_one_row(const linear_call& call, const at::Tensor& input, co
     using T = typename decltype(tag)::type;
     with_format<[](const format_support&) { return true; }>(call.qtype, [&](auto id) {
       const auto run = [&](const auto* row) {
-        one_row<id, T>(how, row, weight.data_ptr<uint8_t>(), output.data_ptr<T>(), k, n, weight.device());
+        launch_one_row<id, T>(how, row, weight.data_ptr<uint8_t>(), output.data_ptr<T>(), k, n, weight.device());
       };
       if constexpr (takes_eight_bit_input(support[id])) {
         run(activations.data_ptr<uint8_t>());
@@ -61,8 +61,8 @@ at::Tensor multiply_small_batch(const linear_call& call, const at::Tensor& input
   at::Tensor output = empty_result(call, weight, call.rows, call.output_size);
   with_element_type(call, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    small_batch(call.qtype, how, input.data_ptr<T>(), weight.data_ptr<uint8_t>(), output.data_ptr<T>(), call.rows,
-                call.state_size, call.output_size, weight.device());
+    launch_small_batch(call.qtype, how, input.data_ptr<T>(), weight.data_ptr<uint8_t>(), output.data_ptr<T>(),
+                       call.rows, call.state_size, call.output_size, weight.device());
   });
   return output;
 }

@@ -3,7 +3,7 @@
 //
 // A lane takes one chunk of a super-block, the 16 elements under one scale, as a work-item of a device does, so that
 // the scales of a super-block are lanes as well and enter once for 16 elements. A lane over neighbouring elements
-// (matvec.hpp) would scale after every one or two of them, which takes two to three times as long.
+// (matvec.hpp) would scale after every one or two of them.
 //
 // The input is laid out anew for that, once a launch: lane c of entry j is element j of chunk c.
 #pragma once
@@ -163,7 +163,7 @@ void matvec_chunks(const kernel_launch& how, const T* input, const uint8_t* weig
                    uint64_t output_size, c10::Device device) {
   using reader = typename Product::reader;
   using sum = typename Product::sum;
-  constexpr unsigned tile = 2;  // rows side by side
+  constexpr unsigned together = 2;  // rows side by side
   const typename reader::planes planes = reader::locate(weight, state_size, output_size);
   const auto blocks = static_cast<uint32_t>(state_size / detail::super_block_elements);
   const auto staged = std::make_unique_for_overwrite<typename Product::staged[]>(blocks);
@@ -171,24 +171,24 @@ void matvec_chunks(const kernel_launch& how, const T* input, const uint8_t* weig
   const auto prepare = [&] {
     for (uint32_t b = 0; b < blocks; ++b) Product::stage(input + detail::super_block_elements * b, staged[b]);
   };
-  const auto dot = [&, input = staged.get()](uint64_t first_row, sum(&sums)[tile]) {
-    uint32_t first_block[tile];
+  const auto dot = [&, input = staged.get()](uint64_t first_row, sum(&sums)[together]) {
+    uint32_t first_block[together];
     // A row past the end reads the last row again, so that nothing beyond the weight is touched; it is not written.
-    for (unsigned r = 0; r < tile; ++r) {
+    for (unsigned r = 0; r < together; ++r) {
       first_block[r] = static_cast<uint32_t>(std::min(first_row + r, output_size - 1)) * blocks;
     }
     for (uint32_t b = 0; b < blocks; ++b) {
-      uint32_t block[tile];
-      for (unsigned r = 0; r < tile; ++r) {
+      uint32_t block[together];
+      for (unsigned r = 0; r < together; ++r) {
         block[r] = first_block[r] + b;
-        reader::prefetch_block(planes, block[r] + tile * blocks);  // of the rows that come next
+        reader::prefetch_block(planes, block[r] + together * blocks);  // of the rows that come next
       }
       Product::add_blocks(input[b], planes, block, sums);
     }
   };
   launch_rows(device, {linear_source, how.name}, how.sizes, output_size, prepare,
               [&](uint64_t first_row, unsigned rows) {
-                for_rows<typename Product::value, 1, tile>(
+                for_rows<typename Product::value, 1, together>(
                     rows, [&](unsigned r, auto& sums) { dot(first_row + r, sums[0]); },
                     [&](const auto& totals) { store_rows(totals[0], output + first_row, rows); });
               });

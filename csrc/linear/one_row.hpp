@@ -16,7 +16,7 @@ using one_row_input = std::conditional_t<takes_eight_bit_input(support[Id]), uin
 // input (state_size), weight packed (output_size, state_size), output (output_size). Refuses a state_size that the
 // kernel's rules or the format's blocks do not allow. Compiled in one source a format, from instances.cpp.in.
 template <int32_t Id, class T>
-void one_row(const kernel_launch& how, const one_row_input<Id, T>* input, const uint8_t* weight, T* output,
-             uint64_t state_size, uint64_t output_size, c10::Device device);
+void launch_one_row(const kernel_launch& how, const one_row_input<Id, T>* input, const uint8_t* weight, T* output,
+                    uint64_t state_size, uint64_t output_size, c10::Device device);
 
 }  // namespace corvane

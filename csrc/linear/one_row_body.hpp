@@ -1,4 +1,4 @@
-// The bodies behind one_row(), by the scheme of the format.
+// The bodies behind launch_one_row(), by the scheme of the format.
 #pragma once
 
 #include "linear/matvec.hpp"
@@ -15,8 +15,8 @@ using chunk_product_of =
     std::conditional_t<Id == qtype_q5_k, pair_product<reader_of<Id>, T>, chunk_product<reader_of<Id>, T>>;
 
 template <int32_t Id, class T>
-void one_row(const kernel_launch& how, const one_row_input<Id, T>* input, const uint8_t* weight, T* output,
-             uint64_t state_size, uint64_t output_size, c10::Device device) {
+void launch_one_row(const kernel_launch& how, const one_row_input<Id, T>* input, const uint8_t* weight, T* output,
+                    uint64_t state_size, uint64_t output_size, c10::Device device) {
   constexpr row_scheme scheme = support[Id].one_row.scheme;
   const origin where{linear_source, how.name};
   check_multiple(state_size, support[Id].one_row.multiple, where);

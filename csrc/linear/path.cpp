@@ -1,12 +1,13 @@
 #include "linear/path.hpp"
 
 #include "formats/support.hpp"
+#include "linear/policy.hpp"
 
 namespace corvane {
 namespace {
 
-bool takes_systolic_path(const format_support& offers, const linear_call& call, const linear_policy& policy) {
-  if (!policy.systolic_allowed() || !offers.systolic || call.rows < 2 || call.output_size % 16 != 0) return false;
+bool takes_systolic_path(const format_support& offers, const linear_call& call) {
+  if (!systolic_allowed() || !offers.systolic || call.rows < 2 || call.output_size % 16 != 0) return false;
   if (call.device_class == 0) return call.rows <= 16;
   if (call.device_class > 2) return false;
   return call.rows <= 64 && (call.qtype == qtype_fp8_e4m3 || call.rows >= 7);
@@ -31,22 +32,22 @@ bool takes_tile_path(tile_rule rule, const linear_call& call, const tile_policy&
 }
 
 // float or Half, and as many whole units of 64 elements (of super-blocks, for some) as make whole threads.
-bool takes_explicit_simd(const simd_support& offers, const linear_call& call) {
+bool takes_explicit_simd(const explicit_simd_support& offers, const linear_call& call) {
   if (offers.kernel == nullptr) return false;
   if (call.dtype != c10::ScalarType::Float && call.dtype != c10::ScalarType::Half) return false;
   if (offers.rules.any_blocks) return true;
   const int64_t block = registry[call.qtype].block_elements, elements = call.output_size * call.state_size;
   if (offers.rules.whole_rows) return call.state_size % block == 0 && elements / block % offers.blocks == 0;
-  return elements / 64 % (offers.blocks * block / 64) == 0;
+  return elements / unit_elements % (offers.blocks * block / unit_elements) == 0;
 }
 
 }  // namespace
 
-path_choice select_path(const linear_call& call, const linear_policy& policy) {
+path_choice select_path(const linear_call& call) {
   const format_support& offers = support[call.qtype];
-  if (takes_systolic_path(offers, call, policy)) return {linear_path::systolic};
+  if (takes_systolic_path(offers, call)) return {linear_path::systolic};
   // Before the rows are looked at: a malformed variable fails a call of one row too.
-  const tile_policy tiles = offers.tile.rule == tile_rule::none ? tile_policy{} : policy.tiles(call.qtype);
+  const tile_policy tiles = offers.tile.rule == tile_rule::none ? tile_policy{} : read_tile_policy(call.qtype);
   if (call.rows == 1) return {linear_path::matrix_vector};
   if (takes_small_batch(offers.small_batch, call)) return {linear_path::small_batch};
   if (takes_tile_path(offers.tile.rule, call, tiles)) return {linear_path::tile, tiles.tile_rows};

@@ -1,11 +1,9 @@
-// Which path a linear call takes: a pure function of the call and the policy.
+// Which path a linear call takes: a function of the call, its format's support row and the environment.
 #pragma once
 
 #include <c10/core/ScalarType.h>
 
 #include <cstdint>
-
-#include "linear/policy.hpp"
 
 namespace corvane {
 
@@ -13,7 +11,7 @@ enum class linear_path : uint8_t {
   systolic,                 // a few rows on the systolic unit, straight from the packed weight
   matrix_vector,            // one row
   small_batch,              // a few rows, two or four at a time
-  tile,                     // the weight expanded tile by tile by the general family, one product a tile
+  tile,                     // the weight tile by tile by the general family, one product a tile
   explicit_simd_expansion,  // the whole weight by the explicit-SIMD family, then one product
   general_expansion,        // the whole weight by the general family, then one product
   refused,                  // no expansion for this dtype or size
@@ -34,7 +32,7 @@ struct path_choice {
   uint64_t tile_rows = 0;  // of the tile path: weight rows of a tile
 };
 
-// The policy is asked for what the decision needs, when it needs it.
-path_choice select_path(const linear_call& call, const linear_policy& policy = {});
+// Reads of the environment (policy.hpp) what the decision needs, when it needs it.
+path_choice select_path(const linear_call& call);
 
 }  // namespace corvane

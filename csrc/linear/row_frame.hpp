@@ -25,18 +25,18 @@ struct kernel_launch {
 
 // Up to sixteen rows. dot(r, sums) adds to sums[t][i] what row r + i has for tree t, a part of it to each lane;
 // ending(totals) gets the lanes of totals[t], one for each row.
-template <class Sum,           // type of the sums: Half, float, double, BFloat16
-          unsigned Trees = 1,  // sums of a row: for each input, or each weight
-          unsigned Tile = 1,   // rows that one dot makes; a divisor of 16. Those past the end are not used.
+template <class Sum,              // type of the sums: Half, float, double, BFloat16
+          unsigned Trees = 1,     // sums of a row: for each input, or each weight
+          unsigned Together = 1,  // rows that one dot makes; a divisor of 16. Those past the end are not used.
           class Dot, class Ending>
 CORVANE_INLINE void for_rows(unsigned rows, const Dot& dot, const Ending& ending) {
   simd<Sum, 16> sums[Trees][tree_rows];
   for (auto& tree : sums) std::fill_n(tree, tree_rows, simd<Sum, 16>::zero());
-  for (unsigned first = 0; first < rows; first += Tile) {
-    simd<Sum, 16> tile[Trees][Tile];
-    for (auto& tree : tile) std::fill_n(tree, Tile, simd<Sum, 16>::zero());
-    dot(first, tile);
-    for (unsigned t = 0; t < Trees; ++t) std::copy_n(tile[t], Tile, sums[t] + first);
+  for (unsigned first = 0; first < rows; first += Together) {
+    simd<Sum, 16> next[Trees][Together];
+    for (auto& tree : next) std::fill_n(tree, Together, simd<Sum, 16>::zero());
+    dot(first, next);
+    for (unsigned t = 0; t < Trees; ++t) std::copy_n(next[t], Together, sums[t] + first);
   }
   simd<Sum, 16> totals[Trees];
   for (unsigned t = 0; t < Trees; ++t) totals[t] = sum_trees(sums[t]);

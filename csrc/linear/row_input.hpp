@@ -1,7 +1,7 @@
 // The input rows of a launch as the lanes of its kernel hold them, made once for all work-groups.
 //
-// Half and BFloat16 lanes are held widened to float: widening 16 of them takes one or two instructions, and with two
-// rows to a group that is a fifth of a kernel's work. Formats with an offset need the sums of the input over each unit.
+// Half and BFloat16 lanes are held widened to float, so that no kernel widens them for each of its rows. Formats with
+// an offset need the sums of the input over each unit.
 #pragma once
 
 #include <memory>
@@ -11,9 +11,9 @@
 
 namespace corvane {
 
-// BFloat16 products and sums can be rounded in pairs: 3.4 instead of 4.4 ns for 64 elements of q4_0. But what is below
-// 2^-126 may then be lost. Nothing is where every input is 0 or reaches this magnitude: no weight but 0 is below 2^-24,
-// a product keeps 8 bits, and a sum is a multiple of the last of them.
+// BFloat16 products and sums can be rounded in pairs, which is faster, but what is below 2^-126 may then be lost.
+// Nothing is where every input is 0 or reaches this magnitude: no weight but 0 is below 2^-24, a product keeps 8 bits,
+// and a sum is a multiple of the last of them.
 constexpr float smallest_pairable = 0x1p-90f;
 
 // Whether an input has lanes below that.

@@ -76,16 +76,16 @@ void multiply_batch(const kernel_launch& how, const T* input, const uint8_t* wei
 }  // namespace
 
 template <class T>
-void small_batch(int32_t qtype, const kernel_launch& how, const T* input, const uint8_t* weight, T* output,
-                 uint64_t rows, uint64_t state_size, uint64_t output_size, c10::Device device) {
+void launch_small_batch(int32_t qtype, const kernel_launch& how, const T* input, const uint8_t* weight, T* output,
+                        uint64_t rows, uint64_t state_size, uint64_t output_size, c10::Device device) {
   constexpr auto has_kernel = [](const format_support& s) { return s.small_batch.kernel != nullptr; };
   with_format<has_kernel>(
       qtype, [&](auto id) { multiply_batch<id>(how, input, weight, output, rows, state_size, output_size, device); });
 }
 
-#define INSTANCE(T)                                                                                                    \
-  template void small_batch(int32_t, const kernel_launch&, const T*, const uint8_t*, T*, uint64_t, uint64_t, uint64_t, \
-                            c10::Device);
+#define INSTANCE(T)                                                                                                 \
+  template void launch_small_batch(int32_t, const kernel_launch&, const T*, const uint8_t*, T*, uint64_t, uint64_t, \
+                                   uint64_t, c10::Device);
 CORVANE_FOR_ELEMENT_TYPES(INSTANCE)
 
 }  // namespace corvane

@@ -21,7 +21,7 @@ PYBIND11_MODULE(corvane, module) {
     module.def(name, function, docstring(name, function, text).c_str());
   };
 
-  module.attr("_device_class") = static_cast<int>(device_class.linear_forward);
+  module.attr("_device_class") = static_cast<int>(class_at_load.linear);
 
   define("forward_new", &linear_forward_new, "Linear forward (XPU) new format");
   module.def("forward_qkv", &linear_xpu_qkv,

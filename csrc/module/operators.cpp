@@ -16,8 +16,7 @@ namespace {
 
 using at::Tensor;
 
-// --- calls
-// ------------------------------------------------------------------------------------------------------------
+// --- calls -----------------------------------------------------------------------------------------------------------
 
 // The positions before the new one: what the bodies take for the cache, with the room behind it.
 Tensor filled(const Tensor& cache, int64_t positions, const char* name) {
@@ -86,8 +85,7 @@ Tensor call_dequantize_rows(const Tensor& input, const Tensor& weight, int64_t q
   return dequantize_rows(input, weight, static_cast<int32_t>(qtype), state_size, output_size);
 }
 
-// --- shapes of results, on tensors without data
-// -------------------------------------------------------------------------
+// --- shapes of results, on tensors without data ----------------------------------------------------------------------
 
 int64_t output_size(const Tensor& weight, int64_t state_size, int64_t qtype, const char* function) {
   const origin here{"operators", function};
@@ -163,8 +161,7 @@ Tensor shape_of_rows(const Tensor& input, const Tensor& weight, int64_t, int64_t
   return at::empty_symint({input.sym_size(0), sequence, state_size}, weight.options().dtype(at::kFloat));
 }
 
-// --- registration
-// -----------------------------------------------------------------------------------------------------
+// --- registration ----------------------------------------------------------------------------------------------------
 
 TORCH_LIBRARY(corvane, library) {
   library.def("forward_new(Tensor input, Tensor weight, int qtype, int row_hint) -> Tensor");

@@ -59,7 +59,7 @@ at::Tensor dequant_body(const at::Tensor& input, const at::Tensor& weight, int32
     using T = typename decltype(tag)::type;
     const packed_weight packed{weight.data_ptr<uint8_t>(), static_cast<uint64_t>(state_size),
                                static_cast<uint64_t>(output_size), weight.device()};
-    expand_general<T>(qtype, device_class.linear_forward, packed, {output.data_ptr<T>()});
+    expand_general<T>(qtype, class_at_load.linear, packed, {output.data_ptr<T>()});
   });
   return output;
 }

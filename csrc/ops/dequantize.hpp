@@ -12,8 +12,8 @@ namespace corvane {
 // whatever its memory held.
 at::Tensor dequant_body(const at::Tensor& input, const at::Tensor& weight, int32_t qtype);
 
-// Rows of a packed q2_k or q4_k weight of output_size rows, as float (batch, sequence, state_size).
-// input: 64-bit row numbers (batch, sequence). The result of another format holds whatever its memory held.
+// Rows of a packed weight of output_size rows, as float (batch, sequence, state_size). input: 64-bit row numbers
+// (batch, sequence). The result of a format without row look-up holds whatever its memory held.
 at::Tensor dequantize_rows_body(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t state_size,
                                 int64_t output_size);
 

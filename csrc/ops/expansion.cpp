@@ -103,7 +103,7 @@ void expand_over_rows(const general_support& offers, unit_expander<T> expand, co
 }
 
 constexpr auto has_general = [](const format_support& s) { return s.general.cut != expansion_cut::none; };
-constexpr auto has_simd_kernel = [](const format_support& s) { return s.explicit_simd.kernel != nullptr; };
+constexpr auto has_explicit_simd_kernel = [](const format_support& s) { return s.explicit_simd.kernel != nullptr; };
 
 }  // namespace
 
@@ -134,8 +134,8 @@ void expand_tile(int32_t qtype, uint8_t device_class, const packed_weight& weigh
 
 template <class T>
 void expand_explicit_simd(int32_t qtype, const packed_weight& weight, const expansion_target<T>& to) {
-  with_format<has_simd_kernel>(qtype, [&](auto id) {
-    constexpr simd_support offers = support[id].explicit_simd;
+  with_format<has_explicit_simd_kernel>(qtype, [&](auto id) {
+    constexpr explicit_simd_support offers = support[id].explicit_simd;
     constexpr uint32_t block_units = registry[id].block_elements / unit_elements;
     const auto units = static_cast<uint32_t>(weight.state_size * weight.output_size / unit_elements);
     const origin where{"dequantize", offers.kernel};

@@ -39,8 +39,8 @@ namespace corvane {
   M(qlinear_xpu_tile_dequantize_kernel_q4_0_1x2, qtype_q4_0, elsewhere)  \
   M(qlinear_xpu_tile_dequantize_kernel_q8_0_1x1, qtype_q8_0, elsewhere)  \
   M(qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1, qtype_fp8_e5m2, elsewhere)
-// By threads, T = float or Half. Planes are those of a weight of nb blocks in a row.
-#define CORVANE_THREAD_EXPANSIONS(M)            \
+// Whole weights by the explicit-SIMD family, T = float or Half. Planes are those of a weight of nb blocks in a row.
+#define CORVANE_EXPLICIT_SIMD_EXPANSIONS(M)     \
   M(dequantize_q4_0_kernel, qtype_q4_0)         \
   M(dequantize_q4_1_kernel, qtype_q4_1)         \
   M(dequantize_fp4_kernel, qtype_fp4)           \
@@ -51,6 +51,23 @@ namespace corvane {
   M(dequantize_fp6_k_kernel, qtype_fp6_k)       \
   M(dequantize_q4_k_kernel, qtype_q4_k)         \
   M(dequantize_q6_k_kernel, qtype_q6_k)
+
+#define CORVANE_ONE(...) +1
+static_assert(CORVANE_ROW_EXPANSIONS(CORVANE_ONE) ==
+                  2 * count_formats([](const format_support& s) { return s.general.cut == expansion_cut::row; }),
+              "every general expansion by rows is named above");
+static_assert(CORVANE_OTHER_EXPANSIONS(CORVANE_ONE) == count_formats([](const format_support& s) {
+                return s.general.cut != expansion_cut::none && s.general.cut != expansion_cut::row;
+              }),
+              "every other general expansion is named above");
+static_assert(CORVANE_TILE_EXPANSIONS(CORVANE_ONE) ==
+                  count_formats([](const format_support& s) { return s.tile.elsewhere.name != nullptr; }) +
+                      count_formats([](const format_support& s) { return s.tile.on_class_0.name != nullptr; }),
+              "every tile kernel is named above");
+static_assert(CORVANE_EXPLICIT_SIMD_EXPANSIONS(CORVANE_ONE) ==
+                  count_formats([](const format_support& s) { return s.explicit_simd.kernel != nullptr; }),
+              "every explicit-SIMD kernel is named above");
+#undef CORVANE_ONE
 
 #define CORVANE_DECLARE(NAME, ID, MEMBER)                                                                      \
   static_assert(std::string_view(#NAME) == support[ID].general.MEMBER.name);                                   \
@@ -87,7 +104,7 @@ CORVANE_TILE_EXPANSIONS(CORVANE_DECLARE)
     const uint64_t block = registry[ID].block_elements;                          \
     expand_explicit_simd<T>(ID, {weight, block * nb, 1, device}, {output});      \
   }
-CORVANE_THREAD_EXPANSIONS(CORVANE_DECLARE)
+CORVANE_EXPLICIT_SIMD_EXPANSIONS(CORVANE_DECLARE)
 #undef CORVANE_DECLARE
 
 }  // namespace corvane

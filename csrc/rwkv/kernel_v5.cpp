@@ -1,6 +1,5 @@
 // RWKV attention, version 5. The work-items of a group own neighbouring columns of a head's state, which they hold in
-// private memory from the first token to the last: on the host a block of 64 rows by 32 columns in the first-level
-// cache.
+// private memory from the first token to the last: on the host 64 rows by 32 columns in the first-level cache.
 #include <cstring>
 
 #include "frame/launch.hpp"

@@ -4,6 +4,7 @@
 
 #include <sstream>
 #include <stdexcept>
+#include <string>
 
 #include "frame/argument.hpp"
 #include "rwkv/kernels.hpp"

@@ -40,7 +40,7 @@ at::Tensor sysdot_forward(at::Tensor input, at::Tensor weight, int64_t rows, int
   at::Tensor output =
       at::empty({rows, output_size}, c10::TensorOptions().device(weight.device()).dtype(input.scalar_type()));
   const auto* codes = weight.data_ptr<uint8_t>();
-  const auto launch = launcher_for(input.scalar_type());
+  const auto run = launcher_for(input.scalar_type());
   const auto k = static_cast<uint64_t>(state_size), n = static_cast<uint64_t>(output_size);
   const sysdot_call call{input.data_ptr(),
                          codes,
@@ -50,7 +50,7 @@ at::Tensor sysdot_forward(at::Tensor input, at::Tensor weight, int64_t rows, int
                          k,
                          n,
                          qtype};
-  launch(call, (rows + tile_rows - 1) % tile_rows + 1, wide ? 16 : 8, weight.device());
+  run(call, (rows + tile_rows - 1) % tile_rows + 1, wide ? 16 : 8, weight.device());
   return output;
 }
 

@@ -33,6 +33,7 @@ CORVANE_INLINE void put(weight_tile<BFloat16>& tile, unsigned k, unsigned strip,
 template <class Reader, class WT>
 void expand(const weight_columns& columns, uint64_t b, weight_tile<WT>& tile) {
   constexpr unsigned bytes = Reader::code_bytes;
+  static_assert(bytes == 64 || bytes == 32, "a byte is an element, or elements j and j + 32");
   for (unsigned strip = 0; strip < strips; ++strip) {
     const uint8_t* column[16];
     for (unsigned i = 0; i < 16; ++i) {

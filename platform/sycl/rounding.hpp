@@ -5,8 +5,8 @@
 
 namespace sycl {
 
-// Measured and dropped: adding and subtracting 1.5 * 2^(e + 13) instead, e the exponent (0.91 of the time of a one-row
-// kernel, and only right for what does not overflow).
+// Not by adding and subtracting 1.5 * 2^(e + 13), e the exponent, which is faster, but only right for what does not
+// overflow.
 CORVANE_INLINE f32x16 round_to_half(f32x16 x) { return half_bits_to_float(float_to_half_bits(x)); }
 
 // Result of arithmetic on BFloat16 values. Its not-a-numbers stem from an operand or are the processor's own, so their
@@ -46,7 +46,7 @@ CORVANE_INLINE void round_pair_to_bfloat16(f32x16& a, f32x16& b) {
 #endif
 }
 
-// The same, each lane in its place: a one-row kernel takes 1.13 times as long with it as with the lanes mixed.
+// The same, each lane in its place, which takes longer.
 CORVANE_INLINE void round_two_to_bfloat16(f32x16& a, f32x16& b) {
 #ifdef __AVX512BF16__
   const i32x16 both = (i32x16)_mm512_cvtne2ps_pbh((__m512)b, (__m512)a);
@@ -70,8 +70,8 @@ CORVANE_INLINE u16x16 float_to_bfloat16_bits(f32x16 x) {
   return narrow_u16((i32x16)((u32x16)as_int(round_any_to_bfloat16(x)) >> 16));
 }
 
-// 32 float lanes as the bits of one store, rounded to Half or BFloat16. (The conversion to Half that writes to memory
-// itself takes twice the cycles, 2.0 for 16 lanes against 1.0.)
+// 32 float lanes as the bits of one store, rounded to Half or BFloat16. Measured and dropped: the conversion to Half
+// that writes to memory itself.
 CORVANE_INLINE u16x32 to_half_bits(f32x16 low, f32x16 high) {
   return join(float_to_half_bits(low), float_to_half_bits(high));
 }

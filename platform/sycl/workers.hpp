@@ -14,9 +14,8 @@ namespace host {
 // The kernel of a virtual machine often takes an idle core for one that the machine below has suspended, and puts a
 // woken worker on the core of the thread that woke it. There it waits behind that thread until the next tick, some
 // milliseconds in which a call has one core. A worker that is forbidden this core for a moment is moved at once;
-// afterwards it may go wherever the kernel puts it, as before. Measured, 8 rows of half against 4096 x 4096 in q4_0
-// after a dense product on another pool: 2.3 ms, and 1.1 so. A core of its own for every worker does as much, but takes
-// three times as long beside a busy process.
+// afterwards it may go wherever the kernel puts it, as before. Measured and dropped: a core of its own for every
+// worker, which does as much on an idle machine, and much less beside a busy process.
 class workers final : public tbb::task_scheduler_observer {
  public:
   explicit workers(tbb::task_arena& arena) : tbb::task_scheduler_observer(arena) { observe(true); }
