@@ -3,9 +3,9 @@
 
 namespace host {
 
-// Ends the threads that OpenMP keeps for the calling thread, if there are any: those on which the framework's CPU
-// operators fork. They spin for milliseconds after each parallel region, in which our workers would get no core. The
-// next region makes them again, which takes as long as waking them would have. Without effect within a region.
-void end_openmp_threads();
+// Makes OpenMP's threads sleep where they would wait for milliseconds at full speed: after each parallel region of the
+// framework's CPU operators, when our workers would get no core. To be called before work is given to those; what
+// does none keeps OpenMP as it was.
+void let_openmp_sleep();
 
 }  // namespace host

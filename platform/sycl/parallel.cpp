@@ -123,7 +123,7 @@ void parallel_for(size_t n, size_t grain, range_function f) {
     finish_stores();
     order.piece_ends();
   };
-  end_openmp_threads();
+  let_openmp_sleep();
   order.before_all();
   // On another thread, when as many as there are cores are in the arena already: what this captures is read before that
   // thread can be told of the fork.

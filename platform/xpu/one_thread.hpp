@@ -17,8 +17,8 @@ class one_thread {
   int before_, mkl_before_ = 0;
 };
 
-// Bytes that an operator reads and writes, from which a fork of the framework's pool pays: that pool's threads spin on
-// for milliseconds afterwards, or else have to be made again (other_pools.hpp).
+// Bytes that an operator reads and writes, from which a fork of the framework's pool pays: that pool's threads are
+// asleep (other_pools.hpp) and have to be woken.
 constexpr std::size_t worth_other_threads = std::size_t{1} << 20;
 
 }  // namespace xpu

@@ -5,9 +5,13 @@ from pathlib import Path
 
 import corvane
 import pytest
+import torch
 
 ROOT = Path(__file__).parents[2]
-PAGES = ["README.md", "docs/operators.md", "docs/architecture.md", "docs/device_classes.md", "docs/formats.md", "docs/runtime.md"]
+PAGES = ["README.md", "docs/operators.md", "docs/architecture.md", "docs/device_classes.md", "docs/formats.md",
+         "docs/runtime.md"]  # fmt: skip
+if hasattr(torch, "compile"):
+    PAGES.append("docs/pytorch.md")
 
 
 def python_blocks(page: str) -> list[tuple[int, str]]:

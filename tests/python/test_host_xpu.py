@@ -50,6 +50,25 @@ def test_build_info_says_what_runs(device_class):
     assert run_python(code, OMP_NUM_THREADS="1") == "1\n"
 
 
+def test_openmp_threads_sleep_once_the_device_works():
+    code = """
+import time, torch, corvane
+large = torch.ones(2000, 1000)
+packed = torch.zeros(34 * 4096 * 32, dtype=torch.uint8, device="xpu")
+corvane.forward_new(torch.ones(1, 2048, device="xpu"), packed, 2, 1)
+time.sleep(0.1)
+started = time.process_time()
+for _ in range(3):
+    large.tanh()
+    before_waiting = time.process_time()
+    time.sleep(0.2)
+    print(time.process_time() - before_waiting)
+"""
+    # Otherwise they spin, each of them, until the next parallel region.
+    waits = run_python(code, OMP_WAIT_POLICY="active").split()
+    assert len(waits) == 3 and all(float(seconds) < 0.02 for seconds in waits)
+
+
 def test_current_stream_is_the_thread_s_own():
     first, second = host_xpu.Stream(), host_xpu.Stream()
     assert first != second and 0 not in (first.id, second.id)
