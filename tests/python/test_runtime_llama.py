@@ -192,7 +192,7 @@ def test_fused_decoding_agrees_with_plain_and_launches_less(model_path, tmp_path
     else:
         model = load_gguf(model_path, name)
     model.prepare(many_rows=False)
-    steps = [LayerStep(layer, fused=True) for layer in model.model.layers]
+    steps = [LayerStep(layer, True, 1e-5) for layer in model.model.layers]
     assert all(step.fused_qkv for step in steps)
     assert all(step.fused_mlp == (name in fused_mlp_formats()) for step in steps)
     # Inputs quantised to 8 bits may round to the neighbouring code after another order of summation.

@@ -13,6 +13,7 @@ import gguf
 import numpy as np
 import torch
 from torch import nn
+from torch.linalg import vector_norm
 from torch.nn.functional import silu
 
 from ..device import DEVICE, corvane, is_class_with_grid_mlp, to_device
@@ -143,15 +144,17 @@ class KvCache:
 class LayerStep:
     """What one layer needs for a step, looked up once: its weights, and which operators serve it."""
 
-    def __init__(self, layer: Layer, fused: bool) -> None:
+    def __init__(self, layer: Layer, fused: bool, epsilon: float) -> None:
         attention, mlp = layer.self_attn, layer.mlp
-        self.attention_norm, self.mlp_norm = layer.input_layernorm.weight, layer.post_attention_layernorm.weight
+        self.attention_norm = norm_of(layer.input_layernorm, epsilon)
+        self.mlp_norm = norm_of(layer.post_attention_layernorm, epsilon)
         self.q, self.k, self.v = attention.q_proj, attention.k_proj, attention.v_proj
         self.gate, self.up = mlp.gate_proj, mlp.up_proj
         self.query, self.key, self.value, self.output, self.gated, self.upped, self.down = (
             product_of(part) for part in (self.q, self.k, self.v, attention.o_proj, self.gate, self.up, mlp.down_proj)
         )
-        self.head_norms = (attention.q_norm.weight, attention.k_norm.weight) if hasattr(attention, "q_norm") else None
+        parts = (attention.q_norm, attention.k_norm) if hasattr(attention, "q_norm") else None
+        self.head_norms = parts and tuple(norm_of(part, epsilon) for part in parts)
         self.fused_qkv = fused and self.head_norms is None and has_fused_qkv(attention)
         self.fused_mlp = fused and has_fused_mlp(mlp)
         if self.fused_qkv:
@@ -174,6 +177,15 @@ def product_of(layer: nn.Module) -> Callable[[torch.Tensor], torch.Tensor]:
         return layer
     weight, qtype, general, forward_new = layer.weight, layer.qtype, layer.product, corvane.forward_new
     return lambda x: forward_new(x, weight, qtype, 1) if x.shape[0] == 1 else general(x)
+
+
+def norm_of(module: Norm, epsilon: float) -> Callable[[torch.Tensor], torch.Tensor]:
+    """The root-mean-square norm over the last dimension of float values, in as few operators as do it."""
+    size = module.weight.shape[0]
+    # x / sqrt(mean(x^2) + epsilon) is sqrt(size) * x / hypot(norm(x), sqrt(size * epsilon)).
+    weight = module.weight.detach() * size**0.5
+    least = weight.new_tensor((size * epsilon) ** 0.5)
+    return lambda x: x / torch.hypot(vector_norm(x, dim=-1, keepdim=True), least) * weight
 
 
 def has_fused_qkv(attention: Attention) -> bool:
@@ -223,8 +235,9 @@ class Llama(nn.Module):
 
     def new_cache(self, capacity: int) -> KvCache:
         """An empty cache with room for `capacity` tokens; looks at the layers anew, and prepares the rotary table."""
-        self.steps = [LayerStep(layer, self.fused) for layer in self.model.layers]
-        self.head = product_of(self.lm_head)
+        epsilon = self.config.norm_epsilon
+        self.steps = [LayerStep(layer, self.fused, epsilon) for layer in self.model.layers]
+        self.head, self.head_norm = product_of(self.lm_head), norm_of(self.model.norm, epsilon)
         if self.positions.shape[0] < capacity:
             angles = torch.outer(torch.arange(capacity, dtype=torch.float64), self.frequencies)
             self.rotation = torch.stack([angles.cos(), angles.sin()]).float().to(DEVICE)  # (2, capacity, head_size / 2)
@@ -247,32 +260,28 @@ class Llama(nn.Module):
         return self._logits(steps[-1]) if last_only else torch.cat([self._logits(hidden) for hidden in steps])
 
     def _logits(self, hidden: torch.Tensor) -> torch.Tensor:
-        return self.head(self._norm(hidden, self.model.norm.weight)).float()
+        return self.head(self.head_norm(hidden).to(self.dtype)).float()
 
     def _layers(self, tokens: Sequence[int], cache: KvCache) -> torch.Tensor:
         """The residual stream after all layers, (rows, hidden) float32."""
         hidden = self.model.embed_tokens(tokens)
+        position = self.positions.narrow(0, cache.length, 1)
         for i, step in enumerate(self.steps):
-            x = self._norm(hidden, step.attention_norm)
-            query, keys, values = self._project(i, step, x, cache)
-            hidden = hidden + step.output(attention(query, keys, values).to(self.dtype))
-            x = self._norm(hidden, step.mlp_norm)
-            hidden = hidden + step.down(self._gated(step, x))
+            x = step.attention_norm(hidden).to(self.dtype)
+            query, keys, values = self._project(i, step, x, cache, position)
+            hidden += step.output(attention(query, keys, values).to(self.dtype))
+            x = step.mlp_norm(hidden).to(self.dtype)
+            hidden += step.down(self._gated(step, x))
         cache.length += len(tokens)
         return hidden
 
-    def _norm(self, hidden: torch.Tensor, weight: torch.Tensor) -> torch.Tensor:
-        """Root-mean-square norm of float rows, in the dtype of the linear layers."""
-        return rms_norm(hidden, weight, self.config.norm_epsilon).to(self.dtype)
-
     def _project(
-        self, i: int, step: LayerStep, x: torch.Tensor, cache: KvCache
+        self, i: int, step: LayerStep, x: torch.Tensor, cache: KvCache, position: torch.Tensor
     ) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
         """Query (1, heads, rows, head_size), and the keys and values of all tokens up to the new ones, written here."""
         rows, start, size = x.shape[0], cache.length, self.config.head_size
         if rows == 1 and step.fused_qkv:
             caches = cache.keys[i].narrow(2, 0, start), cache.values[i].narrow(2, 0, start)
-            position = self.positions.narrow(0, start, 1)
             if step.qkv_biases is None:
                 return corvane.forward_qkv(
                     x, *step.qkv_weights, position, *caches, *step.qkv_types, start, size, self.config.rope_base
@@ -286,8 +295,7 @@ class Llama(nn.Module):
         query, key = step.query(x).view(heads), step.key(x).view(heads)
         if step.head_norms is not None:
             query, key = (
-                rms_norm(part.float(), weight, self.config.norm_epsilon).to(self.dtype)
-                for part, weight in zip((query, key), step.head_norms, strict=True)
+                norm(part.float()).to(self.dtype) for norm, part in zip(step.head_norms, (query, key), strict=True)
             )
         query = rotate(query.transpose(1, 2), rotation)
         cache.keys[i].narrow(2, start, rows).copy_(rotate(key.transpose(1, 2), rotation))
@@ -299,11 +307,6 @@ class Llama(nn.Module):
         if x.shape[0] == 1 and step.fused_mlp:
             return corvane.mlp_forward_xpu(x, *step.mlp_weights, *step.mlp_sizes)
         return (silu(step.gated(x).float()) * step.upped(x).float()).to(self.dtype)
-
-
-def rms_norm(x: torch.Tensor, weight: torch.Tensor, epsilon: float) -> torch.Tensor:
-    """Root-mean-square norm over the last dimension of float values."""
-    return x * torch.rsqrt(x.square().mean(dim=-1, keepdim=True) + epsilon) * weight
 
 
 def rotate(x: torch.Tensor, rotation: torch.Tensor) -> torch.Tensor:
@@ -324,11 +327,13 @@ def attention(query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor) -> 
     """
     _, heads, rows, head_size = query.shape
     _, kv_heads, length, _ = keys.shape
-    grouped = query.float().reshape(kv_heads, heads // kv_heads * rows, head_size)
-    # scores: (kv_heads, heads / kv_heads * rows, length)
-    scores = torch.matmul(grouped, keys[0].float().transpose(1, 2)) * head_size**-0.5
-    if rows > 1:
-        seen = torch.ones(rows, length, dtype=torch.bool, device=DEVICE).tril(length - rows)
-        scores = scores.view(heads, rows, length).masked_fill(~seen, float("-inf")).view(scores.shape)
-    mixed = torch.matmul(scores.softmax(dim=2), values[0].float())
+    grouped = query.reshape(kv_heads, heads // kv_heads * rows, head_size).float()
+    keys, values = keys.squeeze(0).float(), values.squeeze(0).float()
+    # scores: (kv_heads, heads / kv_heads * rows, length); with a beta of 0 nothing is added
+    scores = torch.baddbmm(grouped.new_empty(1), grouped, keys.transpose(1, 2), beta=0, alpha=head_size**-0.5)
+    if rows == 1:
+        return torch.bmm(scores.softmax(dim=2), values).view(1, heads * head_size)
+    seen = torch.ones(rows, length, dtype=torch.bool, device=DEVICE).tril(length - rows)
+    scores = scores.view(heads, rows, length).masked_fill(~seen, float("-inf")).view(scores.shape)
+    mixed = torch.bmm(scores.softmax(dim=2), values)
     return mixed.view(heads, rows, head_size).transpose(0, 1).reshape(rows, heads * head_size)
