@@ -1,12 +1,15 @@
 """A model of transformers, loaded packed, saved, loaded again. Runs where a transformers that knows the framework is."""
 
+import copy
 import importlib.util
 
+import host_xpu
 import pytest
 import torch
 
-from corvane_runtime import CorvaneConfig, PackedLinear, generate, load, load_folder, quantize_, save, summary
+from corvane_runtime import CorvaneConfig, PackedLinear, fuse_, generate, load, load_folder, quantize_, save, summary
 from corvane_runtime.generate import Speed
+from corvane_runtime.llama.model import BLOCK_FORMATS_FUSED
 from corvane_runtime.transformers_models import HAS_TRANSFORMERS
 
 TOKENS = [5, 6, 7, 8]
@@ -70,3 +73,36 @@ def test_layers_are_kept_dense_by_name_and_pattern(folder):
     config = CorvaneConfig({"*.down_proj": "q6_k", "*.o_proj": None, "*": "fp6"}, modules_to_not_convert=["lm_head"])
     packed = AutoModelForCausalLM.from_pretrained(folder, quantization_config=config, device_map="xpu")
     assert summary(packed).formats() == {"fp6": 10, "dense": 3, "q6_k": 2}
+
+
+def tiny(family: str, **changes):
+    import transformers
+
+    sizes = {"vocab_size": 320, "hidden_size": 256, "intermediate_size": 512, "num_hidden_layers": 2}
+    heads = {"num_attention_heads": 4, "num_key_value_heads": 2}
+    torch.manual_seed(0)
+    config = getattr(transformers, f"{family}Config")(**sizes, **heads, **changes)
+    return getattr(transformers, f"{family}ForCausalLM")(config).eval()
+
+
+@needs_transformers
+@pytest.mark.parametrize("cache", ["dynamic", "static"])
+@pytest.mark.parametrize(
+    ("family", "format"),
+    [("Llama", name) for name in sorted(BLOCK_FORMATS_FUSED)]
+    + [("Mistral", "q4_0"), ("Qwen2", "q4_0"), ("Qwen3", "q4_0"), ("Llama", "q4_1")],
+)
+def test_fused_operators_choose_the_same_tokens(family, format, cache):
+    model = quantize_(tiny(family), format).to("xpu")
+    prompt = torch.tensor([TOKENS]).to("xpu")
+    options = {"max_new_tokens": 12, "do_sample": False, "eos_token_id": None, "cache_implementation": cache}
+    found = []
+    for run in (model, fuse_(copy.deepcopy(model))):
+        with host_xpu.record_launches() as launches:
+            tokens = run.generate(prompt, attention_mask=torch.ones_like(prompt), disable_compile=True, **options)
+        found.append((tokens.tolist(), len(launches)))
+    assert found[0][0] == found[1][0]
+    mlp = format in BLOCK_FORMATS_FUSED
+    attention = mlp and cache == "static" and family in ("Llama", "Qwen2")
+    # Two layers, eleven steps of one row: two launches for the gated half less one, three for the projections less one.
+    assert found[0][1] - found[1][1] == 2 * 11 * (mlp + 2 * attention)
