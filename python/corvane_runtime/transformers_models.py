@@ -181,7 +181,7 @@ class CorvaneQuantizer(HfQuantizer):
 
     @property
     def is_compileable(self) -> bool:
-        return True
+        return False  # by generate(), which takes the compiler's default backend, and that one does not know the device
 
 
 def empty_model(folder: Path, class_name: str) -> nn.Module:

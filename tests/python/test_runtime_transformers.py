@@ -62,8 +62,10 @@ def test_every_way_to_a_packed_model_gives_the_same(folder, tmp_path):
     own = load_folder(folder, "q4_0")
     got = own.forward(TOKENS, own.new_cache(4), last_only=False).cpu()
     assert (got - expected).abs().max() < 1e-5 * expected.abs().max()
-    tokens = packed.generate(torch.tensor([TOKENS]).to("xpu"), max_new_tokens=12, do_sample=False, eos_token_id=None)
-    assert tokens[0, 4:].tolist() == list(generate(own, TOKENS, 12, set(), Speed()))
+    options = {"max_new_tokens": 12, "do_sample": False, "eos_token_id": None}
+    for cache in ("dynamic", "static"):
+        tokens = packed.generate(torch.tensor([TOKENS]).to("xpu"), cache_implementation=cache, **options)
+        assert tokens[0, 4:].tolist() == list(generate(own, TOKENS, 12, set(), Speed()))
 
 
 @needs_transformers
@@ -83,6 +85,35 @@ def tiny(family: str, **changes):
     torch.manual_seed(0)
     config = getattr(transformers, f"{family}Config")(**sizes, **heads, **changes)
     return getattr(transformers, f"{family}ForCausalLM")(config).eval()
+
+
+ROPE = {"rope_theta": 1000.0, "factor": 8.0, "original_max_position_embeddings": 16}
+
+
+@needs_transformers
+@pytest.mark.parametrize(
+    ("family", "changes"),
+    [
+        ("Llama", {"attention_bias": True, "mlp_bias": True}),
+        ("Llama", {"rope_parameters": {**ROPE, "rope_type": "llama3", "low_freq_factor": 1.0, "high_freq_factor": 4.0}}),
+        ("Llama", {"rope_parameters": {**ROPE, "rope_type": "linear"}}),
+        ("Mistral", {"sliding_window": None}),
+        ("Qwen2", {}),
+        ("Qwen3", {"head_dim": 64}),
+    ],
+)
+def test_own_runtime_computes_what_transformers_does(family, changes, tmp_path):
+    model = tiny(family, **changes)
+    with torch.no_grad():  # biases and norms start out as zeros and ones
+        for name, parameter in model.named_parameters():
+            if parameter.dim() == 1:
+                parameter.uniform_(0.5, 1.5)
+    model.save_pretrained(tmp_path)
+    tokens = [(7 * i) % 320 for i in range(40)]
+    expected = model(torch.tensor([tokens])).logits[0].detach()
+    own = load_folder(tmp_path)
+    found = own.forward(tokens, own.new_cache(40), last_only=False).cpu()
+    assert (found - expected).abs().max() < 2e-5 * expected.abs().max()
 
 
 @needs_transformers

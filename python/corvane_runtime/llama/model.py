@@ -49,6 +49,7 @@ class Config:
     mlp_bias: bool = False
     head_norms: bool = False  # query and key heads are normed before they turn
     tied: bool = False  # the output head is the token embedding
+    rope_divisors: Sequence[float] | None = None  # of the rotary frequencies, head_size / 2 of them
 
 
 class StoredEmbedding(nn.Module):
@@ -144,8 +145,8 @@ class KvCache:
 class LayerStep:
     """What one layer needs for a step, looked up once: its weights, and which operators serve it."""
 
-    def __init__(self, layer: Layer, fused: bool, epsilon: float) -> None:
-        attention, mlp = layer.self_attn, layer.mlp
+    def __init__(self, layer: Layer, fused: bool, config: Config) -> None:
+        attention, mlp, epsilon = layer.self_attn, layer.mlp, config.norm_epsilon
         self.attention_norm = norm_of(layer.input_layernorm, epsilon)
         self.mlp_norm = norm_of(layer.post_attention_layernorm, epsilon)
         self.q, self.k, self.v = attention.q_proj, attention.k_proj, attention.v_proj
@@ -155,7 +156,8 @@ class LayerStep:
         )
         parts = (attention.q_norm, attention.k_norm) if hasattr(attention, "q_norm") else None
         self.head_norms = parts and tuple(norm_of(part, epsilon) for part in parts)
-        self.fused_qkv = fused and self.head_norms is None and has_fused_qkv(attention)
+        plain = self.head_norms is None and config.rope_divisors is None
+        self.fused_qkv = fused and plain and has_fused_qkv(attention)
         self.fused_mlp = fused and has_fused_mlp(mlp)
         if self.fused_qkv:
             self.qkv_weights = (self.q.weight, self.k.weight, self.v.weight)
@@ -221,6 +223,8 @@ class Llama(nn.Module):
         self.tokenizer: ChatTokenizer | None = None
         half = torch.arange(config.head_size // 2, dtype=torch.float64, device="cpu")
         self.frequencies = config.rope_base ** (-2 * half / config.head_size)
+        if config.rope_divisors is not None:
+            self.frequencies /= torch.tensor(config.rope_divisors, dtype=torch.float64, device="cpu")
         self.rotation = self.positions = torch.empty(0)
         self.steps: list[LayerStep] = []
 
@@ -235,9 +239,8 @@ class Llama(nn.Module):
 
     def new_cache(self, capacity: int) -> KvCache:
         """An empty cache with room for `capacity` tokens; looks at the layers anew, and prepares the rotary table."""
-        epsilon = self.config.norm_epsilon
-        self.steps = [LayerStep(layer, self.fused, epsilon) for layer in self.model.layers]
-        self.head, self.head_norm = product_of(self.lm_head), norm_of(self.model.norm, epsilon)
+        self.steps = [LayerStep(layer, self.fused, self.config) for layer in self.model.layers]
+        self.head, self.head_norm = product_of(self.lm_head), norm_of(self.model.norm, self.config.norm_epsilon)
         if self.positions.shape[0] < capacity:
             angles = torch.outer(torch.arange(capacity, dtype=torch.float64), self.frequencies)
             self.rotation = torch.stack([angles.cos(), angles.sin()]).float().to(DEVICE)  # (2, capacity, head_size / 2)
