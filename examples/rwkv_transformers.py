@@ -72,7 +72,9 @@ def largest_difference(block: modeling_rwkv.RwkvBlock, x: torch.Tensor) -> tuple
     expected = run(block, x)
     with own_attention():
         found = run(block, x)
-    apart = [((a - b).abs().max() / b.abs().max().clamp(min=1e-30)).item() for a, b in zip(found, expected, strict=True)]
+    apart = [
+        ((a - b).abs().max() / b.abs().max().clamp(min=1e-30)).item() for a, b in zip(found, expected, strict=True)
+    ]
     return max(apart[:2]), max(apart[2:])
 
 

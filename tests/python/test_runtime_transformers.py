@@ -4,10 +4,23 @@ import copy
 import importlib.util
 
 import host_xpu
+import numpy as np
 import pytest
 import torch
 
-from corvane_runtime import CorvaneConfig, PackedLinear, fuse_, generate, load, load_folder, quantize_, save, summary
+from corvane_runtime import (
+    CorvaneConfig,
+    PackedLinear,
+    fuse_,
+    generate,
+    load,
+    load_folder,
+    measure_importance,
+    quantize_,
+    save,
+    save_importance,
+    summary,
+)
 from corvane_runtime.generate import Speed
 from corvane_runtime.llama.model import BLOCK_FORMATS_FUSED
 from corvane_runtime.transformers_models import HAS_TRANSFORMERS
@@ -95,7 +108,10 @@ ROPE = {"rope_theta": 1000.0, "factor": 8.0, "original_max_position_embeddings":
     ("family", "changes"),
     [
         ("Llama", {"attention_bias": True, "mlp_bias": True}),
-        ("Llama", {"rope_parameters": {**ROPE, "rope_type": "llama3", "low_freq_factor": 1.0, "high_freq_factor": 4.0}}),
+        (
+            "Llama",
+            {"rope_parameters": {**ROPE, "rope_type": "llama3", "low_freq_factor": 1.0, "high_freq_factor": 4.0}},
+        ),
         ("Llama", {"rope_parameters": {**ROPE, "rope_type": "linear"}}),
         ("Mistral", {"sliding_window": None}),
         ("Qwen2", {}),
@@ -137,3 +153,27 @@ def test_fused_operators_choose_the_same_tokens(family, format, cache):
     attention = mlp and cache == "static" and family in ("Llama", "Qwen2")
     # Two layers, eleven steps of one row: two launches for the gated half less one, three for the projections less one.
     assert found[0][1] - found[1][1] == 2 * 11 * (mlp + 2 * attention)
+
+
+@needs_transformers
+def test_importance_is_that_of_the_own_runtime_and_is_used(folder, tmp_path):
+    from transformers import AutoModelForCausalLM
+
+    def encode(text: str) -> list[int]:
+        return [ord(letter) % 320 for letter in text]
+
+    text, measured = "what is measured" * 20, []
+    for model in (AutoModelForCausalLM.from_pretrained(folder), load_folder(folder).prepare(fused=False)):
+        measured.append(measure_importance(model, text, encode))
+    assert measured[0].keys() == measured[1].keys()
+    for name, values in measured[0].items():
+        np.testing.assert_allclose(values, measured[1][name], rtol=1e-3)
+    save_importance(measured[0], tmp_path / "importance.npz")
+    config = CorvaneConfig("q4_0", importance=str(tmp_path / "importance.npz"))
+    packed = AutoModelForCausalLM.from_pretrained(folder, quantization_config=config, device_map="xpu")
+    own = load_folder(folder, "q4_0", importance=measured[0])
+    plain = load_folder(folder, "q4_0")
+    got, expected, other = (
+        model.get_submodule("model.layers.1.mlp.down_proj").weight.cpu() for model in (packed, own, plain)
+    )
+    assert torch.equal(got, expected) and not torch.equal(got, other)
