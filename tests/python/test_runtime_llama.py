@@ -240,7 +240,7 @@ def test_packed_prompt_of_a_dtype_without_expansion_is_widened(model_path, name)
     assert_close(logits(llama, pieces=7), logits(llama, pieces=1), tolerance)
 
 
-def grid_file(path: Path) -> Path:
+def grid_file(path: Path, architecture: str = "llama") -> Path:
     """The tiny model with iq2_xxs weights, and q2_k for the values, as the fused projection reads them."""
     blocks = {}
     for seed, (name, (rows, columns)) in enumerate(tiny_llama.shapes().items()):
@@ -248,7 +248,16 @@ def grid_file(path: Path) -> Path:
         if name != "token_embd":
             packed = reference.random_weight(format_name, rows, columns, seed, scale=2 * columns**-0.5)
             blocks[name] = packed.reshape(rows, -1), PUBLIC_BLOCKS[format_name]
-    return tiny_llama.write_model(path, blocks)
+    vectors = {} if architecture == "llama" else family_vectors(architecture)
+    return tiny_llama.write_model(path, blocks, architecture, vectors=vectors)
+
+
+def test_biases_of_grid_projections_are_not_lost(tmp_path):
+    """The fused projection in iq2_xxs adds none."""
+    formats = {"*.v_proj": "q2_k", "lm_head": "q8_0", "*": "iq2_xxs"}
+    model = load_gguf(grid_file(tmp_path / "grid.gguf", "qwen2"), formats).prepare(many_rows=False)
+    got = logits(model)
+    assert_close(got, logits(model.prepare(fused=False, many_rows=False)), 15**0.5 * 3 / 254)
 
 
 @pytest.mark.parametrize("name", sorted(FUSED_QKV_FORMATS))

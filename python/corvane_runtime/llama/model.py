@@ -196,7 +196,10 @@ def has_fused_qkv(attention: Attention) -> bool:
     if not all(isinstance(part, PackedLinear) for part in parts):
         return False
     q, k, v = (part.format for part in parts)
-    return q == k and q in FUSED_QKV_FORMATS and v == ("q2_k" if q == "iq2_xxs" else q)
+    served = (
+        FUSED_QKV_FORMATS if attention.q_proj.bias is None else BLOCK_FORMATS_FUSED
+    )  # iq2_xxs would leave out a bias
+    return q == k and q in served and v == ("q2_k" if q == "iq2_xxs" else q)
 
 
 def has_fused_mlp(mlp: Mlp) -> bool:
