@@ -196,9 +196,8 @@ def has_fused_qkv(attention: Attention) -> bool:
     if not all(isinstance(part, PackedLinear) for part in parts):
         return False
     q, k, v = (part.format for part in parts)
-    served = (
-        FUSED_QKV_FORMATS if attention.q_proj.bias is None else BLOCK_FORMATS_FUSED
-    )  # iq2_xxs would leave out a bias
+    # The operator in iq2_xxs leaves biases out.
+    served = FUSED_QKV_FORMATS if attention.q_proj.bias is None else BLOCK_FORMATS_FUSED
     return q == k and q in served and v == ("q2_k" if q == "iq2_xxs" else q)
 
 
