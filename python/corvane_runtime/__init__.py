@@ -12,11 +12,12 @@ from .linear import PackedLinear
 from .llama import Llama, load_folder, load_gguf
 from .quantize import quantize_, summary
 from .storage import load, save
+from .transformers_fused import fuse_
 from .transformers_models import CorvaneConfig
 from .weights import ModelError, SafetensorsWeights
 
 __all__ = [
     "CorvaneConfig", "FORMATS", "Format", "Llama", "ModelError", "PackedLinear", "SafetensorsWeights",
-    "generate", "load", "load_folder", "load_gguf", "load_importance", "measure_importance", "observed_inputs",
+    "fuse_", "generate", "load", "load_folder", "load_gguf", "load_importance", "measure_importance", "observed_inputs",
     "pack", "perplexity", "quantize_", "save", "save_importance", "summary", "unpack",
 ]  # fmt: skip

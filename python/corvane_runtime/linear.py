@@ -129,20 +129,20 @@ class PackedLinear(nn.Module):
     def product(self, x: torch.Tensor) -> torch.Tensor:
         """x W^T without bias, x (rows, in_features) contiguous on XPU to (rows, out_features)."""
         way = self.way(x.shape[0], x.dtype)
+        # The compiler traces operators, but calls to the module would break its graph.
+        operators = torch.ops.corvane if is_compiling() else corvane
         if way == "direct":
-            if is_compiling():
-                return torch.ops.corvane.forward_new(x, self.weight, self.qtype, x.shape[0])
-            return corvane.forward_new(x, self.weight, self.qtype, x.shape[0])
+            return operators.forward_new(x, self.weight, self.qtype, x.shape[0])
         if way == "empty":
             return x.new_empty(0, self.out_features)
         if way == "widened":
             return self.product(x.float()).to(x.dtype)
         if way == "expanded":
-            return linear(x, corvane.dequant(x, self.weight, self.qtype))
+            return linear(x, operators.dequant(x, self.weight, self.qtype))
         if way == "padded":
             zeros = x.new_zeros(SYSTOLIC_ROWS + 1 - x.shape[0], self.in_features)
             return self.product(torch.cat([x, zeros]))[: x.shape[0]]
-        return torch.cat([corvane.forward_new(row, self.weight, self.qtype, 1) for row in x.split(1)])
+        return torch.cat([operators.forward_new(row, self.weight, self.qtype, 1) for row in x.split(1)])
 
     def way(self, rows: int, dtype: torch.dtype) -> str:
         """How so many rows of a dtype are multiplied: the module refuses some, and rounds some otherwise than one row."""

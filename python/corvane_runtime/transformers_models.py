@@ -20,6 +20,7 @@ from .calibrate import load_importance
 from .formats import pack
 from .linear import PackedLinear
 from .quantize import Formats, check_formats, fitting_format, wanted_format
+from .transformers_fused import fuse_
 from .weights import ModelError
 
 LOG = logging.getLogger("corvane_runtime")
@@ -51,7 +52,8 @@ class CorvaneConfig(QuantizationConfigMixin):
 
     `format`: a name, or a mapping from name patterns to formats, as quantize_ takes it. `modules_to_not_convert`: parts
     of names of layers that stay dense. `importance`: a file that save_importance wrote. `formats`: what each layer got,
-    filled in when a model is packed, and kept in config.json. ValueError: an unknown format.
+    filled in when a model is packed, and kept in config.json. `fused`: use the fused operators, as fuse_ says.
+    ValueError: an unknown format.
     """
 
     def __init__(
@@ -60,6 +62,7 @@ class CorvaneConfig(QuantizationConfigMixin):
         modules_to_not_convert: list[str] | None = None,
         importance: str | None = None,
         formats: Mapping[str, str] | None = None,
+        fused: bool = True,
         **_: object,
     ) -> None:
         check_formats(format)
@@ -69,6 +72,7 @@ class CorvaneConfig(QuantizationConfigMixin):
         self.modules_to_not_convert = modules_to_not_convert
         self.importance = importance
         self.formats = dict(formats or {})
+        self.fused = fused
 
 
 class PackWeight(ConversionOps):
@@ -148,7 +152,7 @@ class CorvaneQuantizer(HfQuantizer):
         if not self.pre_quantized:
             self.pack_tied_head(model)
             self.quantization_config.formats = dict(self.formats)
-        return model
+        return fuse_(model) if self.quantization_config.fused else model
 
     def pack_tied_head(self, model: nn.Module) -> None:
         """An output head that shares the embedding's weight gets packed bytes of its own; the embedding stays dense."""
@@ -177,7 +181,7 @@ class CorvaneQuantizer(HfQuantizer):
 
     @property
     def is_compileable(self) -> bool:
-        return True
+        return False  # by generate(), which takes the compiler's default backend, and that one does not know the device
 
 
 def empty_model(folder: Path, class_name: str) -> nn.Module:

@@ -1,5 +1,6 @@
 """The Llama runtime on a tiny random model: reading, rotary order, packed and dense, fused and plain."""
 
+import json
 import math
 from pathlib import Path
 
@@ -9,19 +10,28 @@ import pytest
 import tiny_llama
 import torch
 from reference import formats as reference
+from safetensors.torch import save_file
 
 import host_xpu
 
-from corvane_runtime import PackedLinear, generate, load_gguf, summary
+from corvane_runtime import PackedLinear, generate, load, load_folder, load_gguf, save, summary
 from corvane_runtime.formats import FORMATS, PUBLIC_BLOCKS
 from corvane_runtime.generate import Speed
 from corvane_runtime.llama import GgufWeights, Llama
+from corvane_runtime.llama.folder import rope_divisors
 from corvane_runtime.llama.gguf_file import half_split_order
 from corvane_runtime.llama.model import FUSED_QKV_FORMATS, LayerStep, attention, fused_mlp_formats, rotate
 from corvane_runtime.weights import ModelError
 
 PACKABLE = [name for name, format_ in FORMATS.items() if format_.can_pack]
 TOKENS = [5, 200, 31, 31, 90, 262, 7]
+LLAMA_3 = {
+    "rope_type": "llama3",
+    "factor": 8.0,
+    "low_freq_factor": 1.0,
+    "high_freq_factor": 4.0,
+    "original_max_position_embeddings": 80,
+}
 
 # Logits of two runs that round differently in float. Each of the 15 products on a token's way sums at most 512 terms,
 # so its relative error is near sqrt(512) * 2^-24, and random weights do not amplify it: 2^-24 * 23 * 15, with a factor
@@ -127,6 +137,63 @@ def test_packing_tells_all_elements(model_path):
     assert packed.formats() == {"q4_0": 7 * tiny_llama.LAYERS + 1}
 
 
+def family_vectors(architecture: str) -> dict[str, np.ndarray]:
+    """What a layer of the architecture has beside the weights of a Llama, and for a Llama the divisors of Llama 3."""
+    rng, kv_rows = np.random.default_rng(4), tiny_llama.KV_HEADS * tiny_llama.HEAD_SIZE
+    if architecture == "llama":
+        return {"rope_freqs.weight": np.array(rope_divisors(LLAMA_3, tiny_llama.ROPE_BASE, tiny_llama.HEAD_SIZE))}
+    sizes = {
+        "mistral": {},
+        "qwen2": {"attn_q.bias": tiny_llama.HIDDEN, "attn_k.bias": kv_rows, "attn_v.bias": kv_rows},
+        "qwen3": {"attn_q_norm.weight": tiny_llama.HEAD_SIZE, "attn_k_norm.weight": tiny_llama.HEAD_SIZE},
+    }[architecture]
+    layers = range(tiny_llama.LAYERS)
+    return {f"blk.{i}.{name}": rng.uniform(0.5, 1.5, size) for i in layers for name, size in sizes.items()}
+
+
+def write_folder(folder: Path, model: Llama, kind: str) -> Path:
+    """A dense model as transformers writes it."""
+    embedding = torch.from_numpy(model.model.embed_tokens.weight.numpy().view(np.float32))
+    tensors = {name: tensor.cpu() for name, tensor in model.state_dict().items() if name != "lm_head.weight"}
+    save_file({**tensors, "model.embed_tokens.weight": embedding}, folder / "model.safetensors")
+    about = {
+        "model_type": kind, "num_hidden_layers": tiny_llama.LAYERS, "hidden_size": tiny_llama.HIDDEN,
+        "num_attention_heads": tiny_llama.HEADS, "num_key_value_heads": tiny_llama.KV_HEADS,
+        "intermediate_size": tiny_llama.MLP, "vocab_size": tiny_llama.VOCABULARY, "max_position_embeddings": 128,
+        "rms_norm_eps": 1e-5, "rope_theta": tiny_llama.ROPE_BASE, "tie_word_embeddings": True,
+        "rope_scaling": LLAMA_3 if kind == "llama" else None,
+    }  # fmt: skip
+    (folder / "config.json").write_text(json.dumps(about))
+    return folder
+
+
+@pytest.mark.parametrize("architecture", ["llama", "mistral", "qwen2", "qwen3"])
+def test_files_and_folders_of_all_families_agree_and_decode_fused(architecture, tmp_path):
+    path = tiny_llama.write_model(
+        tmp_path / "model.gguf", architecture=architecture, vectors=family_vectors(architecture)
+    )
+    dense = load_gguf(path)
+    expected = logits(dense)
+    folder = write_folder(tmp_path, dense, architecture)
+    assert_close(logits(load_folder(folder)), expected, FLOAT_TOLERANCE)
+
+    packed = load_gguf(path, "q4_0").prepare(many_rows=False)
+    step = LayerStep(packed.model.layers[0], True, packed.config)
+    assert (step.fused_qkv, step.fused_mlp) == (architecture in ("mistral", "qwen2"), True)
+    assert_close(logits(packed), logits(packed.prepare(fused=False, many_rows=False)), FLOAT_TOLERANCE)
+    save(packed, tmp_path / "saved")
+    assert torch.equal(logits(load(tmp_path / "saved").prepare()), logits(packed.prepare()))
+
+
+def test_frequencies_of_llama_3_by_hand():
+    """Waves of 1, 10, 100 tokens times 2 pi, of a first context of 80: kept, in between, and divided."""
+    found = rope_divisors(LLAMA_3, 1000.0, 6)
+    kept = (80 / (20 * math.pi) - 1) / (4 - 1)
+    np.testing.assert_allclose(found, [1, 1 / (kept + (1 - kept) / 8), 8])
+    assert rope_divisors({"rope_type": "linear", "factor": 2}, 1000.0, 4) == [2, 2]
+    assert rope_divisors({}, 1000.0, 4) is None
+
+
 # --- running ---------------------------------------------------------------------------------------------------------
 
 
@@ -173,7 +240,7 @@ def test_packed_prompt_of_a_dtype_without_expansion_is_widened(model_path, name)
     assert_close(logits(llama, pieces=7), logits(llama, pieces=1), tolerance)
 
 
-def grid_file(path: Path) -> Path:
+def grid_file(path: Path, architecture: str = "llama") -> Path:
     """The tiny model with iq2_xxs weights, and q2_k for the values, as the fused projection reads them."""
     blocks = {}
     for seed, (name, (rows, columns)) in enumerate(tiny_llama.shapes().items()):
@@ -181,7 +248,16 @@ def grid_file(path: Path) -> Path:
         if name != "token_embd":
             packed = reference.random_weight(format_name, rows, columns, seed, scale=2 * columns**-0.5)
             blocks[name] = packed.reshape(rows, -1), PUBLIC_BLOCKS[format_name]
-    return tiny_llama.write_model(path, blocks)
+    vectors = {} if architecture == "llama" else family_vectors(architecture)
+    return tiny_llama.write_model(path, blocks, architecture, vectors=vectors)
+
+
+def test_biases_of_grid_projections_are_not_lost(tmp_path):
+    """The fused projection in iq2_xxs adds none."""
+    formats = {"*.v_proj": "q2_k", "lm_head": "q8_0", "*": "iq2_xxs"}
+    model = load_gguf(grid_file(tmp_path / "grid.gguf", "qwen2"), formats).prepare(many_rows=False)
+    got = logits(model)
+    assert_close(got, logits(model.prepare(fused=False, many_rows=False)), 15**0.5 * 3 / 254)
 
 
 @pytest.mark.parametrize("name", sorted(FUSED_QKV_FORMATS))
@@ -192,7 +268,7 @@ def test_fused_decoding_agrees_with_plain_and_launches_less(model_path, tmp_path
     else:
         model = load_gguf(model_path, name)
     model.prepare(many_rows=False)
-    steps = [LayerStep(layer, fused=True) for layer in model.model.layers]
+    steps = [LayerStep(layer, True, model.config) for layer in model.model.layers]
     assert all(step.fused_qkv for step in steps)
     assert all(step.fused_mlp == (name in fused_mlp_formats()) for step in steps)
     # Inputs quantised to 8 bits may round to the neighbouring code after another order of summation.

@@ -105,6 +105,18 @@ def test_copies_pickles_and_state_dicts_compute_the_same():
     assert [name for name, _ in layer.named_buffers()] == ["weight"]
 
 
+@pytest.mark.skipif(not hasattr(torch, "compile"), reason="this PyTorch has no compiler")
+@pytest.mark.parametrize("dtype", DTYPES, ids=str)
+@pytest.mark.parametrize("name", ["q4_0", "fp6", "fp8_e4m3"])
+def test_every_way_is_compiled_in_one_graph(name, dtype):
+    layer = PackedLinear.from_linear(random_linear(64, 33), name).to("xpu")
+    torch._dynamo.reset()
+    compiled = torch.compile(layer, fullgraph=True, backend="aot_eager")
+    for rows in (0, 1, 3, 24):
+        x = torch.randn(rows, 64).to(dtype).to("xpu")
+        assert torch.equal(compiled(x).cpu(), layer(x).cpu())
+
+
 # --- whole models ----------------------------------------------------------------------------------------------------
 
 

@@ -55,8 +55,12 @@ def write_model(
     blocks: Mapping[str, tuple[np.ndarray, gguf.GGMLQuantizationType]] | None = None,
     architecture: str = "llama",
     seed: int = 0,
+    vectors: Mapping[str, np.ndarray] | None = None,
 ) -> Path:
-    """Write the model; `blocks` replaces matrices by stored blocks, uint8 (rows, bytes of a row), and their type."""
+    """Write the model; `blocks` replaces matrices by stored blocks, uint8 (rows, bytes of a row), and their type.
+
+    `vectors` are more tensors, by name.
+    """
     rng = np.random.default_rng(seed)
     writer = gguf.GGUFWriter(path, architecture)
     writer.add_block_count(LAYERS)
@@ -86,6 +90,8 @@ def write_model(
             writer.add_tensor(f"{name}.weight", rng.normal(0, scale, (rows, columns)).astype(np.float32))
     for name in [f"blk.{i}.{norm}" for i in range(LAYERS) for norm in ("attn_norm", "ffn_norm")] + ["output_norm"]:
         writer.add_tensor(f"{name}.weight", rng.uniform(0.5, 1.5, HIDDEN).astype(np.float32))
+    for name, values in (vectors or {}).items():
+        writer.add_tensor(name, values.astype(np.float32))
     writer.write_header_to_file()
     writer.write_kv_data_to_file()
     writer.write_tensors_to_file()

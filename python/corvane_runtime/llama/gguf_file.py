@@ -89,12 +89,13 @@ class GgufWeights(WeightSource):
             raise ModelError(f"{self.path}: its architecture is {name}; this runtime runs {', '.join(ARCHITECTURES)}")
         heads = int(self.field(f"{name}.attention.head_count"))
         hidden = int(self.field(f"{name}.embedding_length"))
+        head_size = int(self.field(f"{name}.attention.key_length", hidden // heads))
         config = Config(
             layers=int(self.field(f"{name}.block_count")),
             hidden=hidden,
             heads=heads,
             kv_heads=int(self.field(f"{name}.attention.head_count_kv", heads)),
-            head_size=int(self.field(f"{name}.attention.key_length", hidden // heads)),
+            head_size=head_size,
             mlp=int(self.field(f"{name}.feed_forward_length")),
             vocabulary=int(self.stored("model.embed_tokens.weight").shape[1]),
             context=int(self.field(f"{name}.context_length")),
@@ -105,16 +106,29 @@ class GgufWeights(WeightSource):
             mlp_bias="blk.0.ffn_gate.bias" in self._tensors,
             head_norms="blk.0.attn_q_norm.weight" in self._tensors,
             tied="output.weight" not in self._tensors,
+            rope_divisors=self._rope_divisors(head_size),
         )
         self._refuse_what_is_not_built(config)
         return config
+
+    def _rope_divisors(self, head_size: int) -> list[float] | None:
+        name = self.architecture
+        kind = self.field(f"{name}.rope.scaling.type", "none")
+        if kind not in ("none", "linear"):
+            raise ModelError(f"{self.path}: scales its rotary frequencies by {kind}, which this runtime does not")
+        scale = float(self.field(f"{name}.rope.scaling.factor", 1.0)) if kind == "linear" else 1.0
+        if "rope_freqs.weight" in self._tensors:
+            return (np.asarray(self._tensors["rope_freqs.weight"].data, dtype=np.float64) * scale).tolist()
+        return None if scale == 1.0 else [scale] * (head_size // 2)
 
     def _refuse_what_is_not_built(self, config: Config) -> None:
         name = self.architecture
         if int(self.field(f"{name}.rope.dimension_count", config.head_size)) != config.head_size:
             raise ModelError(f"{self.path}: rotates only a part of each head, which this runtime does not")
-        if self.field(f"{name}.rope.scaling.type", "none") != "none" or "rope_freqs.weight" in self._tensors:
-            raise ModelError(f"{self.path}: scales its rotary frequencies, which this runtime does not")
+        if int(self.field(f"{name}.attention.sliding_window", config.context)) < config.context:
+            raise ModelError(f"{self.path}: slides its window, which this runtime does not")
+        if config.rope_divisors is not None and len(config.rope_divisors) != config.head_size // 2:
+            raise ModelError(f"{self.path}: rope_freqs.weight does not fit heads of {config.head_size} elements")
         if "blk.0.ffn_gate_inp.weight" in self._tensors:
             raise ModelError(f"{self.path}: is a mixture of experts, which this runtime does not run")
 

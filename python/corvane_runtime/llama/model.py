@@ -13,6 +13,7 @@ import gguf
 import numpy as np
 import torch
 from torch import nn
+from torch.linalg import vector_norm
 from torch.nn.functional import silu
 
 from ..device import DEVICE, corvane, is_class_with_grid_mlp, to_device
@@ -48,6 +49,7 @@ class Config:
     mlp_bias: bool = False
     head_norms: bool = False  # query and key heads are normed before they turn
     tied: bool = False  # the output head is the token embedding
+    rope_divisors: Sequence[float] | None = None  # of the rotary frequencies, head_size / 2 of them
 
 
 class StoredEmbedding(nn.Module):
@@ -143,16 +145,19 @@ class KvCache:
 class LayerStep:
     """What one layer needs for a step, looked up once: its weights, and which operators serve it."""
 
-    def __init__(self, layer: Layer, fused: bool) -> None:
-        attention, mlp = layer.self_attn, layer.mlp
-        self.attention_norm, self.mlp_norm = layer.input_layernorm.weight, layer.post_attention_layernorm.weight
+    def __init__(self, layer: Layer, fused: bool, config: Config) -> None:
+        attention, mlp, epsilon = layer.self_attn, layer.mlp, config.norm_epsilon
+        self.attention_norm = norm_of(layer.input_layernorm, epsilon)
+        self.mlp_norm = norm_of(layer.post_attention_layernorm, epsilon)
         self.q, self.k, self.v = attention.q_proj, attention.k_proj, attention.v_proj
         self.gate, self.up = mlp.gate_proj, mlp.up_proj
         self.query, self.key, self.value, self.output, self.gated, self.upped, self.down = (
             product_of(part) for part in (self.q, self.k, self.v, attention.o_proj, self.gate, self.up, mlp.down_proj)
         )
-        self.head_norms = (attention.q_norm.weight, attention.k_norm.weight) if hasattr(attention, "q_norm") else None
-        self.fused_qkv = fused and self.head_norms is None and has_fused_qkv(attention)
+        parts = (attention.q_norm, attention.k_norm) if hasattr(attention, "q_norm") else None
+        self.head_norms = parts and tuple(norm_of(part, epsilon) for part in parts)
+        plain = self.head_norms is None and config.rope_divisors is None
+        self.fused_qkv = fused and plain and has_fused_qkv(attention)
         self.fused_mlp = fused and has_fused_mlp(mlp)
         if self.fused_qkv:
             self.qkv_weights = (self.q.weight, self.k.weight, self.v.weight)
@@ -176,13 +181,24 @@ def product_of(layer: nn.Module) -> Callable[[torch.Tensor], torch.Tensor]:
     return lambda x: forward_new(x, weight, qtype, 1) if x.shape[0] == 1 else general(x)
 
 
+def norm_of(module: Norm, epsilon: float) -> Callable[[torch.Tensor], torch.Tensor]:
+    """The root-mean-square norm over the last dimension of float values, in as few operators as do it."""
+    size = module.weight.shape[0]
+    # x / sqrt(mean(x^2) + epsilon) is sqrt(size) * x / hypot(norm(x), sqrt(size * epsilon)).
+    weight = module.weight.detach() * size**0.5
+    least = weight.new_tensor((size * epsilon) ** 0.5)
+    return lambda x: x / torch.hypot(vector_norm(x, dim=-1, keepdim=True), least) * weight
+
+
 def has_fused_qkv(attention: Attention) -> bool:
     """Whether the formats of a layer's three projections fit the fused operator."""
     parts = (attention.q_proj, attention.k_proj, attention.v_proj)
     if not all(isinstance(part, PackedLinear) for part in parts):
         return False
     q, k, v = (part.format for part in parts)
-    return q == k and q in FUSED_QKV_FORMATS and v == ("q2_k" if q == "iq2_xxs" else q)
+    # The operator in iq2_xxs leaves biases out.
+    served = FUSED_QKV_FORMATS if attention.q_proj.bias is None else BLOCK_FORMATS_FUSED
+    return q == k and q in served and v == ("q2_k" if q == "iq2_xxs" else q)
 
 
 def has_fused_mlp(mlp: Mlp) -> bool:
@@ -209,6 +225,8 @@ class Llama(nn.Module):
         self.tokenizer: ChatTokenizer | None = None
         half = torch.arange(config.head_size // 2, dtype=torch.float64, device="cpu")
         self.frequencies = config.rope_base ** (-2 * half / config.head_size)
+        if config.rope_divisors is not None:
+            self.frequencies /= torch.tensor(config.rope_divisors, dtype=torch.float64, device="cpu")
         self.rotation = self.positions = torch.empty(0)
         self.steps: list[LayerStep] = []
 
@@ -223,8 +241,8 @@ class Llama(nn.Module):
 
     def new_cache(self, capacity: int) -> KvCache:
         """An empty cache with room for `capacity` tokens; looks at the layers anew, and prepares the rotary table."""
-        self.steps = [LayerStep(layer, self.fused) for layer in self.model.layers]
-        self.head = product_of(self.lm_head)
+        self.steps = [LayerStep(layer, self.fused, self.config) for layer in self.model.layers]
+        self.head, self.head_norm = product_of(self.lm_head), norm_of(self.model.norm, self.config.norm_epsilon)
         if self.positions.shape[0] < capacity:
             angles = torch.outer(torch.arange(capacity, dtype=torch.float64), self.frequencies)
             self.rotation = torch.stack([angles.cos(), angles.sin()]).float().to(DEVICE)  # (2, capacity, head_size / 2)
@@ -247,32 +265,28 @@ class Llama(nn.Module):
         return self._logits(steps[-1]) if last_only else torch.cat([self._logits(hidden) for hidden in steps])
 
     def _logits(self, hidden: torch.Tensor) -> torch.Tensor:
-        return self.head(self._norm(hidden, self.model.norm.weight)).float()
+        return self.head(self.head_norm(hidden).to(self.dtype)).float()
 
     def _layers(self, tokens: Sequence[int], cache: KvCache) -> torch.Tensor:
         """The residual stream after all layers, (rows, hidden) float32."""
         hidden = self.model.embed_tokens(tokens)
+        position = self.positions.narrow(0, cache.length, 1)
         for i, step in enumerate(self.steps):
-            x = self._norm(hidden, step.attention_norm)
-            query, keys, values = self._project(i, step, x, cache)
-            hidden = hidden + step.output(attention(query, keys, values).to(self.dtype))
-            x = self._norm(hidden, step.mlp_norm)
-            hidden = hidden + step.down(self._gated(step, x))
+            x = step.attention_norm(hidden).to(self.dtype)
+            query, keys, values = self._project(i, step, x, cache, position)
+            hidden += step.output(attention(query, keys, values).to(self.dtype))
+            x = step.mlp_norm(hidden).to(self.dtype)
+            hidden += step.down(self._gated(step, x))
         cache.length += len(tokens)
         return hidden
 
-    def _norm(self, hidden: torch.Tensor, weight: torch.Tensor) -> torch.Tensor:
-        """Root-mean-square norm of float rows, in the dtype of the linear layers."""
-        return rms_norm(hidden, weight, self.config.norm_epsilon).to(self.dtype)
-
     def _project(
-        self, i: int, step: LayerStep, x: torch.Tensor, cache: KvCache
+        self, i: int, step: LayerStep, x: torch.Tensor, cache: KvCache, position: torch.Tensor
     ) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
         """Query (1, heads, rows, head_size), and the keys and values of all tokens up to the new ones, written here."""
         rows, start, size = x.shape[0], cache.length, self.config.head_size
         if rows == 1 and step.fused_qkv:
             caches = cache.keys[i].narrow(2, 0, start), cache.values[i].narrow(2, 0, start)
-            position = self.positions.narrow(0, start, 1)
             if step.qkv_biases is None:
                 return corvane.forward_qkv(
                     x, *step.qkv_weights, position, *caches, *step.qkv_types, start, size, self.config.rope_base
@@ -286,8 +300,7 @@ class Llama(nn.Module):
         query, key = step.query(x).view(heads), step.key(x).view(heads)
         if step.head_norms is not None:
             query, key = (
-                rms_norm(part.float(), weight, self.config.norm_epsilon).to(self.dtype)
-                for part, weight in zip((query, key), step.head_norms, strict=True)
+                norm(part.float()).to(self.dtype) for norm, part in zip(step.head_norms, (query, key), strict=True)
             )
         query = rotate(query.transpose(1, 2), rotation)
         cache.keys[i].narrow(2, start, rows).copy_(rotate(key.transpose(1, 2), rotation))
@@ -299,11 +312,6 @@ class Llama(nn.Module):
         if x.shape[0] == 1 and step.fused_mlp:
             return corvane.mlp_forward_xpu(x, *step.mlp_weights, *step.mlp_sizes)
         return (silu(step.gated(x).float()) * step.upped(x).float()).to(self.dtype)
-
-
-def rms_norm(x: torch.Tensor, weight: torch.Tensor, epsilon: float) -> torch.Tensor:
-    """Root-mean-square norm over the last dimension of float values."""
-    return x * torch.rsqrt(x.square().mean(dim=-1, keepdim=True) + epsilon) * weight
 
 
 def rotate(x: torch.Tensor, rotation: torch.Tensor) -> torch.Tensor:
@@ -324,11 +332,13 @@ def attention(query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor) -> 
     """
     _, heads, rows, head_size = query.shape
     _, kv_heads, length, _ = keys.shape
-    grouped = query.float().reshape(kv_heads, heads // kv_heads * rows, head_size)
-    # scores: (kv_heads, heads / kv_heads * rows, length)
-    scores = torch.matmul(grouped, keys[0].float().transpose(1, 2)) * head_size**-0.5
-    if rows > 1:
-        seen = torch.ones(rows, length, dtype=torch.bool, device=DEVICE).tril(length - rows)
-        scores = scores.view(heads, rows, length).masked_fill(~seen, float("-inf")).view(scores.shape)
-    mixed = torch.matmul(scores.softmax(dim=2), values[0].float())
+    grouped = query.reshape(kv_heads, heads // kv_heads * rows, head_size).float()
+    keys, values = keys.squeeze(0).float(), values.squeeze(0).float()
+    # scores: (kv_heads, heads / kv_heads * rows, length); with a beta of 0 nothing is added
+    scores = torch.baddbmm(grouped.new_empty(1), grouped, keys.transpose(1, 2), beta=0, alpha=head_size**-0.5)
+    if rows == 1:
+        return torch.bmm(scores.softmax(dim=2), values).view(1, heads * head_size)
+    seen = torch.ones(rows, length, dtype=torch.bool, device=DEVICE).tril(length - rows)
+    scores = scores.view(heads, rows, length).masked_fill(~seen, float("-inf")).view(scores.shape)
+    mixed = torch.bmm(scores.softmax(dim=2), values)
     return mixed.view(heads, rows, head_size).transpose(0, 1).reshape(rows, heads * head_size)
