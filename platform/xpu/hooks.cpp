@@ -14,13 +14,21 @@
 namespace xpu {
 namespace {
 
-// Releases differ in which of these they have: none says override.
+template <class Hooks>
+bool built(const Hooks& hooks) {
+  if constexpr (requires { hooks.isBuilt(); }) return hooks.isBuilt();
+  return false;  // a release that never asks
+}
+
+// Releases differ in which of these they have, and in what they construct them from: none says override.
 struct XPUHooks final : at::XPUHooksInterface {
+  explicit XPUHooks(const auto&...) {}
+
   void init() const {}
   bool hasXPU() const { return true; }
   bool isAvailable() const { return true; }
   // A framework that was built for one accelerator refuses all work beside a second that was "built" too.
-  bool isBuilt() const { return !at::detail::getCUDAHooks().isBuilt(); }
+  bool isBuilt() const { return !built(at::detail::getCUDAHooks()); }
   bool hasPrimaryContext(c10::DeviceIndex) const { return true; }
   std::string showConfig() const { return "XPU: " + host::device_name(); }
 
