@@ -334,8 +334,9 @@ def attention(query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor) -> 
     _, kv_heads, length, _ = keys.shape
     grouped = query.reshape(kv_heads, heads // kv_heads * rows, head_size).float()
     keys, values = keys.squeeze(0).float(), values.squeeze(0).float()
-    # scores: (kv_heads, heads / kv_heads * rows, length); with a beta of 0 nothing is added
-    scores = torch.baddbmm(grouped.new_empty(1), grouped, keys.transpose(1, 2), beta=0, alpha=head_size**-0.5)
+    # scores: (kv_heads, heads / kv_heads * rows, length). Not baddbmm with a beta of 0: older CPU kernels multiply what it
+    # is to ignore by 0, which leaves the NaNs of fresh memory.
+    scores = torch.bmm(grouped, keys.transpose(1, 2)).mul_(head_size**-0.5)
     if rows == 1:
         return torch.bmm(scores.softmax(dim=2), values).view(1, heads * head_size)
     seen = torch.ones(rows, length, dtype=torch.bool, device=DEVICE).tril(length - rows)
