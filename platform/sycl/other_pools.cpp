@@ -1,5 +1,6 @@
 #include "platform/sycl/other_pools.hpp"
 
+#include <dlfcn.h>
 #include <omp.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -27,8 +28,10 @@ void hold_a_team() {
 
 // A forked process would wait for ever for threads that it does not have.
 void end_openmp_threads() {
-  static const int here = omp_get_initial_device();
-  omp_pause_resource(omp_pause_soft, here);
+  // Of OpenMP 5.0: the library that comes with PyTorch 2.6 is older, and linking to the function would refuse it.
+  static const auto pause_resource =
+      reinterpret_cast<decltype(&omp_pause_resource)>(dlsym(RTLD_DEFAULT, "omp_pause_resource"));
+  if (pause_resource != nullptr) pause_resource(omp_pause_soft, omp_get_initial_device());
 }
 
 [[maybe_unused]] const int before_a_fork = pthread_atfork(&end_openmp_threads, nullptr, nullptr);
