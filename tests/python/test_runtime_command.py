@@ -28,9 +28,14 @@ def converse(monkeypatch, path, lines: list, interrupted_at: int) -> None:
             signal.raise_signal(signal.SIGINT)
         return choose(*arguments)
 
+    # A shell starts what it runs in the background with the signal ignored.
+    before = signal.signal(signal.SIGINT, signal.default_int_handler)
     monkeypatch.setattr("builtins.input", next_line)
     monkeypatch.setattr(commands, "choose", choosing)
-    main(["chat", str(path), "--format", "q8_0", "--plain-rounding", "--tokens", "6", "--context", "120"])
+    try:
+        main(["chat", str(path), "--format", "q8_0", "--plain-rounding", "--tokens", "6", "--context", "120"])
+    finally:
+        signal.signal(signal.SIGINT, before)
 
 
 def test_ctrl_c_stops_the_answer_and_the_conversation_goes_on(model_path, monkeypatch, capsys):
