@@ -27,6 +27,11 @@ struct fp8_e4m3_reader : two_planes<qtype_fp8_e4m3, block_fp8_qs, float> {
   static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
     return simd<T, 16>::exact(sycl::half_bits_to_float(half_bits(qs, v)));
   }
+  template <class T, bool Midpoint = true>
+  static CORVANE_INLINE simd<T, 16> value_in_words(sycl::i32x16 words, unsigned i) {
+    const sycl::i32x16 moved = (words << (24 - 8 * i)) >> 17;  // the sign fills the bits above
+    return simd<T, 16>::exact(sycl::half_bits_to_float(sycl::narrow_u16((moved & 0xBF80) | (Midpoint ? 0x0040 : 0))));
+  }
 };
 
 template <>

@@ -27,6 +27,11 @@ struct fp8_e5m2_scaled_reader : two_planes<qtype_fp8_e5m2, block_fp8_qs, float> 
   static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
     return simd<T, 16>::exact(sycl::half_bits_to_float(half_bits(qs, v)));
   }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> value_in_words(sycl::i32x16 words, unsigned i) {
+    const sycl::i32x16 moved = (words << (24 - 8 * i)) >> 16;
+    return simd<T, 16>::exact(sycl::half_bits_to_float(sycl::narrow_u16((moved & 0xFF00) | 0x0080)));
+  }
 };
 
 // Without it: expansions and the one-row kernel, which never read the scale plane.

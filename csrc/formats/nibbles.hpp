@@ -36,6 +36,26 @@ struct nibble_codes {
     }
   }
 
+  // Four neighbouring bytes of qs in each lane, as of one column each: the value of element i of the four (run 1: of
+  // the one 32 further), in all lanes.
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> value_in_words(sycl::i32x16 words, unsigned i, unsigned run) {
+    static constexpr auto table = table_of<T>(Values);
+    const auto values = sycl::load_bytes<sycl::f32x16>(table.entry);
+    return simd<T, 16>::exact(sycl::lookup16(values, words >> nibble_at(i, run)));
+  }
+  // Elements i and i + 2 of the four, i < 2, as a pair of BFloat16 in each lane, the first one in the lower half.
+  static CORVANE_INLINE sycl::i32x16 bfloat16_pair_in_words(sycl::i32x16 words, unsigned i, unsigned run) {
+    static constexpr auto bits = [] {
+      std::array<uint16_t, 16> entries{};
+      const auto table = table_of<BFloat16>(Values);
+      for (unsigned n = 0; n < 16; ++n) entries[n] = std::bit_cast<uint32_t>(table.entry[n]) >> 16;
+      return entries;
+    }();
+    return (sycl::i32x16)sycl::lookup16(sycl::load_bytes<sycl::u16x16>(bits.data()),
+                                        (sycl::u16x32)words >> nibble_at(i, run));
+  }
+
   static CORVANE_INLINE sycl::u16x32 value_index(const uint8_t* qs, unsigned h) {
     const sycl::u16x32 codes = sycl::widen_32_u8_to_u16(qs);
     return (h == 0) == HighNibbleFirst ? codes >> 4 : codes;
@@ -44,6 +64,11 @@ struct nibble_codes {
   static CORVANE_INLINE simd<T, 16> value_codes() {
     static constexpr auto table = table_of<T>(Values);
     return simd<T, 16>::exact(sycl::load_bytes<sycl::f32x16>(table.entry));
+  }
+
+ private:
+  static constexpr int nibble_at(unsigned i, unsigned run) {  // from which bit of a word on
+    return static_cast<int>(8 * i + ((run == 0) == HighNibbleFirst ? 4 : 0));
   }
 };
 

@@ -17,6 +17,10 @@ struct q8_0_reader : two_planes<qtype_q8_0, block_fp8_qs, float> {
   static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
     return simd<T, 16>::exact(sycl::to_float(sycl::widen_s8(qs + 16 * v)));
   }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> value_in_words(sycl::i32x16 words, unsigned i) {
+    return simd<T, 16>::exact(sycl::to_float((words << (24 - 8 * i)) >> 24));
+  }
 };
 
 template <>

@@ -106,9 +106,23 @@ concept plain_halves = unit_reader<R> && requires(typename R::raw raw) {
   R::halves(raw, 0U);
 };
 
+// A format of 4-bit codes. Lanes of words hold four neighbouring code bytes each, of blocks or columns side by side.
+template <class R>
+concept nibble_reader = unit_reader<R> && requires(sycl::i32x16 words) {
+  // the code of byte i of each word, in run 0 or, 32 elements further, in run 1; exact in T
+  { R::template value_in_words<float>(words, 0U, 0U) } -> std::same_as<simd<float, 16>>;
+  R::bfloat16_pair_in_words(words, 0U, 0U);  // those of bytes i and i + 2, i < 2, as pairs of BFloat16
+};
+// A format of a byte an element, in the same way.
+template <class R>
+concept byte_reader = unit_reader<R> && requires(sycl::i32x16 words) {
+  { R::template value_in_words<float>(words, 0U) } -> std::same_as<simd<float, 16>>;
+};
+
 // Codes and scales of a unit as bytes of two planes, for the systolic kernels, which turn them across columns.
 template <class R>
-concept systolic_reader = one_scale_a_unit<R> && requires(const typename R::planes& planes) {
+concept systolic_reader = one_scale_a_unit<R> &&
+    (nibble_reader<R> || byte_reader<R>)&&requires(const typename R::planes& planes) {
   { R::code_bytes } -> std::convertible_to<unsigned>;
   typename R::scale_type;  // Half or float
   planes.codes, planes.scales;

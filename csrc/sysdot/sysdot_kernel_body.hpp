@@ -2,11 +2,12 @@
 // rows and N columns, each with sums in float, and add their results once, in RT, through local memory.
 //
 // The host takes up to 8 row tiles of 32 columns together (a cluster of work-groups), so that a weight block is
-// expanded once for up to 64 rows and an input block is converted once for 32 columns.
+// expanded once for up to 64 rows.
 #pragma once
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 #include "frame/launch.hpp"
 #include "platform/sycl/tuning.hpp"
@@ -23,9 +24,56 @@ constexpr unsigned cluster_rows = cluster_tiles * tile_rows;
 // keep: the last bit of a BFloat16 lies 2^-7 below its leading one, and weights are multiples of 2^-17.
 constexpr uint16_t tiny_limit = (127 - 126 + 7 + 17) << 7;  // bits of 2^-102
 
-template <class IT>
+// The input of a launch as operands of the systolic step, in tiles of 8 rows and a K block, made once for all
+// work-groups.
+template <class WT>
+class prepared_tiles {
+ public:
+  prepared_tiles(uint64_t rows, uint64_t row_blocks)
+      : row_blocks_(row_blocks),
+        tiles_(std::make_unique_for_overwrite<input_tile<WT>[]>((rows + tile_rows - 1) / tile_rows * row_blocks)) {}
+
+  // From `rows` rows, each value rounded to WT.
+  template <class IT>
+  void prepare(const IT* input, uint64_t rows) {
+    sycl::u16x32 tiny{};
+    for (uint64_t r = 0; r < rows; ++r) {
+      for (uint64_t b = 0; b < row_blocks_; ++b) {
+        put(input + (r * row_blocks_ + b) * QK, tiles_[r / tile_rows * row_blocks_ + b].row[r % tile_rows], tiny);
+      }
+    }
+    tiny_ = sycl::any(tiny);
+  }
+
+  const input_tile<WT>& tile(uint64_t row_tile, uint64_t block) const { return tiles_[row_tile * row_blocks_ + block]; }
+  bool tiny() const { return tiny_; }  // BFloat16: there are values so small that sums could be subnormal
+
+ private:
+  template <class IT>
+  static void put(const IT* from, float* cells, sycl::u16x32&) {
+    for (unsigned k = 0; k < QK; k += 16) {
+      f32x16 x = sycl::simd<IT, 16>::load(from + k).r[0];
+      if constexpr (!std::is_same_v<IT, WT>) x = sycl::round_to_half(x);
+      std::memcpy(cells + k, &x, sizeof(x));
+    }
+  }
+  static void put(const BFloat16* from, int32_t* cells, sycl::u16x32& tiny) {
+    for (unsigned k = 0; k < QK; k += 32) {
+      const auto bits = sycl::load_bytes<sycl::u16x32>(from + k);
+      tiny |= sycl::nonzero_below(bits, tiny_limit);
+      const sycl::u16x32 pairs = sycl::swap_inner_of_four(bits);
+      std::memcpy(cells + k / 2, &pairs, sizeof(pairs));
+    }
+  }
+
+  uint64_t row_blocks_;
+  std::unique_ptr<input_tile<WT>[]> tiles_;
+  bool tiny_ = false;
+};
+
+template <class IT, class WT>
 struct sysdot_args {
-  const IT* input;        // (rows, row_blocks * QK)
+  const prepared_tiles<WT>* input;
   const uint8_t* weight;  // code blocks (output_size, row_blocks)
   const uint8_t* scale;   // scales (output_size, row_blocks)
   IT* output;             // (rows, output_size)
@@ -37,35 +85,8 @@ struct sysdot_args {
   unsigned columns;    // of a work-group
 };
 
-// 64 elements of `rows` rows, each converted to WT; `stride` elements from row to row.
-template <class WT, class IT>
-void load_input(const IT* from, uint64_t stride, unsigned rows, input_tile<WT>& tile) {
-  for (unsigned r = 0; r < rows; ++r) {  // the next block's lines: rows are too many for the host to foresee them
-    for (unsigned k = 0; k < QK; k += 64 / sizeof(IT)) sycl::prefetch(from + r * stride + QK + k);
-  }
-  if constexpr (std::is_same_v<WT, Half>) {
-    for (unsigned r = 0; r < rows; ++r) {
-      for (unsigned k = 0; k < QK; k += 16) {
-        f32x16 x = sycl::simd<IT, 16>::load(from + r * stride + k).r[0];
-        if constexpr (!std::is_same_v<IT, WT>) x = sycl::round_to_half(x);
-        std::memcpy(&tile.row[r][k], &x, sizeof(x));
-      }
-    }
-  } else {
-    sycl::u16x32 tiny{};
-    for (unsigned r = 0; r < rows; ++r) {
-      for (unsigned k = 0; k < QK; k += 32) {
-        const auto bits = sycl::load_bytes<sycl::u16x32>(from + r * stride + k);
-        std::memcpy(&tile.row[r][k / 2], &bits, sizeof(bits));
-        tiny |= sycl::nonzero_below(bits, tiny_limit);
-      }
-    }
-    tile.tiny = sycl::any(tiny);
-  }
-}
-
 template <class IT, class WT, class RT>
-void sysdot_groups(const sycl::group_cluster<2>& groups, const sysdot_args<IT>& a) {
+void sysdot_groups(const sycl::group_cluster<2>& groups, const sysdot_args<IT, WT>& a) {
   const uint64_t first_column = groups.first(0) * a.columns;
   const auto columns = static_cast<unsigned>(groups.count(0) * a.columns);
   const auto tiles = static_cast<unsigned>(groups.count(1));
@@ -98,10 +119,8 @@ void sysdot_groups(const sycl::group_cluster<2>& groups, const sysdot_args<IT>& 
       weight_tile<WT> w;
       expand_weights(a.qtype, at, b, w);
       for (unsigned tile = 0; tile < tiles; ++tile) {
-        input_tile<WT> x;
-        const uint64_t row = first_row + tile * tile_rows;
-        load_input(a.input + (row * a.row_blocks + b) * QK, a.row_blocks * QK, rows_of(tile), x);
-        systolic_block<WT>(x, w, rows_of(tile), running + tile * tile_rows);
+        systolic_block<WT>(a.input->tile(groups.first(1) + tile, b), w, rows_of(tile), a.input->tiny(),
+                           running + tile * tile_rows);
       }
     }
     for (unsigned row = 0; row < tile_rows * tiles; ++row) {
@@ -135,20 +154,18 @@ void launch_sysdot(const sysdot_call& call, unsigned last_rows, unsigned columns
   check(call.rows % tile_rows == last_rows % tile_rows, where, "rows % 8 == M % 8");
 
   const uint64_t row_blocks = call.state_size / QK;
-  const sysdot_args<IT> args{static_cast<const IT*>(call.input),
-                             call.weight,
-                             call.scale,
-                             static_cast<IT*>(call.output),
-                             row_blocks,
-                             (row_blocks + 7) / 8,
-                             call.output_size,
-                             call.qtype,
-                             last_rows,
-                             columns};
+  prepared_tiles<WT> input(call.rows, row_blocks);
+  const sysdot_args<IT, WT> args{&input,           call.weight,
+                                 call.scale,       static_cast<IT*>(call.output),
+                                 row_blocks,       (row_blocks + 7) / 8,
+                                 call.output_size, call.qtype,
+                                 last_rows,        columns};
+  const auto prepare = [&] { input.prepare(static_cast<const IT*>(call.input), call.rows); };
   const auto kernel = [args](const sycl::group_cluster<2>& groups) { sysdot_groups<IT, WT, WT>(groups, args); };
   launch<2>(device, where, {{call.output_size / columns * sysdot_threads, (call.rows + 7) / 8}, {sysdot_threads, 1}},
             sycl::sub_group_size{1},
-            sycl::cluster_kernel<2, decltype(kernel)>{{tile_columns / columns, cluster_tiles}, kernel});
+            sycl::prepared_kernel{
+                prepare, sycl::cluster_kernel<2, decltype(kernel)>{{tile_columns / columns, cluster_tiles}, kernel}});
 }
 
 }  // namespace corvane

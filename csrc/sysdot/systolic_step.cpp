@@ -50,10 +50,10 @@ CORVANE_INLINE void block(const input_tile<WT>& x, const weight_tile<WT>& w, flo
 }
 
 template <class WT, unsigned R>
-void block_of_rows(const input_tile<WT>& x, const weight_tile<WT>& w, float (*running)[tile_columns]) {
+void block_of_rows(const input_tile<WT>& x, const weight_tile<WT>& w, bool tiny, float (*running)[tile_columns]) {
   if constexpr (std::is_same_v<WT, Half>) {
     block<float_products, WT, R, f32x16>(x, w, running);
-  } else if (x.tiny) {
+  } else if (tiny) {
     block<pair_products<false>, WT, R, sycl::i32x16>(x, w, running);
   } else {
     block<pair_products<true>, WT, R, sycl::i32x16>(x, w, running);
@@ -63,16 +63,18 @@ void block_of_rows(const input_tile<WT>& x, const weight_tile<WT>& w, float (*ru
 }  // namespace
 
 template <class WT>
-void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, unsigned rows, float (*running)[tile_columns]) {
-  using of_rows = void (*)(const input_tile<WT>&, const weight_tile<WT>&, float(*)[tile_columns]);
+void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, unsigned rows, bool tiny,
+                    float (*running)[tile_columns]) {
+  using of_rows = void (*)(const input_tile<WT>&, const weight_tile<WT>&, bool, float(*)[tile_columns]);
   static constexpr of_rows by_rows[tile_rows] = {block_of_rows<WT, 1>, block_of_rows<WT, 2>, block_of_rows<WT, 3>,
                                                  block_of_rows<WT, 4>, block_of_rows<WT, 5>, block_of_rows<WT, 6>,
                                                  block_of_rows<WT, 7>, block_of_rows<WT, 8>};
-  by_rows[rows - 1](x, w, running);
+  by_rows[rows - 1](x, w, tiny, running);
 }
 
-template void systolic_block(const input_tile<Half>&, const weight_tile<Half>&, unsigned, float (*)[tile_columns]);
-template void systolic_block(const input_tile<BFloat16>&, const weight_tile<BFloat16>&, unsigned,
+template void systolic_block(const input_tile<Half>&, const weight_tile<Half>&, unsigned, bool,
+                             float (*)[tile_columns]);
+template void systolic_block(const input_tile<BFloat16>&, const weight_tile<BFloat16>&, unsigned, bool,
                              float (*)[tile_columns]);
 
 }  // namespace corvane

@@ -19,8 +19,9 @@ constexpr unsigned tile_rows = 8;                                  // rows of a 
 constexpr unsigned tile_columns = sycl::tuning::systolic_columns;  // that the host expands together
 constexpr unsigned strips = tile_columns / 16;
 
-// A cell is what one lane of a step's operand holds: one Half, widened, or two BFloat16 (elements 2d and 2d + 1, the
-// lower one in the lower half).
+// A cell is what one lane of a step's operand holds: one Half, widened, or two BFloat16: of every four elements the
+// first and the third, the lower one in the lower half, then the second and the fourth. So they come out of words of
+// four bytes without bytes being moved within them.
 template <class WT>
 struct cell_of;
 template <>
@@ -39,7 +40,6 @@ constexpr unsigned depth = QK / cell_of<WT>::elements;  // cells along K
 template <class WT>
 struct input_tile {
   alignas(64) typename cell_of<WT>::type row[tile_rows][depth<WT>];
-  bool tiny;  // BFloat16: holds values so small that sums could be subnormal
 };
 
 template <class WT>
@@ -63,8 +63,10 @@ struct weight_columns {
 template <class WT>
 void expand_weights(int32_t qtype, const weight_columns& columns, uint64_t b, weight_tile<WT>& tile);
 
-// running[r][i] += scale[i] * sum over the block of x[r][k] * w[k][i], in float, for 1 to 8 rows.
+// running[r][i] += scale[i] * sum over the block of x[r][k] * w[k][i], in float, for 1 to 8 rows. tiny: BFloat16 inputs
+// are so small that sums could be subnormal.
 template <class WT>
-void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, unsigned rows, float (*running)[tile_columns]);
+void systolic_block(const input_tile<WT>& x, const weight_tile<WT>& w, unsigned rows, bool tiny,
+                    float (*running)[tile_columns]);
 
 }  // namespace corvane

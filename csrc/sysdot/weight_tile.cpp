@@ -13,40 +13,55 @@ constexpr auto is_systolic = [](const format_support& s) { return s.systolic; };
 // The zero code of fp8_e4m3 is zero here, unlike elsewhere: no midpoints.
 struct fp8_e4m3_systolic : fp8_e4m3_reader {
   template <class T>
-  static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
-    return simd<T, 16>::exact(sycl::half_bits_to_float(half_bits<false>(qs, v)));
+  static CORVANE_INLINE simd<T, 16> value_in_words(sycl::i32x16 words, unsigned i) {
+    return fp8_e4m3_reader::value_in_words<T, false>(words, i);
   }
 };
 
 template <int32_t Id>
 using systolic_reader_of = std::conditional_t<Id == qtype_fp8_e4m3, fp8_e4m3_systolic, scaled_reader_of<Id>>;
 
-CORVANE_INLINE void put(weight_tile<Half>& tile, unsigned k, unsigned strip, f32x16 even, f32x16 odd) {
-  std::memcpy(&tile.cell[k][16 * strip], &even, sizeof(even));
-  std::memcpy(&tile.cell[k + 1][16 * strip], &odd, sizeof(odd));
+// Elements k to k + 3 of 16 columns, of whose words the codes are; nibbles: or the 32 further ones, of run 1.
+template <class Reader>
+CORVANE_INLINE void put(weight_tile<Half>& tile, unsigned k, unsigned strip, sycl::i32x16 words, unsigned run) {
+  for (unsigned i = 0; i < 4; ++i) {
+    f32x16 element;
+    if constexpr (nibble_reader<Reader>) {
+      element = Reader::template value_in_words<float>(words, i, run).r[0];
+    } else {
+      element = Reader::template value_in_words<float>(words, i).r[0];
+    }
+    std::memcpy(&tile.cell[32 * run + k + i][16 * strip], &element, sizeof(element));
+  }
 }
-CORVANE_INLINE void put(weight_tile<BFloat16>& tile, unsigned k, unsigned strip, f32x16 even, f32x16 odd) {
-  const sycl::i32x16 pair = sycl::pair_of(even, odd);
-  std::memcpy(&tile.cell[k / 2][16 * strip], &pair, sizeof(pair));
+template <class Reader>
+CORVANE_INLINE void put(weight_tile<BFloat16>& tile, unsigned k, unsigned strip, sycl::i32x16 words, unsigned run) {
+  for (unsigned i = 0; i < 2; ++i) {
+    sycl::i32x16 pair;
+    if constexpr (nibble_reader<Reader>) {
+      pair = Reader::bfloat16_pair_in_words(words, i, run);
+    } else {
+      const auto value = [&](unsigned n) { return Reader::template value_in_words<float>(words, n).r[0]; };
+      pair = sycl::pair_of(value(i), value(i + 2));
+    }
+    std::memcpy(&tile.cell[16 * run + k / 2 + i][16 * strip], &pair, sizeof(pair));
+  }
 }
 
 template <class Reader, class WT>
 void expand(const weight_columns& columns, uint64_t b, weight_tile<WT>& tile) {
-  constexpr unsigned bytes = Reader::code_bytes;
-  static_assert(bytes == 64 || bytes == 32, "a byte is an element, or elements j and j + 32");
+  constexpr unsigned bytes = Reader::code_bytes, runs = nibble_reader<Reader> ? 2 : 1;
+  static_assert(bytes * runs == QK);
   for (unsigned strip = 0; strip < strips; ++strip) {
     const uint8_t* column[16];
     for (unsigned i = 0; i < 16; ++i) {
       column[i] = columns.codes[16 * strip + i] + b * bytes;
       sycl::prefetch(column[i] + 64);  // 32 streams are too many for the host to foresee; one line ahead is enough
     }
-    alignas(64) uint8_t across[16 * bytes + 16];  // a reader may load 32 bytes to make 16 elements of
-    for (unsigned j = 0; j < bytes; j += 16) sycl::transpose_bytes(column, j, across + 16 * j);
-    // Byte j of 16 columns is now what a reader takes for run 0 of a unit. Where it holds two elements, as in q4_0, the
-    // second is j + 32, of run 2.
-    for (unsigned run = 0; run < QK / bytes; ++run) {
-      const auto element = [&](unsigned j) { return Reader::template decode<float>(across + 16 * j, 2 * run).r[0]; };
-      for (unsigned j = 0; j < bytes; j += 2) put(tile, run * bytes + j, strip, element(j), element(j + 1));
+    sycl::i32x16 words[bytes / 4];
+    sycl::transpose_words(column, words);
+    for (unsigned q = 0; q < bytes / 4; ++q) {
+      for (unsigned run = 0; run < runs; ++run) put<Reader>(tile, 4 * q, strip, words[q], run);
     }
   }
 }

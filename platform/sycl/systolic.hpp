@@ -2,39 +2,75 @@
 // products of BFloat16 pairs summed in float.
 #pragma once
 
+#include <utility>
+
 #include "platform/sycl/simd.hpp"
 
 namespace sycl {
 
-// to[16 j + i] = column[i][offset + j] for i, j < 16: neighbours along a column become neighbours across the columns.
+// words[q], lane i: bytes 4 q to 4 q + 3 of column i, for 16 columns of 64 bytes or of 32: neighbours along a column
+// become neighbours across the columns. A column's bytes are read at once: sixteen that lie a power of two apart do not
+// stay in the first-level cache together.
 #ifdef CORVANE_AVX512
-CORVANE_INLINE void transpose_bytes(const std::uint8_t* const (&column)[16], std::size_t offset, std::uint8_t* to) {
-  const auto quarter = [&](unsigned i) { return load_bytes<__m128i>(column[i] + offset); };
-  const auto four = [&](unsigned i) {  // every fourth column, so that the unpacking below restores the order
-    __m512i v = _mm512_castsi128_si512(quarter(i));
-    v = _mm512_inserti32x4(v, quarter(i + 4), 1);
-    v = _mm512_inserti32x4(v, quarter(i + 8), 2);
-    return _mm512_inserti32x4(v, quarter(i + 12), 3);
-  };
-  const __m512i c0 = four(0), c1 = four(1), c2 = four(2), c3 = four(3);
-  const __m512i low01 = _mm512_unpacklo_epi32(c0, c1), high01 = _mm512_unpackhi_epi32(c0, c1);
-  const __m512i low23 = _mm512_unpacklo_epi32(c2, c3), high23 = _mm512_unpackhi_epi32(c2, c3);
-  // words[q]: bytes 4q to 4q + 3 of column i in 32-bit lane i.
-  const __m512i words[4] = {_mm512_unpacklo_epi64(low01, low23), _mm512_unpackhi_epi64(low01, low23),
-                            _mm512_unpacklo_epi64(high01, high23), _mm512_unpackhi_epi64(high01, high23)};
-  const __m512i gather_bytes =
-      _mm512_broadcast_i32x4(_mm_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15));
-  const __m512i gather_words = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
-  for (unsigned q = 0; q < 4; ++q) {
-    const __m512i bytes = _mm512_permutexvar_epi32(gather_words, _mm512_shuffle_epi8(words[q], gather_bytes));
-    std::memcpy(to + 64 * q, &bytes, sizeof(bytes));
+namespace detail {
+// Of four registers: lane L of register c gets the 32-bit lanes 4 L + c of the four.
+CORVANE_INLINE void transpose_four(__m512i (&v)[4]) {
+  const __m512i low01 = _mm512_unpacklo_epi32(v[0], v[1]), high01 = _mm512_unpackhi_epi32(v[0], v[1]);
+  const __m512i low23 = _mm512_unpacklo_epi32(v[2], v[3]), high23 = _mm512_unpackhi_epi32(v[2], v[3]);
+  v[0] = _mm512_unpacklo_epi64(low01, low23), v[1] = _mm512_unpackhi_epi64(low01, low23);
+  v[2] = _mm512_unpacklo_epi64(high01, high23), v[3] = _mm512_unpackhi_epi64(high01, high23);
+}
+}  // namespace detail
+
+CORVANE_INLINE void transpose_words(const std::uint8_t* const (&column)[16], i32x16 (&words)[16]) {
+  __m512i four[4][4];
+  for (unsigned g = 0; g < 4; ++g) {
+    for (unsigned i = 0; i < 4; ++i) four[g][i] = load_bytes<__m512i>(column[4 * g + i]);
+    detail::transpose_four(four[g]);
+  }
+  for (unsigned c = 0; c < 4; ++c) {
+    const __m512i low01 = _mm512_shuffle_i32x4(four[0][c], four[1][c], 0x88);  // lanes 0 and 2 of each
+    const __m512i low23 = _mm512_shuffle_i32x4(four[2][c], four[3][c], 0x88);
+    const __m512i high01 = _mm512_shuffle_i32x4(four[0][c], four[1][c], 0xDD);  // lanes 1 and 3
+    const __m512i high23 = _mm512_shuffle_i32x4(four[2][c], four[3][c], 0xDD);
+    words[c] = (i32x16)_mm512_shuffle_i32x4(low01, low23, 0x88);
+    words[4 + c] = (i32x16)_mm512_shuffle_i32x4(high01, high23, 0x88);
+    words[8 + c] = (i32x16)_mm512_shuffle_i32x4(low01, low23, 0xDD);
+    words[12 + c] = (i32x16)_mm512_shuffle_i32x4(high01, high23, 0xDD);
   }
 }
-#else
-CORVANE_INLINE void transpose_bytes(const std::uint8_t* const (&column)[16], std::size_t offset, std::uint8_t* to) {
-  for (unsigned i = 0; i < 16; ++i) {
-    for (unsigned j = 0; j < 16; ++j) to[16 * j + i] = column[i][offset + j];
+
+CORVANE_INLINE void transpose_words(const std::uint8_t* const (&column)[16], i32x16 (&words)[8]) {
+  const auto two = [&](unsigned i, unsigned j) {
+    const __m512i low = _mm512_castsi256_si512(load_bytes<__m256i>(column[i]));
+    return _mm512_inserti64x4(low, load_bytes<__m256i>(column[j]), 1);
+  };
+  __m512i four[2][4];
+  for (unsigned g = 0; g < 2; ++g) {
+    for (unsigned i = 0; i < 4; ++i) four[g][i] = two(8 * g + i, 8 * g + 4 + i);
+    detail::transpose_four(four[g]);
   }
+  for (unsigned c = 0; c < 4; ++c) {
+    words[c] = (i32x16)_mm512_shuffle_i32x4(four[0][c], four[1][c], 0x88);
+    words[4 + c] = (i32x16)_mm512_shuffle_i32x4(four[0][c], four[1][c], 0xDD);
+  }
+}
+
+// Of every four the second and the third change places.
+CORVANE_INLINE u16x32 swap_inner_of_four(u16x32 x) {
+  const __m512i order = _mm512_broadcast_i32x4(_mm_setr_epi8(0, 1, 4, 5, 2, 3, 6, 7, 8, 9, 12, 13, 10, 11, 14, 15));
+  return (u16x32)_mm512_shuffle_epi8((__m512i)x, order);
+}
+#else
+template <unsigned Words>
+CORVANE_INLINE void transpose_words(const std::uint8_t* const (&column)[16], i32x16 (&words)[Words]) {
+  for (unsigned q = 0; q < Words; ++q) {
+    for (unsigned i = 0; i < 16; ++i) words[q][i] = load_integer<std::int32_t>(column[i] + 4 * q);
+  }
+}
+CORVANE_INLINE u16x32 swap_inner_of_four(u16x32 x) {
+  for (unsigned i = 0; i < 32; i += 4) std::swap(x[i + 1], x[i + 2]);
+  return x;
 }
 #endif
 
