@@ -7,16 +7,18 @@
 #   scripts/test.sh --sanitize  under the address and undefined-behaviour sanitizers, on two device classes
 #   scripts/test.sh --torch     on PyTorch as PyPI has it, in an environment of its own under build/: the C++ tests, the
 #                               Python ones on two device classes, and installed as a package
+#   scripts/test.sh --pythons   installed as a package from PyPI's PyTorch up, under each Python from 3.10 that the machine
+#                               has (some 5 GB each)
 #   scripts/test.sh --thread    the tests of pool, queue and groups under the thread sanitizer
 #   scripts/test.sh --fuzz      the fuzzer for a minute (scripts/fuzz.sh)
-#   scripts/test.sh --ci        all of this
+#   scripts/test.sh --ci        all of this but --pythons
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 mode=${1:-all}
 case $mode in
-  all | --quick | --sanitize | --torch | --thread | --fuzz | --ci) ;;
-  *) echo "usage: scripts/test.sh [--quick | --sanitize | --torch | --thread | --fuzz | --ci]" >&2; exit 2 ;;
+  all | --quick | --sanitize | --torch | --pythons | --thread | --fuzz | --ci) ;;
+  *) echo "usage: scripts/test.sh [--quick | --sanitize | --torch | --pythons | --thread | --fuzz | --ci]" >&2; exit 2 ;;
 esac
 
 . scripts/device_names.sh
@@ -75,19 +77,35 @@ test_sanitize() {
   python_environment=()
 }
 
+make_environment() {  # <folder> <interpreter> <requirements>: with PyPI's PyTorch
+  sha256sum --check --status "$1/requirements.sum" 2>/dev/null && return
+  echo "test: making $1: some 5 GB"
+  rm -rf "$1"
+  "$2" -m venv "$1"
+  "$1/bin/python" -m pip install --quiet --disable-pip-version-check -r "$3"
+  sha256sum "$3" >"$1/requirements.sum"
+}
+
 test_torch() {
-  local requirements=requirements-torch.txt environment=build/torch-venv
-  if ! sha256sum --check --status "$environment/requirements.sum" 2>/dev/null; then
-    echo "test: making $environment: some 5 GB"
-    rm -rf "$environment"
-    /usr/bin/python3 -m venv "$environment"
-    "$environment/bin/python" -m pip install --quiet --disable-pip-version-check -r "$requirements"
-    sha256sum "$requirements" >"$environment/requirements.sum"
-  fi
+  local environment=build/torch-venv
+  make_environment "$environment" /usr/bin/python3 requirements-torch.txt
   python=$environment/bin/python
   test_build torch build/torch 1 3
   run "torch: wheel in a fresh environment" scripts/test_package.sh "$environment"
   python=.venv/bin/python
+}
+
+test_pythons() {
+  local version interpreter environment
+  for version in 3.10 3.11 3.12 3.13; do
+    for interpreter in "${PYENV_ROOT:-$HOME/.pyenv}"/versions/"$version".*/bin/python "python$version" ''; do
+      "$interpreter" -c '' 2>/dev/null && break
+    done
+    [[ -n $interpreter ]] || continue
+    environment=build/python$version-venv
+    make_environment "$environment" "$interpreter" requirements-torch.txt
+    run "Python $version: wheel in a fresh environment" scripts/test_package.sh "$environment"
+  done
 }
 
 test_thread() {
@@ -103,6 +121,7 @@ case $mode in
   --quick) test_build release build 1 3 ;;
   --sanitize) test_sanitize ;;
   --torch) test_torch ;;
+  --pythons) test_pythons ;;
   --thread) test_thread ;;
   --fuzz) test_fuzz ;;
   --ci)
