@@ -34,8 +34,8 @@ def open_source(options: argparse.Namespace) -> ModelSource:
 
 
 def prepared(model: Llama, options: argparse.Namespace) -> Llama:
-    model.prepare(DTYPES[options.dtype], not options.no_fused, not options.token_by_token)
-    return model
+    prompt_dtype = DTYPES[options.prompt_dtype] if options.prompt_dtype else None
+    return model.prepare(DTYPES[options.dtype], not options.no_fused, not options.token_by_token, prompt_dtype)
 
 
 def open_model(options: argparse.Namespace) -> Llama:
@@ -65,7 +65,7 @@ def generate(options: argparse.Namespace) -> None:
     print("\n" if options.figures else "")
     if not options.figures:
         return
-    print(speed_lines(speed, "one call" if model.many_rows else "token by token"))
+    print(speed_lines(speed, "many rows a call" if model.many_rows else "token by token"))
     print(size_line(summary(model)))
     print(f"device    {host_xpu.device_name()}, {options.dtype} inputs\n")
     decode_launches = launches[prefill_launches:]

@@ -45,6 +45,11 @@ def add_model(parser: argparse.ArgumentParser, dtype: bool = True) -> None:
         parser.add_argument(
             "--dtype", choices=DTYPES, default="float", help="of inputs and caches (default: %(default)s)"
         )
+        parser.add_argument(
+            "--prompt-dtype",
+            choices=DTYPES,
+            help="of the linear layers' inputs while a prompt is read (default: bfloat16 for float and half)",
+        )
         parser.add_argument("--no-fused", action="store_true", help="decode without the fused operators")
         parser.add_argument("--token-by-token", action="store_true", help="feed the prompt in calls of one row")
 

@@ -20,6 +20,8 @@ from ..device import DEVICE, corvane, is_class_with_grid_mlp, to_device
 from ..linear import PackedLinear
 from ..tokenizer import ChatTokenizer
 
+# Prompts are read in pieces of as many rows as the systolic kernels take, from so many rows on in the type of its own.
+PROMPT_ROWS, FEWEST_PROMPT_ROWS = 64, 8
 BLOCK_FORMATS_FUSED = frozenset({"q4_0", "fp4", "fp6", "fp8_e5m2"})  # with a fused kernel on every device class
 # The fused projection takes iq2_xxs as well, with the value weight in q2_k.
 FUSED_QKV_FORMATS = BLOCK_FORMATS_FUSED | {"iq2_xxs"}
@@ -169,7 +171,9 @@ class LayerStep:
 
 
 def product_of(layer: nn.Module) -> Callable[[torch.Tensor], torch.Tensor]:
-    """The quickest call that does what the layer's own does, for contiguous rows on XPU."""
+    """The quickest call that does what the layer's own does, for contiguous rows on XPU of any dtype."""
+    if type(layer) is nn.Linear:
+        return lambda x: layer(x.to(layer.weight.dtype)).to(x.dtype)
     if (
         not isinstance(layer, PackedLinear)
         or layer.bias is not None
@@ -213,7 +217,8 @@ class Llama(nn.Module):
     """A Llama model: `forward` takes token numbers and gives logits. It is made on the meta device, to be filled.
 
     `dtype`, of the linear layers' inputs and of the caches, is one of float, half, bfloat16 and double; the residual
-    stream is float. `fused` and `many_rows` allow the fused operators and prompts in one call.
+    stream is float. `prompt_dtype` takes the place of `dtype` in the linear layers where a prompt of some length is read.
+    `fused` and `many_rows` allow the fused operators and prompts of more than one row a call.
     """
 
     def __init__(self, config: Config, embedding_kind: str = "F32") -> None:
@@ -221,7 +226,7 @@ class Llama(nn.Module):
         self.config = config
         self.model = Decoder(config, embedding_kind)
         self.lm_head = nn.Linear(config.hidden, config.vocabulary, bias=False, device="meta")
-        self.dtype, self.fused, self.many_rows = torch.float32, True, True
+        self.dtype, self.prompt_dtype, self.fused, self.many_rows = torch.float32, torch.bfloat16, True, True
         self.tokenizer: ChatTokenizer | None = None
         half = torch.arange(config.head_size // 2, dtype=torch.float64, device="cpu")
         self.frequencies = config.rope_base ** (-2 * half / config.head_size)
@@ -230,13 +235,26 @@ class Llama(nn.Module):
         self.rotation = self.positions = torch.empty(0)
         self.steps: list[LayerStep] = []
 
-    def prepare(self, dtype: torch.dtype = torch.float32, fused: bool = True, many_rows: bool = True) -> Llama:
-        """Bring the model to XPU and set how it runs; gives the model back. Dense linear layers get the dtype."""
+    def prepare(
+        self,
+        dtype: torch.dtype = torch.float32,
+        fused: bool = True,
+        many_rows: bool = True,
+        prompt_dtype: torch.dtype | None = None,
+    ) -> Llama:
+        """Bring the model to XPU and set how it runs; gives the model back. Dense linear layers get the dtype.
+
+        `prompt_dtype` None: bfloat16, in which many rows of packed weights are fastest, for a model that has some where
+        `dtype` is float or half; else `dtype`.
+        """
         self.to(DEVICE)
         for module in self.modules():
             if isinstance(module, nn.Linear):
                 module.to(dtype)
         self.dtype, self.fused, self.many_rows = dtype, fused, many_rows
+        packed = any(isinstance(module, PackedLinear) for module in self.modules())
+        narrowed = torch.bfloat16 if packed and dtype in (torch.float32, torch.float16) else dtype
+        self.prompt_dtype = prompt_dtype or narrowed
         return self
 
     def new_cache(self, capacity: int) -> KvCache:
@@ -258,11 +276,9 @@ class Llama(nn.Module):
             raise ValueError("there are no tokens to read")
         if cache.length + len(tokens) > cache.capacity:
             raise ValueError(f"{cache.length} + {len(tokens)} tokens do not fit a cache of {cache.capacity}")
-        if len(tokens) == 1 or self.many_rows:
-            hidden = self._layers(tokens, cache)
-            return self._logits(hidden[-1:] if last_only else hidden)
-        steps = [self._layers([token], cache) for token in tokens]
-        return self._logits(steps[-1]) if last_only else torch.cat([self._logits(hidden) for hidden in steps])
+        rows = PROMPT_ROWS if self.many_rows else 1
+        pieces = [self._layers(tokens[start : start + rows], cache) for start in range(0, len(tokens), rows)]
+        return self._logits(pieces[-1][-1:]) if last_only else torch.cat([self._logits(hidden) for hidden in pieces])
 
     def _logits(self, hidden: torch.Tensor) -> torch.Tensor:
         return self.head(self.head_norm(hidden).to(self.dtype)).float()
@@ -271,11 +287,12 @@ class Llama(nn.Module):
         """The residual stream after all layers, (rows, hidden) float32."""
         hidden = self.model.embed_tokens(tokens)
         position = self.positions.narrow(0, cache.length, 1)
+        dtype = self.dtype if len(tokens) < FEWEST_PROMPT_ROWS else self.prompt_dtype
         for i, step in enumerate(self.steps):
-            x = step.attention_norm(hidden).to(self.dtype)
+            x = step.attention_norm(hidden).to(dtype)
             query, keys, values = self._project(i, step, x, cache, position)
-            hidden += step.output(attention(query, keys, values).to(self.dtype))
-            x = step.mlp_norm(hidden).to(self.dtype)
+            hidden += step.output(attention(query, keys, values).to(dtype))
+            x = step.mlp_norm(hidden).to(dtype)
             hidden += step.down(self._gated(step, x))
         cache.length += len(tokens)
         return hidden
@@ -300,7 +317,7 @@ class Llama(nn.Module):
         query, key = step.query(x).view(heads), step.key(x).view(heads)
         if step.head_norms is not None:
             query, key = (
-                norm(part.float()).to(self.dtype) for norm, part in zip(step.head_norms, (query, key), strict=True)
+                norm(part.float()).to(x.dtype) for norm, part in zip(step.head_norms, (query, key), strict=True)
             )
         query = rotate(query.transpose(1, 2), rotation)
         cache.keys[i].narrow(2, start, rows).copy_(rotate(key.transpose(1, 2), rotation))
@@ -311,7 +328,7 @@ class Llama(nn.Module):
         """silu(x gate^T) * (x up^T), (rows, mlp)."""
         if x.shape[0] == 1 and step.fused_mlp:
             return corvane.mlp_forward_xpu(x, *step.mlp_weights, *step.mlp_sizes)
-        return (silu(step.gated(x).float()) * step.upped(x).float()).to(self.dtype)
+        return (silu(step.gated(x).float()) * step.upped(x).float()).to(x.dtype)
 
 
 def rotate(x: torch.Tensor, rotation: torch.Tensor) -> torch.Tensor:
