@@ -106,12 +106,20 @@ void project_units(const kernel_launch& how, const T* input, const projection_ar
   }
   const auto units = static_cast<uint32_t>(a.state_size / unit_elements);
   const auto dots = scaled_row_dots<Id, T>();
-  prepared_row<T> row(input, units);
+  prepared_row<reader, T> row(input, units);
   launch_row_pairs(
       how, a, device, [&row] { row.prepare(); },
       [&](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2][1]) {
-        const row_list<2> rows{{pair.row * units, pair.partner() * units}, pair.step() * units};
-        dots(row.view(), 0, planes[m], rows, units, reinterpret_cast<simd<T, 16>(&)[1][2]>(sums));
+        const uint32_t first[2] = {pair.row * units, pair.partner() * units};
+        if constexpr (rows_together<T> == 2) {
+          const row_list<2> rows{{first[0], first[1]}, pair.step() * units};
+          dots(row.view(), 0, planes[m], rows, units, reinterpret_cast<simd<T, 16>(&)[1][2]>(sums));
+        } else {
+          for (unsigned r = 0; r < 2; ++r) {
+            dots(row.view(), 0, planes[m], row_list<1>{{first[r]}, units_ahead<reader>}, units,
+                 reinterpret_cast<simd<T, 16>(&)[1][1]>(sums[r]));
+          }
+        }
       });
 }
 

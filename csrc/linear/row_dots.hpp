@@ -6,41 +6,48 @@
 #include <cstdint>
 
 #include "linear/row_input.hpp"
+#include "platform/sycl/tuning.hpp"
 
 namespace corvane {
 
-constexpr unsigned rows_together = 2;  // weight rows that a kernel walks side by side
+// Weight rows that a kernel of one input row walks side by side.
+template <class T>
+constexpr unsigned rows_together = sycl::tuning::rows_side_by_side<T>;
 
-// Which rows are read together, and how far ahead of them the next ones lie, which are asked for meanwhile: of two and
-// more streams the processor loses track by itself.
+// Which rows are read together, and how far ahead of them lies what is asked for meanwhile: by itself the processor
+// foresees too little.
 template <unsigned Rows>
 struct row_list {
   uint32_t first_unit[Rows];  // unit of each row's first element
-  uint32_t ahead;             // units from a row to the one that takes its place next
+  uint32_t ahead;             // units
 };
+
+// Of one row at a time a stream is read in order, and asked for so far ahead.
+template <class Reader>
+constexpr uint32_t units_ahead = sycl::tuning::prefetch_distance / registry[Reader::id].block_bytes;
 
 // Neighbouring rows of `units` units, from first_row on. A row past the end reads the last row again, so that nothing
 // beyond the weight is touched; it is not written.
-template <unsigned Rows>
+template <class Reader, unsigned Rows>
 CORVANE_INLINE row_list<Rows> rows_from(uint64_t first_row, uint64_t output_size, uint32_t units) {
   row_list<Rows> rows;
-  rows.ahead = Rows * units;
+  rows.ahead = Rows == 1 ? units_ahead<Reader> : Rows * units;
   for (unsigned r = 0; r < Rows; ++r) {
     rows.first_unit[r] = static_cast<uint32_t>(std::min(first_row + r, output_size - 1)) * units;
   }
   return rows;
 }
 
-// Adds to sums[i][r], for each input i and row r, input . row in T, a part of it to each lane. A lane adds up four
-// products of a unit of 64 elements and scales them once. `units` units make a row; an input holds 64 * units elements,
-// and the next one begins `stride` elements behind it. Defined in row_dots_body.hpp.
+// Adds to sums[i][r], for each input i and row r, input . row in T, a part of it to each lane. A lane adds up the
+// products of a unit (64 elements, four lanes' worth; in groups of two units eight) and scales them once. `units` units
+// make a row; the next input begins `stride` lanes behind this one. Defined in row_dots_body.hpp.
 template <class Reader, unsigned Inputs, class T, unsigned Rows>
 void row_dots(const row_input<T>& input, uint64_t stride, const typename Reader::planes& weight,
               const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs][Rows]);
 
 template <class Reader, class T>
 using row_dots_function = void (*)(const row_input<T>&, uint64_t, const typename Reader::planes&,
-                                   const row_list<rows_together>&, uint32_t, simd<T, 16> (&)[1][rows_together]);
+                                   const row_list<rows_together<T>>&, uint32_t, simd<T, 16> (&)[1][rows_together<T>]);
 
 // row_dots of one input with the format's scales, for the fused kernels; null for a format of another row scheme.
 // Compiled with the format's one-row kernel.

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "linear/row_dots.hpp"
-#include "platform/sycl/tuning.hpp"
 
 namespace corvane {
 
@@ -10,28 +9,61 @@ namespace detail {
 
 constexpr unsigned batch_units = 16;  // units whose scales are converted together, one to a lane
 
-// Units u to u + Units - 1 of all rows against all inputs, the units of a row in turn to its Sums sums. A code is
-// decoded once for all inputs. `scales` and `offsets` begin with those of unit u of row 0; rows lie batch_units apart.
+// Codes of a group of units, of which only the first need be there.
+template <class Reader, class T, bool Whole>
+CORVANE_INLINE auto fetch_group(const typename Reader::planes& weight, uint32_t unit) {
+  if constexpr (group_units<Reader, T> == 1) {
+    return Reader::fetch(weight, unit);
+  } else {
+    return sycl::load_some<sycl::i32x16>(Reader::fetch(weight, unit), Whole ? 64 : 32);
+  }
+}
+
+// Lanes v of a group.
+template <class Reader, class T, class Codes>
+CORVANE_INLINE simd<T, 16> decode_group(const Codes& codes, unsigned v) {
+  if constexpr (group_units<Reader, T> == 1) {
+    return Reader::template decode<T>(codes, v);
+  } else {
+    return Reader::template value_in_words<T>(codes, v / 2, v % 2);
+  }
+}
+
+// The scales of a group's units in its lanes.
+template <class Reader, class T>
+CORVANE_INLINE simd<T, 16> of_group(const sycl::lane_of<T>* of_unit) {
+  if constexpr (group_units<Reader, T> == 1) {
+    return simd<T, 16>::broadcast_lane(*of_unit);
+  } else {
+    return simd<T, 16>::exact(sycl::splat_halves(of_unit[0], of_unit[1]));
+  }
+}
+
+// Groups from unit u on, Groups of them, of all rows against all inputs, the groups of a row in turn to its Sums sums.
+// A code is decoded once for all inputs. `scales` and `offsets` begin with those of unit u of row 0; rows lie
+// batch_units apart.
 template <class Reader, class T,
           bool Pairs,  // BFloat16 products and sums of a unit are rounded in pairs: row_input.hpp
-          unsigned Inputs, unsigned Rows, unsigned Units, unsigned Sums>
-CORVANE_INLINE void accumulate_units(const row_input<T>& input, uint64_t stride, const typename Reader::planes& weight,
-                                     const row_list<Rows>& rows, uint32_t u, const sycl::lane_of<T>* scales,
-                                     const sycl::lane_of<T>* offsets, simd<T, 16>* sum) {
-  constexpr unsigned chains = Rows * Units;  // chain c: row c % Rows, unit u + c / Rows
-  const auto unit = [&](unsigned c) CORVANE_INLINE_LAMBDA { return rows.first_unit[c % Rows] + u + c / Rows; };
-  if constexpr (Rows > 1) {
-    for (unsigned c = 0; c < chains; ++c) Reader::prefetch(weight, unit(c) + rows.ahead);
-  }
+          bool Whole,  // no unit is missing from a group
+          unsigned Inputs, unsigned Rows, unsigned Groups, unsigned Sums>
+CORVANE_INLINE void accumulate_groups(const row_input<T>& input, uint64_t stride, const typename Reader::planes& weight,
+                                      const row_list<Rows>& rows, uint32_t u, const sycl::lane_of<T>* scales,
+                                      const sycl::lane_of<T>* offsets, simd<T, 16>* sum) {
+  constexpr unsigned units = group_units<Reader, T>, lines = 4 * units;
+  constexpr unsigned chains = Rows * Groups;  // chain c: row c % Rows, group c / Rows
+  const auto unit_of = [&](unsigned c) CORVANE_INLINE_LAMBDA { return u + c / Rows * units; };
+  const auto unit = [&](unsigned c) CORVANE_INLINE_LAMBDA { return rows.first_unit[c % Rows] + unit_of(c); };
+  for (unsigned c = 0; c < chains; ++c) Reader::prefetch(weight, unit(c) + rows.ahead);
+  using group_codes = decltype(fetch_group<Reader, T, Whole>(weight, u));
+  group_codes codes[chains];
+  for (unsigned c = 0; c < chains; ++c) codes[c] = fetch_group<Reader, T, Whole>(weight, unit(c));
   const auto x = [&](unsigned i, unsigned c, unsigned v) CORVANE_INLINE_LAMBDA {
-    return simd<T, 16>::load_lanes(input.lanes + i * stride + unit_elements * (u + c / Rows) + 16 * v);
+    return simd<T, 16>::load_lanes(input.lanes + i * stride + unit_elements * unit_of(c) + 16 * v);
   };
-  const auto code = [&](unsigned c, unsigned v) CORVANE_INLINE_LAMBDA {
-    const typename Reader::raw codes = Reader::fetch(weight, unit(c));
-    return Reader::template decode<T>(codes, v);
-  };
+  const auto code = [&](unsigned c, unsigned v) CORVANE_INLINE_LAMBDA { return decode_group<Reader, T>(codes[c], v); };
   simd<T, 16> dot[Inputs * chains];
   if constexpr (Pairs) {
+    static_assert(units == 1);
     simd<T, 16> product[4][Inputs * chains];
     sycl::unroll<2>([&](auto half) CORVANE_INLINE_LAMBDA {
       sycl::unroll<chains>([&](auto c) CORVANE_INLINE_LAMBDA {
@@ -51,7 +83,7 @@ CORVANE_INLINE void accumulate_units(const row_input<T>& input, uint64_t stride,
       dot[n] = simd<T, 16>::exact(a) + simd<T, 16>::exact(b);
     });
   } else {
-    sycl::unroll<4>([&](auto v) CORVANE_INLINE_LAMBDA {
+    sycl::unroll<lines>([&](auto v) CORVANE_INLINE_LAMBDA {
       sycl::unroll<chains>([&](auto c) CORVANE_INLINE_LAMBDA {
         const simd<T, 16> w = code(c, v);
         sycl::unroll<Inputs>([&](auto i) CORVANE_INLINE_LAMBDA {
@@ -66,19 +98,18 @@ CORVANE_INLINE void accumulate_units(const row_input<T>& input, uint64_t stride,
     });
   }
   sycl::unroll<chains>([&](auto c) CORVANE_INLINE_LAMBDA {
+    constexpr unsigned n = c % Rows * batch_units + c / Rows * units;
     sycl::unroll<Inputs>([&](auto i) CORVANE_INLINE_LAMBDA {
       simd<T, 16>& to = sum[c / Rows % Sums * (Inputs * Rows) + i * Rows + c % Rows];
       if constexpr (Reader::shared_scale != 0) {
-        const auto scale = simd<T, 16>::broadcast_lane(scales[c % Rows * batch_units + c / Rows]);
-        to = multiply_add(dot[i * chains + c], scale, to);
+        to = multiply_add(dot[i * chains + c], of_group<Reader, T>(scales + n), to);
       } else {
         to = to + dot[i * chains + c];
       }
-      // Unit by unit, so that it cancels against the scaled codes before it can lose them their last places.
+      // Group by group, so that it cancels against the scaled codes before it can lose them their last places.
       if constexpr (Reader::has_offset) {
-        const auto sum_x = simd<T, 16>::load_lanes(input.sums + 16 * (u + c / Rows));
-        const auto offset = simd<T, 16>::broadcast_lane(offsets[c % Rows * batch_units + c / Rows]);
-        to = multiply_add(sum_x, offset, to);
+        const auto sum_x = simd<T, 16>::load_lanes(input.sums + 16 * (unit_of(c) / units));
+        to = multiply_add(sum_x, of_group<Reader, T>(offsets + n), to);
       }
     });
   });
@@ -88,6 +119,7 @@ template <class Reader, bool Pairs, unsigned Inputs, class T, unsigned Rows>
 CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader::planes& weight,
                                const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs * Rows],
                                uint64_t stride) {
+  constexpr unsigned group = group_units<Reader, T>;
   constexpr unsigned step = std::max(sycl::tuning::staged_chains<T> / (Rows * Inputs), 1u);
   constexpr unsigned spread = sycl::tuning::sums_of_row<T>;
   constexpr unsigned results = Inputs * Rows;
@@ -103,7 +135,7 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
     sycl::unroll<Rows>([&](auto r) CORVANE_INLINE_LAMBDA {
       const uint32_t unit = rows.first_unit[r] + first;
       if constexpr (Reader::shared_scale != 0) {
-        if constexpr (Rows > 1) Reader::prefetch_scales(weight, unit + rows.ahead);
+        Reader::prefetch_scales(weight, unit + rows.ahead);
         Reader::template scales<T>(weight, unit, count).store_lanes(scales + r * batch_units);
       }
       if constexpr (Reader::has_offset) {
@@ -112,21 +144,20 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
     });
     uint32_t n = 0;
     if constexpr (step > 1) {
-      for (; n + step <= count; n += step) {
-        accumulate_units<Reader, T, Pairs, Inputs, Rows, step, spread>(input, stride, weight, rows, first + n,
-                                                                       scales + n, offsets + n, sum);
+      for (; n + step * group <= count; n += step * group) {
+        accumulate_groups<Reader, T, Pairs, true, Inputs, Rows, step, spread>(input, stride, weight, rows, first + n,
+                                                                              scales + n, offsets + n, sum);
       }
     }
-    for (; n < count; ++n) {  // to the sum whose turn it is, whatever the step: two inputs give what two calls do
-      const auto add_unit = [&](simd<T, 16>* to) CORVANE_INLINE_LAMBDA {
-        accumulate_units<Reader, T, Pairs, Inputs, Rows, 1, 1>(input, stride, weight, rows, first + n, scales + n,
-                                                               offsets + n, to);
-      };
-      if (spread == 2 && n % 2 == 1) {
-        add_unit(sum + results);
-      } else {
-        add_unit(sum);
-      }
+    // One group, to the sum whose turn it is, whatever the step: two inputs give what two calls do.
+    const auto add_group = [&](auto whole) CORVANE_INLINE_LAMBDA {
+      accumulate_groups<Reader, T, Pairs, whole, Inputs, Rows, 1, 1>(
+          input, stride, weight, rows, first + n, scales + n, offsets + n,
+          spread == 2 && n / group % 2 == 1 ? sum + results : sum);
+    };
+    for (; n + group <= count; n += group) add_group(std::true_type{});
+    if constexpr (group > 1) {
+      if (n < count) add_group(std::false_type{});
     }
   }
   sycl::unroll<results>([&](auto k) CORVANE_INLINE_LAMBDA {

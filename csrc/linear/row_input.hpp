@@ -32,76 +32,119 @@ class tiny_lanes {
   sycl::i32x16 seen_{};
 };
 
+// Units that a kernel walks as one. Of two units of a format with 4-bit codes the 64 code bytes are sixteen words, and
+// each of the eight nibbles of a word is taken from all of them at once: lane l of run r of nibbles i has element
+// 32 r + 4 (l % 8) + i of unit l / 8. Not in BFloat16, where rounding in pairs moves lanes between the units, nor in
+// double, which takes eight lanes and another look-up.
+template <class Reader, class T>
+constexpr uint32_t group_units = nibble_reader<Reader> && (std::is_same_v<T, float> || std::is_same_v<T, Half>) ? 2 : 1;
+
 template <class T>
 struct row_input {
-  const sycl::lane_of<T>* lanes;  // (state_size)
-  const sycl::lane_of<T>* sums;   // (units, 16): lane t adds up elements t, 16 + t, 32 + t, 48 + t of a unit, as its
-                                  // dot product does; formats with an offset
+  const sycl::lane_of<T>* lanes;  // (state_size), in the order of a group's lanes; two to a group: to whole groups
+  const sycl::lane_of<T>* sums;   // (groups, 16): each lane adds up the elements of a group as its dot product does;
+                                  // formats with an offset
   bool pairable;                  // BFloat16: rounding in pairs loses nothing
 };
 
-// The input rows of one launch, of `units` units each, and what row_input points to beside them. Rows lie behind each
-// other, so that the view of one reaches those that follow.
-template <class T>
+// The input rows of one launch, of `units` units each, for the kernels of a format, and what row_input points to beside
+// them. Rows lie behind each other, `stride` lanes apart, so that the view of one reaches those that follow.
+template <class Reader, class T>
 class prepared_row {
  public:
-  prepared_row(const T* input, uint32_t units, bool with_sums = false, uint64_t rows = 1)
-      : input_(input), units_(units), views_(rows) {
+  prepared_row(const T* input, uint32_t units, uint64_t rows = 1)
+      : input_(input),
+        units_(units),
+        groups_((units + group_units<Reader, T> - 1) / group_units<Reader, T>),
+        views_(rows) {
     const sycl::lane_of<T>* lanes;
-    if constexpr (sizeof(T) == 2) {
-      widened_ = std::make_unique_for_overwrite<line[]>(rows * units * lines);
-      lanes = widened_.get()->lane;
+    if constexpr (copied) {
+      lines_ = std::make_unique_for_overwrite<line[]>(rows * groups_ * lines);
+      lanes = lines_.get()->lane;
     } else {
       lanes = input;
     }
-    if (with_sums) sums_ = std::make_unique_for_overwrite<line[]>(rows * units);
+    if constexpr (Reader::has_offset) sums_ = std::make_unique_for_overwrite<line[]>(rows * groups_);
     for (uint64_t row = 0; row < rows; ++row) {
-      views_[row].lanes = lanes + row * units * unit_elements;
-      if (with_sums) views_[row].sums = sums_[row * units].lane;
+      views_[row].lanes = lanes + row * stride();
+      if constexpr (Reader::has_offset) views_[row].sums = sums_[row * groups_].lane;
     }
   }
 
   // To be called before the first work-group reads view().
   void prepare() {
     for (uint64_t row = 0; row < views_.size(); ++row) {
-      if constexpr (sizeof(T) == 2) widen(row);
-      if (sums_) add_up(row);
+      if constexpr (copied) copy(row);
+      if constexpr (Reader::has_offset) add_up(row);
     }
   }
 
   const row_input<T>& view(uint64_t row = 0) const { return views_[row]; }
   uint32_t units() const { return units_; }
+  uint64_t stride() const { return groups_ * uint64_t{16 * lines}; }
 
  private:
   using lanes = simd<T, 16>;
   struct alignas(64) line {
     sycl::lane_of<T> lane[16];
   };
-  static constexpr unsigned lines = unit_elements / 16;  // of a unit
+  static constexpr bool paired = group_units<Reader, T> == 2;
+  static constexpr bool copied = paired || sizeof(T) == 2;
+  static constexpr unsigned lines = unit_elements / 16 * group_units<Reader, T>;  // of a group
 
-  void widen(uint64_t row) {
+  void copy(uint64_t row) {
     tiny_lanes<T> tiny;
-    const uint64_t first = row * units_ * lines;
-    for (uint64_t i = first; i < first + uint64_t{lines} * units_; ++i) {
-      const lanes x = lanes::load(input_ + 16 * i);
-      x.store_lanes(widened_[i].lane);
-      tiny.look_at(x);
+    const T* from = input_ + row * units_ * unit_elements;
+    line* to = &lines_[row * groups_ * lines];
+    for (uint32_t g = 0; g < groups_; ++g, to += lines) {
+      lanes x[lines];
+      for (unsigned i = 0; i < lines; ++i) {  // a second unit that is not there counts as zeros
+        const uint32_t line_of_row = g * lines + i;
+        const bool there = !paired || line_of_row < units_ * (unit_elements / 16);
+        x[i] = there ? lanes::load(from + 16 * uint64_t{line_of_row}) : lanes::zero();
+        tiny.look_at(x[i]);
+      }
+      if constexpr (paired) arrange(x);
+      for (unsigned i = 0; i < lines; ++i) x[i].store_lanes(to[i].lane);
     }
     views_[row].pairable = !tiny.any();
   }
 
+  // Lines of two units become those of their words' nibbles: line 2 i + r from element 32 r + i on, every fourth one.
+  static CORVANE_INLINE void arrange(lanes (&x)[lines]) {
+    sycl::f32x16 every_fourth[lines];
+    const auto even = [](sycl::f32x16 p, sycl::f32x16 q) {
+      return sycl::as_float(sycl::even_lanes(sycl::as_int(p), sycl::as_int(q)));
+    };
+    const auto odd = [](sycl::f32x16 p, sycl::f32x16 q) {
+      return sycl::as_float(sycl::odd_lanes(sycl::as_int(p), sycl::as_int(q)));
+    };
+    for (unsigned r = 0; r < 2; ++r) {
+      const sycl::f32x16 a = x[2 * r].r[0], b = x[2 * r + 1].r[0], c = x[4 + 2 * r].r[0], d = x[5 + 2 * r].r[0];
+      const sycl::f32x16 even_low = even(a, b), odd_low = odd(a, b), even_high = even(c, d), odd_high = odd(c, d);
+      every_fourth[r] = even(even_low, even_high), every_fourth[2 + r] = even(odd_low, odd_high);
+      every_fourth[4 + r] = odd(even_low, even_high), every_fourth[6 + r] = odd(odd_low, odd_high);
+    }
+    for (unsigned i = 0; i < lines; ++i) x[i].r[0] = every_fourth[i];
+  }
+
   void add_up(uint64_t row) {
-    for (uint32_t u = 0; u < units_; ++u) {
-      const sycl::lane_of<T>* x = views_[row].lanes + uint64_t{unit_elements} * u;
-      const lanes low = lanes::load_lanes(x) + lanes::load_lanes(x + 16);
-      const lanes high = lanes::load_lanes(x + 32) + lanes::load_lanes(x + 48);
-      (low + high).store_lanes(sums_[row * units_ + u].lane);
+    for (uint32_t g = 0; g < groups_; ++g) {
+      const sycl::lane_of<T>* x = views_[row].lanes + uint64_t{16 * lines} * g;
+      lanes sum = lanes::zero();
+      for (unsigned i = 0; i < lines; i += 4) {
+        const lanes low = lanes::load_lanes(x + 16 * i) + lanes::load_lanes(x + 16 * i + 16);
+        const lanes high = lanes::load_lanes(x + 16 * i + 32) + lanes::load_lanes(x + 16 * i + 48);
+        sum = i == 0 ? low + high : sum + (low + high);
+      }
+      sum.store_lanes(sums_[row * groups_ + g].lane);
     }
   }
 
   const T* input_;
   uint32_t units_;
-  std::unique_ptr<line[]> widened_, sums_;
+  uint64_t groups_;
+  std::unique_ptr<line[]> lines_, sums_;
   std::vector<row_input<T>> views_;
 };
 

@@ -96,6 +96,10 @@ CORVANE_INLINE void store_past_caches(const V& x, void* to) {
 }
 
 CORVANE_INLINE f32x16 splat(float x) { return x - f32x16{}; }  // a sum with 0 would lose the sign of -0
+CORVANE_INLINE f32x16 splat_halves(float low, float high) {    // each in eight lanes
+  using f32x8 = float __attribute__((vector_size(32)));
+  return __builtin_shufflevector(low - f32x8{}, high - f32x8{}, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+}
 CORVANE_INLINE i32x16 splat(std::int32_t x) { return i32x16{} + x; }
 CORVANE_INLINE f32x16 as_float(i32x16 bits) { return (f32x16)bits; }
 CORVANE_INLINE i32x16 as_int(f32x16 x) { return (i32x16)x; }
