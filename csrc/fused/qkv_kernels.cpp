@@ -110,16 +110,8 @@ void project_units(const kernel_launch& how, const T* input, const projection_ar
   launch_row_pairs(
       how, a, device, [&row] { row.prepare(); },
       [&](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2][1]) {
-        const uint32_t first[2] = {pair.row * units, pair.partner() * units};
-        if constexpr (rows_together<T> == 2) {
-          const row_list<2> rows{{first[0], first[1]}, pair.step() * units};
-          dots(row.view(), 0, planes[m], rows, units, reinterpret_cast<simd<T, 16>(&)[1][2]>(sums));
-        } else {
-          for (unsigned r = 0; r < 2; ++r) {
-            dots(row.view(), 0, planes[m], row_list<1>{{first[r]}, units_ahead<reader>}, units,
-                 reinterpret_cast<simd<T, 16>(&)[1][1]>(sums[r]));
-          }
-        }
+        const row_list<2> rows{{pair.row * units, pair.partner() * units}, pair.step() * units};
+        dots(row.view(), 0, planes[m], rows, units, reinterpret_cast<simd<T, 16>(&)[1][2]>(sums));
       });
 }
 

@@ -6,32 +6,25 @@
 #include <cstdint>
 
 #include "linear/row_input.hpp"
-#include "platform/sycl/tuning.hpp"
 
 namespace corvane {
 
-// Weight rows that a kernel of one input row walks side by side.
-template <class T>
-constexpr unsigned rows_together = sycl::tuning::rows_side_by_side<T>;
+constexpr unsigned rows_together = 2;  // weight rows that a fused kernel or a small batch walks side by side
 
-// Which rows are read together, and how far ahead of them lies what is asked for meanwhile: by itself the processor
-// foresees too little.
+// Which rows are read together, and how far ahead of them the next ones lie, which are asked for meanwhile: of several
+// streams the processor loses track by itself.
 template <unsigned Rows>
 struct row_list {
   uint32_t first_unit[Rows];  // unit of each row's first element
-  uint32_t ahead;             // units
+  uint32_t ahead;             // units from a row to the one that takes its place next
 };
-
-// Of one row at a time a stream is read in order, and asked for so far ahead.
-template <class Reader>
-constexpr uint32_t units_ahead = sycl::tuning::prefetch_distance / registry[Reader::id].block_bytes;
 
 // Neighbouring rows of `units` units, from first_row on. A row past the end reads the last row again, so that nothing
 // beyond the weight is touched; it is not written.
-template <class Reader, unsigned Rows>
+template <unsigned Rows>
 CORVANE_INLINE row_list<Rows> rows_from(uint64_t first_row, uint64_t output_size, uint32_t units) {
   row_list<Rows> rows;
-  rows.ahead = Rows == 1 ? units_ahead<Reader> : Rows * units;
+  rows.ahead = Rows * units;
   for (unsigned r = 0; r < Rows; ++r) {
     rows.first_unit[r] = static_cast<uint32_t>(std::min(first_row + r, output_size - 1)) * units;
   }
@@ -47,7 +40,7 @@ void row_dots(const row_input<T>& input, uint64_t stride, const typename Reader:
 
 template <class Reader, class T>
 using row_dots_function = void (*)(const row_input<T>&, uint64_t, const typename Reader::planes&,
-                                   const row_list<rows_together<T>>&, uint32_t, simd<T, 16> (&)[1][rows_together<T>]);
+                                   const row_list<rows_together>&, uint32_t, simd<T, 16> (&)[1][rows_together]);
 
 // row_dots of one input with the format's scales, for the fused kernels; null for a format of another row scheme.
 // Compiled with the format's one-row kernel.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "linear/row_dots.hpp"
+#include "platform/sycl/tuning.hpp"
 
 namespace corvane {
 

@@ -10,17 +10,17 @@
 namespace corvane {
 namespace {
 
-constexpr unsigned input_rows = 2, weight_rows = 2;  // of a work-group
+constexpr unsigned input_rows = 2;  // of a work-group
 
 // Up to sixteen weight rows from first_row on against `Inputs` input rows behind each other.
 template <unsigned Inputs, class Reader, class T>
 void multiply_rows(const prepared_row<Reader, T>& prepared, uint64_t first_input, const typename Reader::planes& planes,
                    uint64_t first_row, unsigned rows, uint64_t output_size, T* output) {
   const uint32_t units = prepared.units();
-  for_rows<T, Inputs, weight_rows>(
+  for_rows<T, Inputs, rows_together>(
       rows,
       [&](unsigned r, auto& sums) {
-        const auto list = rows_from<Reader, weight_rows>(first_row + r, output_size, units);
+        const auto list = rows_from<rows_together>(first_row + r, output_size, units);
         row_dots<Reader, Inputs>(prepared.view(first_input), prepared.stride(), planes, list, units, sums);
       },
       [&](const auto& totals) {
@@ -44,9 +44,9 @@ void multiply_batch(const kernel_launch& how, const T* input, const uint8_t* wei
   const auto prepare = [&prepared] { prepared.prepare(); };
   // Groups (g, h): the pairs of weight rows g and of input rows h, as far as they exist.
   const auto kernel = [&](const sycl::group_cluster<2>& groups) {
-    const uint64_t first_row = groups.first(0) * weight_rows, first_input = groups.first(1) * input_rows;
+    const uint64_t first_row = groups.first(0) * rows_together, first_input = groups.first(1) * input_rows;
     const auto count =
-        static_cast<unsigned>(std::min<uint64_t>(groups.count(0) * weight_rows, output_size - first_row));
+        static_cast<unsigned>(std::min<uint64_t>(groups.count(0) * rows_together, output_size - first_row));
     const uint64_t inputs = std::min<uint64_t>(rows - first_input, groups.count(1) * input_rows);
     const auto multiply = [&](auto inputs, uint64_t first) {
       multiply_rows<inputs>(prepared, first, planes, first_row, count, output_size, output);
@@ -68,7 +68,7 @@ void multiply_batch(const kernel_launch& how, const T* input, const uint8_t* wei
     }
   };
   // The last dimension runs fastest: clusters of the same weight rows follow each other, and find them in the cache.
-  const std::array<std::size_t, 2> cluster{tree_rows / weight_rows, rows > input_rows ? together / input_rows : 1};
+  const std::array<std::size_t, 2> cluster{tree_rows / rows_together, rows > input_rows ? together / input_rows : 1};
   launch<2>(device, where, {{(output_size + 1) / 2 * how.sizes.work_group, (rows + 1) / 2}, {how.sizes.work_group, 1}},
             sycl::sub_group_size{how.sizes.sub_group},
             sycl::prepared_kernel{prepare, sycl::cluster_kernel<2, decltype(kernel)>{cluster, kernel}});
