@@ -89,6 +89,7 @@ struct fp6_reader {
   static constexpr int32_t id = qtype_fp6;
   static constexpr unsigned shared_scale = 64;
   static constexpr bool has_offset = false;
+  static constexpr bool decodes_slowly = true;
   static_assert(sizeof(block_fp6_32_ql) + sizeof(block_fp6_32_qh) + sizeof(Half) == registry[id].block_bytes,
                 "planes make up the block");
 
@@ -103,13 +104,15 @@ struct fp6_reader {
             weight + plane_offset(state_size, output_size, 64, sizeof(block_fp6_32_ql) + sizeof(block_fp6_32_qh))};
   }
 
+  template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) {
     const raw at = fetch(p, unit);
-    sycl::prefetch(at.low);
-    sycl::prefetch(at.high);
+    sycl::prefetch<To>(at.low);
+    sycl::prefetch<To>(at.high);
   }
+  template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch_scales(const planes& p, uint32_t unit) {
-    sycl::prefetch(p.scales + uint64_t{unit} * sizeof(Half));
+    sycl::prefetch<To>(p.scales + uint64_t{unit} * sizeof(Half));
   }
 
   using raw = fp6_codes::raw;

@@ -91,11 +91,12 @@ struct fp6_k_reader {
     const sycl::f32x16 d = sycl::splat_half(p.scales + uint64_t{block} * sizeof(Half));
     return half_values_as<T>(detail::product_in<Half>(d, sc));
   }
+  template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
     const uint8_t* low = p.low + uint64_t{block} * low_bytes;
-    sycl::prefetch(low);
-    sycl::prefetch(low + 64);
-    sycl::prefetch(p.high + uint64_t{block} * high_bytes);
+    sycl::prefetch<To>(low);
+    sycl::prefetch<To>(low + 64);
+    sycl::prefetch<To>(p.high + uint64_t{block} * high_bytes);
   }
 };
 

@@ -27,9 +27,13 @@ struct q4_1_reader : nibble_codes<q4_1_values, false> {
     return {weight, weight + plane_offset(state_size, output_size, 64, sizeof(block_q4_0_qs))};
   }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
+  template <sycl::cache_level To>
+  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) {
+    sycl::prefetch<To>(fetch(p, unit));
+  }
+  template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch_scales(const planes& p, uint32_t unit) {
-    sycl::prefetch(p.pairs + uint64_t{unit} * pair_bytes);
+    sycl::prefetch<To>(p.pairs + uint64_t{unit} * pair_bytes);
   }
 
   using raw = const uint8_t*;

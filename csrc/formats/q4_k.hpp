@@ -98,10 +98,11 @@ struct q4_k_reader {
   static CORVANE_INLINE simd<T, 16> chunk_offset(const planes& p, uint32_t block) {
     return simd<T, 16>::exact(sycl::lookup16(block_factors<T>(p, block), even_twice + 1));
   }
+  template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
     const uint8_t* qs = p.codes + uint64_t{block} * sizeof(block_q4_K_qs);
-    sycl::prefetch(qs);
-    sycl::prefetch(qs + 64);
+    sycl::prefetch<To>(qs);
+    sycl::prefetch<To>(qs + 64);
   }
 
  private:

@@ -41,7 +41,10 @@ struct q5_reader {
 
   static planes locate(const uint8_t* weight, uint64_t, uint64_t) { return {weight}; }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
+  template <sycl::cache_level To>
+  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) {
+    sycl::prefetch<To>(fetch(p, unit));
+  }
 
   using raw = const uint8_t*;
   static CORVANE_INLINE raw fetch(const planes& p, uint32_t unit) {

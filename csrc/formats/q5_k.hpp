@@ -30,6 +30,7 @@ struct q5_k_reader {
   static constexpr int32_t id = qtype_q5_k;
   static constexpr unsigned shared_scale = 32;
   static constexpr bool has_offset = true;
+  static constexpr bool decodes_slowly = true;
   static_assert(sizeof(block_q5_K) == registry[id].block_bytes, "the struct is the block");
 
   struct planes {
@@ -128,9 +129,10 @@ struct q5_k_reader {
     static_assert(std::is_same_v<T, float>, "the minimums of q5_k enter in float");
     return simd<T, 16>::exact(sycl::lookup16(block_factors(p, block), each_twice + 8));
   }
+  template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
     const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
-    for (unsigned line = 0; line < sizeof(block_q5_K); line += 64) sycl::prefetch(at + line);
+    for (unsigned line = 0; line < sizeof(block_q5_K); line += 64) sycl::prefetch<To>(at + line);
   }
 
  private:

@@ -118,11 +118,12 @@ struct q6_k_reader {
     const sycl::f32x16 d = sycl::splat_half(p.scales + uint64_t{block} * sizeof(Half));
     return simd<T, 16>::exact(detail::product_in<T>(d, sc));
   }
+  template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
     const uint8_t* low = p.low + uint64_t{block} * sizeof(block_q6_K_ql);
-    sycl::prefetch(low);
-    sycl::prefetch(low + 64);
-    sycl::prefetch(p.high + uint64_t{block} * sizeof(block_q6_K_qh));
+    sycl::prefetch<To>(low);
+    sycl::prefetch<To>(low + 64);
+    sycl::prefetch<To>(p.high + uint64_t{block} * sizeof(block_q6_K_qh));
   }
 };
 

@@ -25,9 +25,13 @@ struct two_planes {
     return {weight, weight + plane_offset(state_size, output_size, 64, sizeof(Codes))};
   }
 
-  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) { sycl::prefetch(fetch(p, unit)); }
+  template <sycl::cache_level To>
+  static CORVANE_INLINE void prefetch(const planes& p, uint32_t unit) {
+    sycl::prefetch<To>(fetch(p, unit));
+  }
+  template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch_scales(const planes& p, uint32_t unit) {
-    sycl::prefetch(p.scales + uint64_t{unit} * sizeof(Scale));
+    sycl::prefetch<To>(p.scales + uint64_t{unit} * sizeof(Scale));
   }
 
   using raw = const uint8_t*;

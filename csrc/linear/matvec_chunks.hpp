@@ -171,20 +171,24 @@ void matvec_chunks(const kernel_launch& how, const T* input, const uint8_t* weig
   const auto prepare = [&] {
     for (uint32_t b = 0; b < blocks; ++b) Product::stage(input + detail::super_block_elements * b, staged[b]);
   };
-  const auto dot = [&, input = staged.get()](uint64_t first_row, sum(&sums)[together]) {
+  const auto dot = [planes, blocks, output_size, input = staged.get()](uint64_t first_row, sum(&sums)[together]) {
     uint32_t first_block[together];
+    sum total[together];  // of this row's own: what is stored through a reference, bytes read later may be
     // A row past the end reads the last row again, so that nothing beyond the weight is touched; it is not written.
     for (unsigned r = 0; r < together; ++r) {
       first_block[r] = static_cast<uint32_t>(std::min(first_row + r, output_size - 1)) * blocks;
+      total[r] = sums[r];
     }
     for (uint32_t b = 0; b < blocks; ++b) {
       uint32_t block[together];
       for (unsigned r = 0; r < together; ++r) {
         block[r] = first_block[r] + b;
-        reader::prefetch_block(planes, block[r] + together * blocks);  // of the rows that come next
+        // Of the rows that come next.
+        reader::template prefetch_block<prefetch_level<reader, T>>(planes, block[r] + together * blocks);
       }
-      Product::add_blocks(input[b], planes, block, sums);
+      Product::add_blocks(input[b], planes, block, total);
     }
+    for (unsigned r = 0; r < together; ++r) sums[r] = total[r];
   };
   launch_rows(device, {linear_source, how.name}, how.sizes, output_size, prepare,
               [&](uint64_t first_row, unsigned rows) {

@@ -77,8 +77,11 @@ CORVANE_INLINE Integer load_integer(const void* from) {
 }
 
 // A hint that the cache line at `to` will be read; any address is harmless.
-// Into the second-level cache: the first is too small for what is asked for thousands of bytes ahead.
-CORVANE_INLINE void prefetch(const void* to) { __builtin_prefetch(to, 0, 2); }
+enum class cache_level { first, second };
+template <cache_level To = cache_level::second>
+CORVANE_INLINE void prefetch(const void* to) {
+  __builtin_prefetch(to, 0, To == cache_level::first ? 3 : 2);
+}
 
 // One register to memory past the caches, for what is larger than they are; `to` is a multiple of 64. Other threads see
 // it once the piece of the loop is done (parallel.cpp).
