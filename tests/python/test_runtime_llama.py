@@ -229,13 +229,13 @@ def test_prompt_in_one_call_agrees_with_token_by_token(model_path, dense):
 @pytest.mark.parametrize("prompt_dtype", [torch.float32, torch.bfloat16])
 def test_long_prompt_is_read_in_pieces_of_its_own_dtype(model_path, prompt_dtype):
     model = load_gguf(model_path, "q5_0").prepare(prompt_dtype=prompt_dtype)
-    tokens = [n * 7 % model.config.vocabulary for n in range(70)]  # a whole piece and another
-    expected = model.prepare(many_rows=False).forward(tokens, model.new_cache(70), last_only=False)
-    got = model.prepare(prompt_dtype=prompt_dtype).forward(tokens, model.new_cache(70), last_only=False)
+    tokens = [n * 7 % model.config.vocabulary for n in range(270)]  # a whole piece and another
+    expected = model.prepare(many_rows=False).forward(tokens, model.new_cache(270), last_only=False)
+    got = model.prepare(prompt_dtype=prompt_dtype).forward(tokens, model.new_cache(270), last_only=False)
     exact = prompt_dtype == torch.float32
     assert_close(got.cpu(), expected.cpu(), FLOAT_TOLERANCE if exact else 8 * 15**0.5 * 512**0.5 * 2.0**-8)
     assert exact or not torch.equal(got, expected)
-    assert_close(model.forward(tokens, model.new_cache(70)).cpu(), got[-1:].cpu(), FLOAT_TOLERANCE)  # the last alone
+    assert_close(model.forward(tokens, model.new_cache(270)).cpu(), got[-1:].cpu(), FLOAT_TOLERANCE)  # the last alone
 
 
 def test_cache_too_small_is_refused(dense):

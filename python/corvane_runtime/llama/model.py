@@ -20,8 +20,9 @@ from ..device import DEVICE, corvane, is_class_with_grid_mlp, to_device
 from ..linear import PackedLinear
 from ..tokenizer import ChatTokenizer
 
-# Prompts are read in pieces of as many rows as the systolic kernels take, from so many rows on in the type of its own.
-PROMPT_ROWS, FEWEST_PROMPT_ROWS = 64, 8
+# Prompts are read in pieces of so many rows, and from so many on in a type of their own. In bfloat16 the time of a row falls
+# up to some 256; attention would rather have fewer.
+PROMPT_ROWS, FEWEST_PROMPT_ROWS = 256, 8
 BLOCK_FORMATS_FUSED = frozenset({"q4_0", "fp4", "fp6", "fp8_e5m2"})  # with a fused kernel on every device class
 # The fused projection takes iq2_xxs as well, with the value weight in q2_k.
 FUSED_QKV_FORMATS = BLOCK_FORMATS_FUSED | {"iq2_xxs"}
