@@ -1,5 +1,4 @@
-// The Python module bench_memory: reading and filling memory and multiplying on all cores, the measures that kernels are
-// held against.
+// The Python module bench_memory: reads, fills and multiplies on all cores: the measures that kernels are held against.
 #include <pybind11/pybind11.h>
 
 #include <array>
