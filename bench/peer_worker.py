@@ -149,10 +149,10 @@ def speeds(engine: LlamaCpp | Corvane, prompt: list[int], following: list[int]) 
 
 
 def likeliest(engine: LlamaCpp | Corvane, prompt: list[int]) -> list[int]:
-    """The twenty tokens that the engine holds for likeliest after the prompt."""
+    """The hundred tokens that the engine holds for likeliest after the prompt."""
     engine.begin()
     engine.feed(prompt)
-    return engine.logits().argsort()[-20:].tolist()
+    return engine.logits().argsort()[-100:].tolist()
 
 
 def main() -> None:
