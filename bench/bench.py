@@ -7,7 +7,6 @@ from __future__ import annotations
 
 import argparse
 import json
-import subprocess
 
 import bench_memory
 import corvane
@@ -15,7 +14,7 @@ import host_xpu
 import numpy as np
 import torch
 from layer import Layer
-from measure import Timing, alternate, timing_of
+from measure import Timing, alternate, commit, processor_name, timing_of
 from reference.formats import decode
 from reference.random_weights import random_weight
 from reference.registry import FORMATS
@@ -214,12 +213,6 @@ def bench_fused() -> None:
             report("fused", f"layer, {dtype_name}, {name}", times[name], against, layers[0].bytes / 1e9)
 
 
-def processor_name() -> str:
-    with open("/proc/cpuinfo") as file:
-        names = [line.split(":", 1)[1].strip() for line in file if line.startswith("model name")]
-    return names[0] if names else "unknown processor"
-
-
 SECTIONS = {
     "call": bench_call,
     "one-row": bench_one_row,
@@ -242,8 +235,7 @@ def main() -> None:
     arguments = parser.parse_args()
     selected[:] = arguments.formats
     torch.set_num_threads(bench_memory.threads())
-    commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], capture_output=True, text=True).stdout.strip()
-    about = {"commit": commit, "device": host_xpu.device_name(), "processor_name": processor_name(),
+    about = {"commit": commit(), "device": host_xpu.device_name(), "processor_name": processor_name(),
              "threads": bench_memory.threads(), "shape": [N, K],
              "rounds": max(1, arguments.rounds)}  # fmt: skip
     print(" ".join(f"{key} {value}" for key, value in about.items()))

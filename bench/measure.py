@@ -1,8 +1,9 @@
-"""Timing for the benchmarks: candidates in alternation, medians with their spread."""
+"""Timing for the benchmarks: candidates in alternation, medians with their spread; and what was measured where."""
 
 from __future__ import annotations
 
 import statistics
+import subprocess
 import time
 from collections.abc import Callable
 from typing import NamedTuple
@@ -40,3 +41,19 @@ def alternate(
         if i >= 5 and time.perf_counter() - start > seconds:
             break
     return {name: timing_of(times) for name, times in taken.items()}
+
+
+def commit() -> str:
+    return subprocess.run(["git", "rev-parse", "--short", "HEAD"], capture_output=True, text=True).stdout.strip()
+
+
+def processor_name() -> str:
+    with open("/proc/cpuinfo") as file:
+        names = [line.split(":", 1)[1].strip() for line in file if line.startswith("model name")]
+    return names[0] if names else "unknown processor"
+
+
+def table(head: list[str], rows: list[list[str]]) -> str:
+    """In Markdown."""
+    lines = [head, ["---"] * len(head), *rows]
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines)

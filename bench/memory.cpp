@@ -1,12 +1,14 @@
-// The Python module bench_memory: reading and filling memory on all cores, the measures that kernels are held against.
+// The Python module bench_memory: reads, fills and multiplies on all cores: the measures that kernels are held against.
 #include <pybind11/pybind11.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
 
 #include "platform/sycl/parallel.hpp"
 #include "platform/sycl/simd.hpp"
+#include "platform/sycl/systolic.hpp"
 
 namespace {
 
@@ -38,11 +40,37 @@ void fill_all(uint64_t address, size_t bytes) {
   host::parallel_for(bytes, piece, [&](size_t begin, size_t end) { std::memset(data + begin, 0x3C, end - begin); });
 }
 
+// Products of BFloat16 pairs between registers, `multiply_adds` in all; returns a sum that depends on all of them.
+float multiply_pairs(uint64_t multiply_adds) {
+  constexpr unsigned chains = 12, steps = 4096;  // enough sums under way that no product waits for the one before
+  static const auto starts = [] {
+    std::array<float, 16 * chains> values;
+    for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(i);
+    return values;
+  }();
+  std::atomic<float> total{0};
+  host::parallel_for(multiply_adds / (32 * chains * steps), 16, [&](size_t begin, size_t end) {
+    const sycl::i32x16 ones = sycl::i32x16{} + 0x3F803F80;
+    const auto a = sycl::load_once<sycl::i32x16>(&ones), b = sycl::load_once<sycl::i32x16>(&ones);
+    sycl::f32x16 sums[chains];
+    for (unsigned c = 0; c < chains; ++c) sums[c] = sycl::load_once<sycl::f32x16>(&starts[16 * c]);
+    for (size_t i = begin * steps; i < end * steps; ++i) {
+      for (unsigned c = 0; c < chains; ++c) sums[c] = sycl::multiply_add_pairs_flushing(a, b, sums[c]);
+    }
+    float sum = 0;
+    for (unsigned c = 0; c < chains; ++c) sum += sums[c][0];
+    total += sum;
+  });
+  return total;
+}
+
 }  // namespace
 
 PYBIND11_MODULE(bench_memory, module) {
-  module.doc() = "Plain reading and filling of memory, on all cores, for comparison with kernels.";
+  module.doc() = "Plain reading and filling of memory and multiplying, on all cores, for comparison with kernels.";
   module.def("read", &read_all, "read(address: int, bytes: int) -> int\n\nReads the bytes once.");
   module.def("fill", &fill_all, "fill(address: int, bytes: int)\n\nWrites the bytes once.");
+  module.def("multiply_pairs", &multiply_pairs,
+             "multiply_pairs(multiply_adds: int) -> float\n\nMultiplies pairs of BFloat16 and adds them in float.");
   module.def("threads", &host::concurrency, "threads() -> int\n\nCores that the device uses.");
 }

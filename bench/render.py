@@ -1,4 +1,4 @@
-"""Writes the measurements of `scripts/bench.sh --json FILE` into docs/performance.md, and draws its plot.
+"""Writes the measurements of `scripts/bench.sh [--peers] --json FILE` into docs/performance.md, and draws its plot.
 
 Usage: .venv/bin/python bench/render.py FILE
 """
@@ -13,15 +13,12 @@ import matplotlib
 
 matplotlib.use("Agg")
 from matplotlib import pyplot  # noqa: E402
+from measure import table  # noqa: E402
+from peers import about_line, model_table, product_table  # noqa: E402
 
 DOCS = Path(__file__).resolve().parents[1] / "docs"
 PAGE, PLOT = DOCS / "performance.md", DOCS / "performance.png"
 DTYPES = ("float", "half", "bfloat16", "double")
-
-
-def table(head: list[str], rows: list[list[str]]) -> str:
-    lines = [head, ["---"] * len(head), *rows]
-    return "\n".join("| " + " | ".join(line) + " |" for line in lines)
 
 
 def milliseconds(row: dict) -> str:
@@ -103,16 +100,17 @@ def plot(rows: dict[str, dict]) -> None:
     figure.savefig(PLOT, dpi=110)
 
 
-def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("file", type=Path)
-    measured = json.loads(parser.parse_args().file.read_text())
-    sections: dict[str, dict[str, dict]] = {}
-    for row in measured["rows"]:
-        sections.setdefault(row["section"], {})[row["name"]] = row
-    about = measured["about"]
+def peer_parts(measured: dict) -> dict[str, str]:
+    return {
+        "peers": about_line(measured),
+        "peer products": product_table(measured["products"]),
+        "peer models": model_table(measured["models"]),
+    }
+
+
+def kernel_parts(about: dict, sections: dict[str, dict[str, dict]]) -> dict[str, str]:
     speeds = [row["gigabytes"] * row["against"]["read"] / row["median"] for row in sections["one-row"].values()]
-    parts = {
+    return {
         "about": f"Commit {about['commit']}, {about['processor_name']}, {about['threads']} threads, "
         f"device name \"{about['device']}\", {about['rounds']} rounds. "
         f"The plain read of one row's bytes ran at {min(speeds):.0f} to {max(speeds):.0f} GB/s: the ratios to it move with it.",
@@ -122,13 +120,26 @@ def main() -> None:
         "fused": fused(sections["fused"]),
         "linear": linear(sections["linear"]),
     }
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("file", type=Path)
+    measured = json.loads(parser.parse_args().file.read_text())
+    if "models" in measured:
+        parts = peer_parts(measured)
+    else:
+        sections: dict[str, dict[str, dict]] = {}
+        for row in measured["rows"]:
+            sections.setdefault(row["section"], {})[row["name"]] = row
+        parts = kernel_parts(measured["about"], sections)
+        plot(sections["one-row"])
     page = PAGE.read_text()
     for name, text in parts.items():
         begin, end = f"<!-- {name} -->", f"<!-- end of {name} -->"
         before, rest = page.split(begin)
         page = f"{before}{begin}\n{text}\n{end}{rest.split(end)[1]}"
     PAGE.write_text(page)
-    plot(sections["one-row"])
 
 
 if __name__ == "__main__":

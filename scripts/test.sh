@@ -22,6 +22,7 @@ case $mode in
 esac
 
 . scripts/device_names.sh
+. scripts/make_environment.sh
 
 scripts/setup.sh
 failures=0
@@ -77,18 +78,9 @@ test_sanitize() {
   python_environment=()
 }
 
-make_environment() {  # <folder> <interpreter> <requirements>: with PyPI's PyTorch
-  sha256sum --check --status "$1/requirements.sum" 2>/dev/null && return
-  echo "test: making $1: some 5 GB"
-  rm -rf "$1"
-  "$2" -m venv "$1"
-  "$1/bin/python" -m pip install --quiet --disable-pip-version-check -r "$3"
-  sha256sum "$3" >"$1/requirements.sum"
-}
-
 test_torch() {
   local environment=build/torch-venv
-  make_environment "$environment" /usr/bin/python3 requirements-torch.txt
+  make_environment "$environment" /usr/bin/python3 requirements-torch.txt "some 5 GB"
   python=$environment/bin/python
   test_build torch build/torch 1 3
   run "torch: wheel in a fresh environment" scripts/test_package.sh "$environment"
@@ -103,7 +95,7 @@ test_pythons() {
     done
     [[ -n $interpreter ]] || continue
     environment=build/python$version-venv
-    make_environment "$environment" "$interpreter" requirements-torch.txt
+    make_environment "$environment" "$interpreter" requirements-torch.txt "some 5 GB"
     run "Python $version: wheel in a fresh environment" scripts/test_package.sh "$environment"
   done
 }
