@@ -104,6 +104,7 @@ void sysdot_groups(const sycl::group_cluster<2>& groups, const sysdot_args<IT, W
     at.scales[i] = a.scale + block * scale_bytes(a.qtype);
   }
 
+  const uint64_t threads_at_work = row_blocks == 0 ? 0 : (row_blocks + a.blocks_per_thread - 1) / a.blocks_per_thread;
   // For each row, the partial sums of the 8 threads over all columns.
   sycl::local_array<RT, cluster_rows * sysdot_threads * tile_columns> partial(groups);
   const auto slot = [&](unsigned row, unsigned thread, unsigned strip) {
@@ -113,6 +114,7 @@ void sysdot_groups(const sycl::group_cluster<2>& groups, const sysdot_args<IT, W
   groups.for_each_item([&](uint32_t t) {
     const uint64_t start = std::min(t * a.blocks_per_thread, row_blocks);
     const uint64_t end = std::min((t + 1) * a.blocks_per_thread, row_blocks);
+    if (start == end) return;  // its sums are zeros, which change nothing
     alignas(64) float running[cluster_rows][tile_columns];
     std::memset(running, 0, sizeof(running[0]) * tile_rows * tiles);
     for (uint64_t b = start; b < end; ++b) {
@@ -136,7 +138,7 @@ void sysdot_groups(const sycl::group_cluster<2>& groups, const sysdot_args<IT, W
       const unsigned row = tile * tile_rows + t;
       for (unsigned s = 0; 16 * s < columns; ++s) {
         auto sum = sycl::simd<RT, 16>::zero();
-        for (unsigned u = 0; u < sysdot_threads; ++u) sum = sum + sycl::simd<RT, 16>::load(slot(row, u, s));
+        for (unsigned u = 0; u < threads_at_work; ++u) sum = sum + sycl::simd<RT, 16>::load(slot(row, u, s));
         IT result[16];
         sycl::simd<IT, 16>::exact(sum.r[0]).store(result);
         std::memcpy(static_cast<void*>(a.output + (first_row + row) * a.output_size + first_column + 16 * s), result,
