@@ -90,12 +90,17 @@ CORVANE_INLINE i32x16 add_products(i32x16 sum, u8x64 a, u8x64 b) {
 #elif defined(CORVANE_AVX512)
   const __m512i pairs = _mm512_maddubs_epi16((__m512i)a, (__m512i)b);
   return sum + (i32x16)_mm512_madd_epi16(pairs, _mm512_set1_epi16(1));
-#else
+#elif defined(CORVANE_AVX2)
   const auto four = [](__m256i x, __m256i y) {
     return _mm256_madd_epi16(_mm256_maddubs_epi16(x, y), _mm256_set1_epi16(1));
   };
   const auto x = detail::split(&a), y = detail::split(&b);
   return sum + detail::join<i32x16>(four(x.low, y.low), four(x.high, y.high));
+#else
+  for (int place = 0; place < 32; place += 8) {
+    sum += ((i32x16)a >> place & 0xFF) * ((i32x16)b << (24 - place) >> 24);
+  }
+  return sum;
 #endif
 }
 

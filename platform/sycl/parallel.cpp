@@ -1,6 +1,5 @@
 #include "platform/sycl/parallel.hpp"
 
-#include <emmintrin.h>
 #include <tbb/blocked_range.h>
 #include <tbb/info.h>
 #include <tbb/parallel_for.h>
@@ -16,6 +15,9 @@
 #include "platform/sycl/other_pools.hpp"
 #include "platform/sycl/workers.hpp"
 
+#ifdef __x86_64__
+#include <emmintrin.h>
+#endif
 #ifdef __SANITIZE_THREAD__
 #include <sanitizer/tsan_interface.h>
 #endif
@@ -79,7 +81,11 @@ class help_wanted {
 };
 
 // Stores past the caches (vector_types.hpp) are not ordered with what tells other threads that a piece is done.
-void finish_stores() { _mm_sfence(); }
+void finish_stores() {
+#ifdef __x86_64__
+  _mm_sfence();
+#endif
+}
 
 using clock = std::chrono::steady_clock;
 

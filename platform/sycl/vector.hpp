@@ -1,14 +1,19 @@
 // Vectors below any notion of rounding: loads, widening, table look-ups, shuffles.
 //
-// GCC's vector types throughout; where there is an instruction for a step that GCC would not find, it is named. The
-// processor has at least AVX2, FMA, F16C and BMI2 (x86-64-v3).
+// GCC's vector types throughout; where AVX-512 or AVX2 has an instruction for a step that GCC would not find, it is
+// named. Any other processor gets what GCC makes of the vectors.
 #pragma once
 
 #include "platform/sycl/vector_types.hpp"
 #ifdef CORVANE_AVX512
 #include "platform/sycl/vector_avx512.hpp"
 #else
+#ifdef CORVANE_AVX2
 #include "platform/sycl/vector_avx2.hpp"
+#else
+#include "platform/sycl/vector_portable.hpp"
+#endif
+#include "platform/sycl/vector_loops.hpp"
 #endif
 
 namespace sycl {
@@ -64,7 +69,15 @@ CORVANE_INLINE i32x16 odd_lanes(i32x16 a, i32x16 b) {
 }
 
 // The lowest bits of the number, in order, where the mask has its bits set.
-CORVANE_INLINE std::uint64_t deposit_bits(std::uint64_t bits, std::uint64_t mask) { return _pdep_u64(bits, mask); }
+CORVANE_INLINE std::uint64_t deposit_bits(std::uint64_t bits, std::uint64_t mask) {
+#ifdef __BMI2__
+  return _pdep_u64(bits, mask);
+#else
+  std::uint64_t deposited = 0;
+  for (; mask != 0; mask &= mask - 1, bits >>= 1) deposited |= (bits & 1) != 0 ? mask & -mask : 0;
+  return deposited;
+#endif
+}
 
 CORVANE_INLINE u16x32 join(u16x16 low, u16x16 high) {
   return __builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20,

@@ -3,7 +3,9 @@
 
 #include <c10/util/BFloat16.h>
 #include <c10/util/Half.h>
+#ifdef __x86_64__
 #include <immintrin.h>
+#endif
 
 #include <cstdint>
 #include <cstring>
@@ -15,6 +17,8 @@
 #ifdef __AVX512VNNI__
 #define CORVANE_AVX512_VNNI 1
 #endif
+#elif defined(__AVX2__) && defined(__FMA__) && defined(__F16C__)
+#define CORVANE_AVX2 1
 #endif
 
 namespace sycl {
@@ -94,11 +98,13 @@ CORVANE_INLINE void store_past_caches(const V& x, void* to) {
   static_assert(sizeof(V) == 64);
 #if defined(__AVX512F__)
   _mm512_stream_si512(static_cast<__m512i*>(to), (__m512i)x);
-#else
+#elif defined(__AVX2__)
   __m256i half[2];
   std::memcpy(half, &x, sizeof(x));
   _mm256_stream_si256(static_cast<__m256i*>(to), half[0]);
   _mm256_stream_si256(static_cast<__m256i*>(to) + 1, half[1]);
+#else
+  std::memcpy(to, &x, sizeof(x));
 #endif
 }
 
