@@ -8,7 +8,7 @@ from host_xpu import _device
 
 try:
     from host_xpu import _levels
-except ModuleNotFoundError:  # built for one processor
+except ImportError:  # built for one processor: of another build it is loaded before this
     _levels = None
 
 
