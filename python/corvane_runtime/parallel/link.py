@@ -1,0 +1,143 @@
+"""The exchanges of a model that several processes share: sums, gathered pieces, and the best of each one's candidates.
+
+They go through a group of torch.distributed. Memory of the device is the host's, so a backend that takes tensors of the
+CPU gets a view of it: nothing is copied before it is sent.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import ctypes
+import json
+import socket
+from collections.abc import Mapping, Sequence
+from datetime import timedelta
+
+import torch
+import torch.distributed as dist
+
+from ..device import DEVICE, host_xpu
+from ..weights import ModelError
+from .watch import Watch
+
+HOST_BACKENDS = ("gloo", "mpi", "ucc")
+TICK = timedelta(seconds=0.5)  # after so long a wait looks whether another process is gone
+
+
+class GroupFault(RuntimeError):
+    """A process of the group has ended or does not answer; the text names its rank."""
+
+
+class Link:
+    """What a process has in common with the others of a group.
+
+    Attributes: `rank` and `count` of the group; `sums`, `gathers` and `payload`, the exchanges made so far and the bytes
+    of this process's tensors that went into them.
+    """
+
+    def __init__(self, group: dist.ProcessGroup | None = None) -> None:
+        """`group`: None for the default one. RuntimeError: torch.distributed is not initialised."""
+        engine = dist.distributed_c10d
+        self.group = engine._get_default_group() if group is None else group
+        self.rank, self.count = dist.get_rank(self.group), dist.get_world_size(self.group)
+        self.on_host = any(name in dist.get_backend(self.group) for name in HOST_BACKENDS)
+        self.device = torch.device("cpu") if self.on_host else DEVICE
+        self.watch: Watch | None = None
+        self.sums = self.gathers = self.payload = 0
+        self.names = [f"rank {rank} on {host}" for rank, host in enumerate(self.texts(socket.gethostname()))]
+        watch = Watch(engine._pg_map[self.group][1], self.rank, self.names, limit_of(self.group))
+        watch.tell("0")
+        self.texts("told")  # nobody looks for signs that are not there yet
+        watch.start()
+        self.watch = watch
+        self.sums = self.gathers = self.payload = 0
+
+    def sum(self, values: torch.Tensor) -> torch.Tensor:
+        """The sum over the processes: in place for contiguous float and double, anew for others, which go as float."""
+        if values.dtype not in (torch.float32, torch.float64) or not values.is_contiguous():
+            return self.sum(values.float().contiguous()).to(values.dtype)
+        self.sums += 1
+        self.payload += values.numel() * values.element_size()
+        self.finish(self.group.allreduce([self.sent(values)]))
+        return values
+
+    def gather(self, values: torch.Tensor, sizes: Sequence[int]) -> torch.Tensor:
+        """All processes' last dimensions side by side: (..., sizes[rank]) of each to (..., sum of sizes)."""
+        piece = values.new_zeros(*values.shape[:-1], max(sizes))
+        piece[..., : values.shape[-1]] = values
+        pieces = self.pieces(piece)
+        return torch.cat([part[..., :size] for part, size in zip(pieces, sizes, strict=True)], dim=-1)
+
+    def best(self, value: float, number: int) -> int:
+        """The number that belongs to the largest of all processes' values; of equal ones, that of the lowest rank."""
+        pairs = torch.stack(self.pieces(torch.tensor([value, number], dtype=torch.float64, device=self.device)))
+        return int(pairs[int(pairs[:, 0].argmax()), 1])
+
+    def pieces(self, own: torch.Tensor) -> list[torch.Tensor]:
+        """The tensors of all processes by rank, all of one shape and dtype."""
+        self.gathers += 1
+        self.payload += own.numel() * own.element_size()
+        found = [torch.empty_like(own) for _ in range(self.count)]
+        self.finish(self.group.allgather([[self.sent(piece) for piece in found]], [self.sent(own)]))
+        return found
+
+    def texts(self, own: str) -> list[str]:
+        """A text of each process, by rank."""
+        data = own.encode()
+        lengths = [int(size) for size in self.pieces(torch.tensor([len(data)], device=self.device))]
+        padded = torch.zeros(max(lengths), dtype=torch.uint8)
+        padded[: len(data)] = torch.tensor(list(data), dtype=torch.uint8)
+        pieces = self.pieces(padded.to(self.device))
+        return [bytes(piece[:size].tolist()).decode() for piece, size in zip(pieces, lengths, strict=True)]
+
+    def agree(self, facts: Mapping[str, str]) -> None:
+        """Refuse a group whose processes differ in a fact, such as a version or a model. ModelError in all of them."""
+        found = [json.loads(text) for text in self.texts(json.dumps(dict(facts)))]
+        for rank, other in enumerate(found):
+            for key in {**found[0], **other}:
+                if other.get(key) != found[0].get(key):
+                    raise ModelError(
+                        f"{self.names[rank]} has another {key} than rank 0: {other.get(key)}, not {found[0].get(key)}"
+                    )
+
+    def sent(self, values: torch.Tensor) -> torch.Tensor:
+        """A contiguous tensor as the backend takes it: a view on the CPU of the device's memory, or the tensor itself."""
+        if not self.on_host or values.device.type == "cpu":
+            return values
+        host_xpu.synchronize()
+        memory = (ctypes.c_char * (values.numel() * values.element_size())).from_address(values.data_ptr())
+        return torch.frombuffer(memory, dtype=values.dtype).view(values.shape)
+
+    def finish(self, work: dist.Work) -> None:
+        """Wait for an exchange. GroupFault: another process has ended, or has not answered within the limit."""
+        watch = self.watch
+        if watch is not None:
+            watch.begun += 1
+        while True:
+            try:
+                work.wait(TICK)
+                return
+            except RuntimeError as error:
+                if work.is_completed():
+                    text = str(error).splitlines()[0]
+                    broken = "imed out" not in text
+                    raise GroupFault(f"{watch.blame(broken)} ({text})" if watch is not None else text) from error
+                if watch is not None and watch.fault is not None:
+                    raise GroupFault(watch.fault) from None
+
+    def fail(self, cause: str) -> None:
+        """Tell the other processes that this one ends, and why."""
+        with contextlib.suppress(RuntimeError):  # from a store that is gone
+            self.watch.fail(cause)
+
+    def close(self) -> None:
+        """The last exchange: nobody ends before all have done their part."""
+        if self.watch is not None:
+            self.texts("done")
+            self.watch.close()
+
+
+def limit_of(group: dist.ProcessGroup) -> float:
+    """The time limit of a group's exchanges in seconds."""
+    backend = group._get_backend(torch.device("cpu")) if hasattr(group, "_get_backend") else group
+    return backend.options._timeout.total_seconds()
