@@ -156,7 +156,8 @@ def pack_module(
                 progress(rows * columns)
             return layer
         first = cut.first if cut is not None and cut.axis == COLUMNS else None
-        return PackedLinear.from_dense(weights.dense(source, cut), fits, bias, importance.get(name), progress, first)
+        values = weights.dense(source, cut and cut.dense)
+        return PackedLinear.from_dense(values, fits, bias, importance.get(name), progress, first)
     except ValueError as error:
         raise ValueError(f"{name}: {error}") from error
 

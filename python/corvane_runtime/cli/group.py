@@ -11,7 +11,7 @@ from datetime import timedelta
 
 import torch.distributed as dist
 
-from ..parallel import GroupFault, Link
+from ..parallel import Link
 
 OWN_OPTIONS = ("model", "run", "figures")  # in these the processes may differ
 
@@ -37,9 +37,9 @@ def processes(options: argparse.Namespace) -> Iterator[Link]:
         link.close()
     except BaseException as error:
         text = str(error).splitlines()[0] if str(error) else type(error).__name__
-        if link is not None and not isinstance(error, GroupFault):
-            link.fail(text)
         print(f"corvane: rank {rank}: {text}", file=sys.stderr, flush=True)
+        if link is not None:
+            link.fail(text)
         # A thread of the group may be in an exchange that nobody answers, and would be waited for.
         os._exit(1)
     dist.destroy_process_group()

@@ -73,7 +73,7 @@ def make_parser() -> argparse.ArgumentParser:
         "--tensor-parallel", action="store_true", help="share the model with the other processes that torchrun started"
     )
     one.add_argument(
-        "--time-limit", type=whole(1), default=60, metavar="SECONDS",
+        "--time-limit", type=whole(1), default=120, metavar="SECONDS",
         help="for the processes of --tensor-parallel to answer each other (default: %(default)s)",
     )  # fmt: skip
     add_sampling(one)

@@ -42,9 +42,14 @@ class Cut:
         return (size, self.columns) if self.axis == ROWS else (self.rows, size)
 
     @property
+    def dense(self) -> Cut:
+        """The same of the weight before it is packed."""
+        return replace(self, format=None)
+
+    @property
     def of_bias(self) -> Cut | None:
         """The cut of the layer's bias, None for one that stays whole."""
-        return replace(self, format=None) if self.axis == ROWS else None
+        return self.dense if self.axis == ROWS else None
 
     def views(self, whole: torch.Tensor) -> list[torch.Tensor]:
         """The share as views of a whole tensor: of a dense one, or of packed bytes, uint8 (bytes,), one a plane.

@@ -18,7 +18,7 @@ import torch.distributed as dist
 
 from ..device import DEVICE, host_xpu
 from ..weights import ModelError
-from .watch import Watch
+from .watch import FAULT, Watch
 
 HOST_BACKENDS = ("gloo", "mpi", "ucc")
 TICK = timedelta(seconds=0.5)  # after so long a wait looks whether another process is gone
@@ -131,7 +131,7 @@ class Link:
                 if work.is_completed():
                     raise self.fault(error) from error
                 if watch is not None and watch.fault is not None:
-                    raise GroupFault(watch.fault) from None
+                    raise self.passed_on(watch.fault) from None
 
     def swap(self, own: torch.Tensor) -> torch.Tensor:
         """The other one's values, for a pair. Errors as those of finish."""
@@ -145,12 +145,22 @@ class Link:
     def fault(self, error: RuntimeError) -> GroupFault:
         """What an exchange that failed means."""
         text = str(error).splitlines()[0]
-        return GroupFault(text if self.watch is None else f"{self.watch.blame('imed out' not in text)} ({text})")
+        if self.watch is None:
+            return GroupFault(text)
+        return self.passed_on(f"{self.watch.blame('imed out' not in text)} ({text})")
+
+    def passed_on(self, text: str) -> GroupFault:
+        """A fault of which the other processes learn too."""
+        with contextlib.suppress(RuntimeError):  # from a store that is gone
+            self.watch.fail(text, FAULT)
+        return GroupFault(text)
 
     def fail(self, cause: str) -> None:
-        """Tell the other processes that this one ends, and why."""
-        with contextlib.suppress(RuntimeError):  # from a store that is gone
-            self.watch.fail(cause)
+        """Tell the other processes that this one ends, and why, unless it is a fault of which they know."""
+        with contextlib.suppress(RuntimeError):
+            if not self.watch.is_told:
+                self.watch.fail(cause)
+            self.watch.linger()
 
     def close(self) -> None:
         """The last exchange: nobody ends before all have done their part."""
@@ -167,7 +177,7 @@ class Pair:
 
     def __init__(self, group: dist.ProcessGroup, other: int, limit: float) -> None:
         self.group, self.other = group, other
-        self.wait = timedelta(seconds=limit * 0.9)  # a wait that ends cannot be taken up again
+        self.wait = timedelta(seconds=limit * 0.7)  # a wait that ends cannot be taken up again
         self.places: dict[tuple[torch.dtype, int], Place] = {}
 
     def swap(self, own: torch.Tensor) -> torch.Tensor:

@@ -17,7 +17,7 @@ if TYPE_CHECKING:
 
 PERIOD = 0.5  # seconds between two signs of life, less for groups with a short limit
 MISSED = 4  # signs that a process may miss after a connection broke, before it counts as ended
-DONE, FAILED = "done", "failed"
+DONE, FAILED, FAULT = "done", "failed", "fault"  # of its own; of another process
 
 
 @dataclass
@@ -71,17 +71,32 @@ class Watch(threading.Thread):
             sign = self._others.get(rank)
             if sign is None or sign.text != text:
                 state, _, begun = text.partition(" ")
-                if state.startswith(FAILED):
-                    self.fault = self.fault or f"{name} has failed: {begun}"
+                if state in (FAILED, FAULT):
+                    self.fault = self.fault or (begun if state == FAULT else f"{name} has failed: {begun}")
                     begun = "0"
                 self._others[rank] = Sign(text, now, int(begun))
             elif not text.startswith(DONE) and now - sign.seen > self.limit / 2:
                 self.fault = self.fault or f"{name} does not answer"
 
-    def fail(self, cause: str) -> None:
-        """Tell the others that this process ends, and why."""
-        self.store.set(f"corvane/{self.rank}", f"{FAILED} {cause}")
+    @property
+    def is_told(self) -> bool:
+        """Whether the others know that this process ends."""
+        return self._stopped.is_set()
+
+    def fail(self, cause: str, state: str = FAILED) -> None:
+        """Tell the others that this process ends, and why: a failure of its own, or (FAULT) of another process."""
         self._stopped.set()
+        self.join(2 * self.period)
+        self.store.set(f"corvane/{self.rank}", f"{state} {cause}")
+
+    def linger(self) -> None:
+        """Keep the store, which may be of this process, until the others have read why it ends, or a while has passed."""
+        end = time.monotonic() + min((MISSED + 2) * self.period, self.limit / 5)
+        others = [rank for rank in range(len(self.names)) if rank != self.rank]
+        while others and time.monotonic() < end:
+            time.sleep(self.period / 4)
+            signs = [self.store.get(f"corvane/{rank}").decode().split(" ")[0] for rank in others]
+            others = [rank for rank, sign in zip(others, signs, strict=True) if sign not in (DONE, FAILED, FAULT)]
 
     def close(self) -> None:
         """Say that this process has done its part, so that its silence is no fault."""
