@@ -17,7 +17,6 @@ import socket
 import statistics
 import subprocess
 import sys
-import tempfile
 import time
 from pathlib import Path
 
@@ -55,10 +54,10 @@ def run(count: int, threads: int, job: str, folder: Path | None = None) -> dict:
 def link_of_this_process():  # noqa: ANN201
     import torch.distributed as dist
 
-    from corvane_runtime.parallel import Link
+    from corvane_runtime.parallel import link_to
 
     dist.init_process_group("gloo")
-    return Link()
+    return link_to()
 
 
 def decode(folder: Path) -> dict:

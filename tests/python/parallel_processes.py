@@ -87,9 +87,9 @@ def group():  # noqa: ANN201
 
     dist.init_process_group("gloo", timeout=timedelta(seconds=LIMIT))
 
-    from corvane_runtime.parallel import Link
+    from corvane_runtime.parallel import link_to
 
-    return Link()
+    return link_to()
 
 
 def held(model) -> int:  # noqa: ANN001
@@ -180,7 +180,7 @@ def sent(folder: str) -> dict:
     model = load(folder, link=link)
     cache = model.new_cache(64)
     token = model.likeliest(TOKENS, cache)
-    link.watch.close()  # its signs are not the token's
+    link.watch.close()  # the signs of life are no part of a token
     before = link.sums, link.gathers, link.payload, tcp_bytes()
     for _ in range(20):
         token = model.likeliest([token], cache)

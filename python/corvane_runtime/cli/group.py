@@ -11,7 +11,7 @@ from datetime import timedelta
 
 import torch.distributed as dist
 
-from ..parallel import Link
+from ..parallel import Link, link_to
 
 OWN_OPTIONS = ("model", "run", "figures")  # in these the processes may differ
 
@@ -30,7 +30,7 @@ def processes(options: argparse.Namespace) -> Iterator[Link]:
     rank, link = int(os.environ["RANK"]), None
     try:
         dist.init_process_group("gloo", timeout=timedelta(seconds=options.time_limit))
-        link = Link()
+        link = link_to()
         link.agree({f"--{name}": str(value) for name, value in vars(options).items() if name not in OWN_OPTIONS})
         with open(os.devnull, "w") as nowhere, contextlib.redirect_stdout(sys.stdout if rank == 0 else nowhere):
             yield link

@@ -35,20 +35,23 @@ class Link:
     of this process's tensors that went into them.
     """
 
-    def __init__(self, group: dist.ProcessGroup | None = None) -> None:
-        """`group`: None for the default one. RuntimeError: torch.distributed is not initialised."""
-        engine = dist.distributed_c10d
-        self.group = engine._get_default_group() if group is None else group
-        self.rank, self.count = dist.get_rank(self.group), dist.get_world_size(self.group)
-        self.on_host = any(name in dist.get_backend(self.group) for name in HOST_BACKENDS)
+    def __init__(self, group: dist.ProcessGroup) -> None:
+        """Only for link_to(): what two links await of one group would be taken for each other's."""
+        self.group = group
+        self.rank, self.count = dist.get_rank(group), dist.get_world_size(group)
+        self.on_host = any(name in dist.get_backend(group) for name in HOST_BACKENDS)
         self.device = torch.device("cpu") if self.on_host else DEVICE
-        limit = limit_of(self.group)
+        self.limit = limit_of(group)
         # Of two, each sends its values and adds: as many bytes as a reduction of the group, and a third of its time.
-        self.pair = Pair(self.group, 1 - self.rank, limit) if self.count == 2 and self.on_host else None
+        self.pair = Pair(group, 1 - self.rank, self.limit) if self.count == 2 and self.on_host else None
         self.watch: Watch | None = None
         self.sums = self.gathers = self.payload = 0
+        self.names: list[str] = []
+
+    def open(self) -> None:
+        """Begin to watch the other processes."""
         self.names = [f"rank {rank} on {host}" for rank, host in enumerate(self.texts(socket.gethostname()))]
-        watch = Watch(engine._pg_map[self.group][1], self.rank, self.names, limit)
+        watch = Watch(dist.distributed_c10d._pg_map[self.group][1], self.rank, self.names, self.limit)
         watch.tell("0")
         self.texts("told")  # nobody looks for signs that are not there yet
         watch.start()
@@ -167,6 +170,24 @@ class Link:
         if self.watch is not None:
             self.texts("done")
             self.watch.close()
+            self.watch = None
+
+
+_LINKS: dict[dist.ProcessGroup, Link] = {}
+
+
+def link_to(group: dist.ProcessGroup | None = None) -> Link:
+    """The link to the processes of a group, by default the default one; models of one group have it in common.
+
+    All processes of the group call it together. RuntimeError: torch.distributed is not initialised.
+    """
+    group = dist.distributed_c10d._get_default_group() if group is None else group
+    if group not in _LINKS:
+        _LINKS[group] = Link(group)
+    link = _LINKS[group]
+    if link.watch is None:
+        link.open()
+    return link
 
 
 class Pair:

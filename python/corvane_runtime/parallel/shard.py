@@ -13,7 +13,7 @@ from torch import nn
 from ..linear import PackedLinear
 from .cut import Cut, Plan
 from .layers import cut_layer, joined
-from .link import Link
+from .link import Link, link_to
 
 SAMPLE = 1024  # elements at each end of a tensor that are compared between processes
 FILE_SAMPLES, FILE_SAMPLE = 64, 4096  # places of a file, and bytes of each
@@ -31,7 +31,7 @@ def shard_(model: nn.Module, group: dist.ProcessGroup | None = None) -> nn.Modul
     formats or versions. While the model runs, GroupFault, a RuntimeError, names the rank of a process that has ended or
     does not answer.
     """
-    link = Link(group)
+    link = link_to(group)
     link.agree({**versions(), **facts_of(model)})
     share(model, plan_of(model, link), link)
     return model
