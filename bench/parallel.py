@@ -118,7 +118,7 @@ def token_ms(point: dict, read: float, layer: float, head: float, sums: dict[int
     turns = max(1.0, point["count"] / CORES)
     exchanges = 2 * point["layers"] + 1 if point["count"] > 1 else 0
     own = read * point["bytes"] / point["count"] + layer * point["layers"] + head
-    return turns * own + exchanges * sums[point["count"]]
+    return turns * own + exchanges * sums.get(point["count"], 0.0)
 
 
 def fit(points: list[dict], sums: dict[int, float]) -> tuple[float, float, float]:

@@ -211,6 +211,10 @@ class CheckedWeights(SafetensorsWeights):
         if part is None and self.plan is not None and tensor.dim() == 2:  # an embedding, which stays in the file
             part = Cut(ROWS, *self.plan.even(tensor.shape[0]), *tensor.shape)
         if part is not None:
+            try:
+                part.check(tuple(tensor.shape))
+            except ModelError as error:
+                raise ModelError(f"{name}: {error}") from None
             self.parts[name] = checksum(part.alone(tensor)), tensor.numel() * tensor.element_size()
             return tensor if cut is None else cut.take(tensor)
         if entry.get("crc32") != checksum(tensor):

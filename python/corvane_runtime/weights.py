@@ -121,4 +121,9 @@ class SafetensorsWeights(WeightSource):
             raise ModelError(f"{self.path}: has no tensor {name}")
         # A tensor stands on a map of the file, of which a share touches its own pages alone.
         tensor = self._files[name].get_tensor(name)
-        return tensor if cut is None else cut.take(tensor)
+        if cut is None:
+            return tensor
+        try:
+            return cut.take(tensor)
+        except ModelError as error:
+            raise ModelError(f"{name}: {error}") from None

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import contextlib
+import logging
 import os
 import sys
 from collections.abc import Iterator
@@ -28,6 +29,8 @@ def processes(options: argparse.Namespace) -> Iterator[Link]:
             "torchrun --nproc-per-node 2 -m corvane_runtime generate MODEL --tensor-parallel"
         )
     rank, link = int(os.environ["RANK"]), None
+    if rank:
+        logging.getLogger("corvane_runtime").setLevel(logging.ERROR)  # rank 0 says the same
     try:
         dist.init_process_group("gloo", timeout=timedelta(seconds=options.time_limit))
         link = link_to()

@@ -22,9 +22,9 @@ DEFAULT_FORMAT = "q4_0"
 
 
 @contextmanager
-def progress_bar(title: str, total: int, unit: str) -> Iterator[Callable[[int], None]]:
+def progress_bar(title: str, total: int, unit: str, hidden: bool = False) -> Iterator[Callable[[int], None]]:
     """A bar on standard error, none where that is no terminal; yields a function that is told of work done."""
-    with tqdm(total=total, desc=title, unit=unit, unit_scale=True, disable=None, leave=False) as bar:
+    with tqdm(total=total, desc=title, unit=unit, unit_scale=True, disable=hidden or None, leave=False) as bar:
         yield bar.update
 
 
@@ -50,7 +50,8 @@ class ModelSource:
 
     def _load(self, format: str | None, importance: Importance | None, title: str) -> Llama:
         read = load_folder if self.path.is_dir() else load_gguf
-        with progress_bar(title, self.elements or None, "weight") as advance:
+        hidden = self.link is not None and self.link.rank > 0
+        with progress_bar(title, self.elements or None, "weight", hidden) as advance:
             return read(self.path, format, importance, advance, self.link)
 
     def dense(self) -> Llama:

@@ -159,6 +159,8 @@ class GgufWeights(WeightSource):
 
     def blocks(self, name: str, cut: Cut | None) -> tuple[NDArray, int]:
         """Rows as stored, of a share of columns the blocks that hold it, and the number of the first of their columns."""
+        if cut is not None:
+            cut.dense.check(tuple(int(size) for size in self.stored(name).shape[::-1]))
         rows = self.rows(name, cut)
         if cut is None or cut.axis != COLUMNS:
             return rows, 0

@@ -51,15 +51,19 @@ class Cut:
         """The cut of the layer's bias, None for one that stays whole."""
         return self.dense if self.axis == ROWS else None
 
+    def check(self, shape: tuple[int, ...]) -> None:
+        """Refuse the shape of a tensor that is not what the share is one of: ModelError."""
+        sizes = self.rows, self.columns
+        expected = sizes[: len(shape)] if self.format is None else (self.format.packed_bytes(*sizes),)
+        if shape != expected:
+            raise ModelError(f"the file holds {shape}, the model needs {expected}")
+
     def views(self, whole: torch.Tensor) -> list[torch.Tensor]:
         """The share as views of a whole tensor: of a dense one, or of packed bytes, uint8 (bytes,), one a plane.
 
         ModelError: a tensor of another shape.
         """
-        sizes = self.rows, self.columns
-        expected = sizes[: whole.dim()] if self.format is None else (self.format.packed_bytes(*sizes),)
-        if whole.shape != expected:
-            raise ModelError(f"a tensor {tuple(whole.shape)} was found where the model needs {expected}")
+        self.check(tuple(whole.shape))
         if self.format is None:
             return [whole.narrow(self.axis, self.first, self.last - self.first)]
         block = self.format.block_elements

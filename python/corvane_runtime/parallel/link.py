@@ -41,7 +41,7 @@ class Link:
         self.rank, self.count = dist.get_rank(group), dist.get_world_size(group)
         self.on_host = any(name in dist.get_backend(group) for name in HOST_BACKENDS)
         self.device = torch.device("cpu") if self.on_host else DEVICE
-        self.limit = limit_of(group)
+        self.limit = limit_of(group, self.device)
         # Of two, each sends its values and adds: as many bytes as a reduction of the group, and a third of its time.
         self.pair = Pair(group, 1 - self.rank, self.limit) if self.count == 2 and self.on_host else None
         self.watch: Watch | None = None
@@ -230,7 +230,7 @@ class Place:
         self.coming: dist.Work | None = None
 
 
-def limit_of(group: dist.ProcessGroup) -> float:
+def limit_of(group: dist.ProcessGroup, device: torch.device) -> float:
     """The time limit of a group's exchanges in seconds."""
-    backend = group._get_backend(torch.device("cpu")) if hasattr(group, "_get_backend") else group
+    backend = group._get_backend(device) if hasattr(group, "_get_backend") else group
     return backend.options._timeout.total_seconds()
