@@ -11,7 +11,7 @@ import torch
 
 
 from .device import host_xpu
-from .llama import Llama
+from .llama import KvCache, Llama
 
 
 @dataclass
@@ -40,6 +40,15 @@ def clock() -> float:
     return time.perf_counter()
 
 
+def next_token(
+    model: Llama, tokens: Sequence[int], cache: KvCache, temperature: float, generator: torch.Generator
+) -> int:
+    """Append tokens to the sequence and choose the next one, as choose() does."""
+    if temperature <= 0:
+        return model.likeliest(tokens, cache)
+    return choose(model.forward(tokens, cache), temperature, generator)
+
+
 def choose(logits: torch.Tensor, temperature: float, generator: torch.Generator) -> int:
     """The next token from logits (1, vocabulary): the likeliest at temperature 0, else sampled."""
     row = logits[0].cpu()
@@ -63,17 +72,16 @@ def generate(
     generator = torch.Generator().manual_seed(seed)
     cache = model.new_cache(len(prompt) + count)
     start = clock()
-    logits = model.forward(prompt, cache)
+    token = next_token(model, prompt, cache, temperature, generator)
     speed.prefill_tokens += len(prompt)
     speed.prefill_seconds += clock() - start
     for step in range(count):
-        token = choose(logits, temperature, generator)
         if token in ends:
             return
         yield token
         if step + 1 < count:
             start = clock()
-            logits = model.forward([token], cache)
+            token = next_token(model, [token], cache, temperature, generator)
             speed.decode_tokens += 1
             speed.decode_seconds += clock() - start
 

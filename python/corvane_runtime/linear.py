@@ -84,11 +84,15 @@ class PackedLinear(nn.Module):
         bias: torch.Tensor | None = None,
         importance: torch.Tensor | np.ndarray | None = None,
         progress: Progress | None = None,
+        first_column: int | None = None,
     ) -> PackedLinear:
-        """Pack a dense weight (out_features, in_features); the arguments are those of pack(). The bytes are on the CPU."""
+        """Pack a dense weight (out_features, in_features); the arguments are those of pack(). The bytes are on the CPU.
+
+        `first_column`: the weight is a part of a wider one, for all of whose columns there is an importance.
+        """
         dense_bytes = weight.nbytes if isinstance(weight, np.ndarray) else weight.numel() * weight.element_size()
         values, kind = as_floats(weight), format_of(format)
-        packed = kind.pack(values, None if importance is None else as_floats(importance), progress)
+        packed = kind.pack(values, None if importance is None else as_floats(importance), progress, first_column)
         layer = cls.from_packed(torch.from_numpy(packed), format, *values.shape, bias)
         rows = np.unique(np.linspace(0, values.shape[0] - 1, ERROR_ROWS).astype(np.int64))
         rest = kind.unpack_rows(packed, *values.shape, rows) - values[rows]
@@ -114,6 +118,10 @@ class PackedLinear(nn.Module):
 
         RuntimeError: a tensor that is not on XPU. ValueError: a last dimension other than in_features.
         """
+        return self.with_bias(self.without_bias(x))
+
+    def without_bias(self, x: torch.Tensor) -> torch.Tensor:
+        """x W^T of any leading dimensions; errors as those of forward."""
         if x.device.type != "xpu" or self.weight.device.type != "xpu":
             raise RuntimeError(
                 f"PackedLinear computes on XPU, but its input is on {x.device} and its weight on {self.weight.device}: "
@@ -122,9 +130,10 @@ class PackedLinear(nn.Module):
         if x.dim() == 0 or x.shape[-1] != self.in_features:
             raise ValueError(f"the input {tuple(x.shape)} should end in {self.in_features} elements")
         y = self.product(x.reshape(-1, self.in_features).contiguous())
-        if self.bias is not None:
-            y = y + self.bias.to(y.dtype)
         return y.view(*x.shape[:-1], self.out_features)
+
+    def with_bias(self, y: torch.Tensor) -> torch.Tensor:
+        return y if self.bias is None else y + self.bias.to(y.dtype)
 
     def product(self, x: torch.Tensor) -> torch.Tensor:
         """x W^T without bias, x (rows, in_features) contiguous on XPU to (rows, out_features)."""

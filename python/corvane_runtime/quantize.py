@@ -13,6 +13,7 @@ from torch import nn
 
 from .formats import FORMATS, NEIGHBOURS, Progress, format_of
 from .linear import PackedLinear
+from .parallel import COLUMNS
 from .weights import WeightSource
 
 LOG = logging.getLogger("corvane_runtime")
@@ -133,28 +134,30 @@ def pack_module(
     from_meta = module.weight.is_meta
     if from_meta and weights is None:
         raise ValueError(f"{name}: its weight is on the meta device; pass weights= to say where it comes from")
-    blocks = weights.packed(source, wanted) if from_meta else None
-    fits = fitting_format(wanted, module.out_features, module.in_features, blocks is not None)
+    has_blocks = from_meta and weights.has_packed(source, wanted)
+    fits = fitting_format(wanted, module.out_features, module.in_features, has_blocks)
     shape = f"({module.out_features}, {module.in_features})"
     if fits is None:
         LOG.warning("%s: stays dense, %s cannot hold a weight %s", name, wanted, shape)
         return None
     if fits != wanted:
         LOG.info("%s: packed as %s, %s cannot hold a weight %s", name, fits, wanted, shape)
+    cut = weights.share(name, module, fits) if from_meta else None
     try:
-        if blocks is not None:
-            bias = None if module.bias is None else weights.dense(f"{name}.bias")
-            layer = PackedLinear.from_packed(blocks, fits, module.out_features, module.in_features, bias)
-            layer.dense_bytes = module.weight.numel() * module.weight.element_size()
+        if not from_meta:
+            return PackedLinear.from_linear(module, fits, importance.get(name), progress)
+        bias = None if module.bias is None else weights.dense(f"{name}.bias", weights.cuts.get(f"{name}.bias"))
+        if has_blocks:
+            rows, columns = (module.out_features, module.in_features) if cut is None else cut.shape
+            layer = PackedLinear.from_packed(weights.packed(source, fits, cut), fits, rows, columns, bias)
+            layer.dense_bytes = rows * columns * module.weight.element_size()
             layer.error = 0.0
             if progress is not None:
-                progress(module.weight.numel())
+                progress(rows * columns)
             return layer
-        columns = importance.get(name)
-        if from_meta:
-            bias = None if module.bias is None else weights.dense(f"{name}.bias")
-            return PackedLinear.from_dense(weights.dense(source), fits, bias, columns, progress)
-        return PackedLinear.from_linear(module, fits, columns, progress)
+        first = cut.first if cut is not None and cut.axis == COLUMNS else None
+        values = weights.dense(source, cut and cut.dense)
+        return PackedLinear.from_dense(values, fits, bias, importance.get(name), progress, first)
     except ValueError as error:
         raise ValueError(f"{name}: {error}") from error
 

@@ -11,6 +11,7 @@ import json
 import zlib
 from pathlib import Path
 
+import numpy as np
 import torch
 from safetensors.torch import save_file
 from torch import nn
@@ -18,6 +19,7 @@ from torch import nn
 from .formats import FORMATS
 from .linear import PackedLinear
 from .llama import Config, Llama
+from .parallel import ROWS, Cut, Link, fingerprint, plan_of, share, versions
 from .tokenizer import ChatTokenizer, read_json
 from .weights import ModelError, SafetensorsWeights
 
@@ -28,8 +30,10 @@ VERSION = 1
 def save(model: nn.Module, folder: str | Path) -> None:
     """Write a model with packed layers into a folder, which is made: corvane.json, model.safetensors, its tokenizer.
 
-    Tied parameters are written once. ValueError: a model with parameters on the meta device.
+    Tied parameters are written once. ValueError: a model with parameters on the meta device, or a share of one.
     """
+    if getattr(model, "link", None) is not None:
+        raise ValueError("this process holds a share of the model: save it before it is cut")
     folder = Path(folder)
     names = owners_of(model)
     tensors: dict[str, torch.Tensor] = {}
@@ -103,8 +107,16 @@ def checksum(tensor: torch.Tensor) -> int:
     return zlib.crc32(memoryview(tensor.reshape(-1).view(torch.uint8).numpy())) if tensor.numel() else 0
 
 
-def load(folder: str | Path, model: nn.Module | None = None, device: torch.device | str = "xpu") -> nn.Module:
+def load(
+    folder: str | Path,
+    model: nn.Module | None = None,
+    device: torch.device | str = "xpu",
+    link: Link | None = None,
+) -> nn.Module:
     """The model that save() wrote, on a device.
+
+    `link`: to the processes that share the model, one that shard_ can cut; each reads its share alone. Errors then as
+    those of shard_.
 
     A Llama of this package and a model of transformers are made anew. Any other needs `model`, one of the same
     structure, dense or on the meta device, whose layers are replaced and filled; it may be given for those two as well.
@@ -115,13 +127,20 @@ def load(folder: str | Path, model: nn.Module | None = None, device: torch.devic
     about = read_json(folder / CONFIG)
     check_version(folder, about)
     source = CheckedWeights(folder, about)
+    if link is not None:
+        link.agree({**versions(), "model": fingerprint(folder)})
     try:
         if model is None:
             model = new_model(folder, about)
         put_packed_layers(model, about["layers"])
     except (KeyError, TypeError, ValueError, AttributeError) as error:
         raise ModelError(f"{folder / CONFIG}: does not describe a model: {error!r}") from error
+    if link is not None:
+        source.plan = plan_of(model, link)
+        source.cuts = share(model, source.plan, link)
     source.put_into(model, about["ties"])
+    if link is not None:
+        source.check_parts(link)
     if isinstance(model, Llama):
         model.tokenizer = ChatTokenizer.load(folder)
     return model.to(device).eval()
@@ -174,22 +193,49 @@ class CheckedWeights(SafetensorsWeights):
 
     def __init__(self, folder: Path, about: dict) -> None:
         super().__init__(folder)
+        self.parts: dict[str, tuple[int, int]] = {}  # of tensors that are read in part: CRC of the part, whole bytes
         self.entries = about["tensors"]
         if set(self.entries) != set(self.names()):
             odd = sorted(set(self.entries) ^ set(self.names()))[0]
             where = "not in the file" if odd in self.entries else f"not in {CONFIG}"
             raise ModelError(f"{folder}: the tensor {odd} is {where}")
 
-    def dense(self, name: str) -> torch.Tensor:
+    def dense(self, name: str, cut: Cut | None = None) -> torch.Tensor:
         tensor = super().dense(name)
         entry = self.entries[name]
         found = {"dtype": str(tensor.dtype).removeprefix("torch."), "shape": list(tensor.shape)}
         for key, value in found.items():
             if entry.get(key) != value:
                 raise ModelError(f"{name}: its {key} is {value}, {CONFIG} says {entry.get(key)}")
+        part = cut
+        if part is None and self.plan is not None and tensor.dim() == 2:  # an embedding, which stays in the file
+            part = Cut(ROWS, *self.plan.even(tensor.shape[0]), *tensor.shape)
+        if part is not None:
+            try:
+                part.check(tuple(tensor.shape))
+            except ModelError as error:
+                raise ModelError(f"{name}: {error}") from None
+            self.parts[name] = checksum(part.alone(tensor)), tensor.numel() * tensor.element_size()
+            return tensor if cut is None else cut.take(tensor)
         if entry.get("crc32") != checksum(tensor):
             raise ModelError(f"{name}: is damaged: its checksum is not that of {CONFIG}")
         return tensor
+
+    def check_parts(self, link: Link) -> None:
+        """Hold the tensors that several processes have read together against their checksums, in all of them.
+
+        With zeros in the place of other parts, the exclusive or of the processes' bytes is the tensor. A CRC of bytes
+        of one length is linear but for a constant, the CRC of zeros: those of the parts make that of the tensor.
+        """
+        own = torch.tensor([crc for crc, _ in self.parts.values()], dtype=torch.int64)
+        found = [piece.tolist() for piece in link.pieces(own.to(link.device))]
+        for (name, (_, size)), shares in zip(self.parts.items(), zip(*found, strict=True), strict=True):
+            nothing = checksum(torch.from_numpy(np.zeros(size, dtype=np.uint8)))
+            whole = nothing
+            for crc in shares:
+                whole ^= crc ^ nothing
+            if whole != self.entries[name].get("crc32"):
+                raise ModelError(f"{name}: is damaged: its checksum is not that of {CONFIG}")
 
     def put_into(self, model: nn.Module, ties: dict[str, str]) -> None:
         """Fill parameters and persistent buffers, tied ones with the same tensor."""
@@ -197,13 +243,13 @@ class CheckedWeights(SafetensorsWeights):
         for name in [*self.entries, *ties]:
             if name not in needed:
                 raise ModelError(f"{name}: the model has no such tensor")
-        made: dict[str, torch.Tensor] = {}
+        made: dict[tuple[str, Cut | None], torch.Tensor] = {}
         for name, tensor in needed.items():
-            source = ties.get(name, name)
+            source = ties.get(name, name), self.cuts.get(name)  # a share is tied to nothing
             if source not in made:
-                if source not in self.entries:
+                if source[0] not in self.entries:
                     raise ModelError(f"{name}: is not among the saved tensors")
-                values = self.checked(source, tensor)
+                values = self.checked(source[0], tensor, source[1])
                 made[source] = nn.Parameter(values, requires_grad=False) if isinstance(tensor, nn.Parameter) else values
             path, _, own = name.rpartition(".")
             module = model.get_submodule(path)

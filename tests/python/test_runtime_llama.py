@@ -220,7 +220,9 @@ def test_prompt_in_one_call_agrees_with_token_by_token(model_path, dense):
     one_by_one = logits(dense)
     for pieces in (7, 3):
         assert_close(logits(dense, pieces=pieces), one_by_one, FLOAT_TOLERANCE)
-    assert_close(dense.forward(TOKENS, dense.new_cache(len(TOKENS))).cpu(), one_by_one[-1:], FLOAT_TOLERANCE)  # the last
+    assert_close(
+        dense.forward(TOKENS, dense.new_cache(len(TOKENS))).cpu(), one_by_one[-1:], FLOAT_TOLERANCE
+    )  # the last
     packed = load_gguf(model_path, "q5_0")  # many rows of it take no path that rounds to less than float
     one_call = logits(packed, pieces=7)
     assert_close(one_call, logits(packed.prepare(fused=False, many_rows=False)), FLOAT_TOLERANCE)

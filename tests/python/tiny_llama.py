@@ -35,16 +35,17 @@ LAYERS, HEADS, KV_HEADS, HEAD_SIZE, ROPE_BASE = 2, 4, 2, 64, 1000.0
 HIDDEN, MLP = HEADS * HEAD_SIZE, 512
 
 
-def shapes() -> dict[str, tuple[int, int]]:
+def shapes(heads: int = HEADS, kv_heads: int = KV_HEADS, mlp: int = MLP) -> dict[str, tuple[int, int]]:
     """Rows and columns of the matrices, by name without ".weight"."""
+    inner, kv = heads * HEAD_SIZE, kv_heads * HEAD_SIZE
     layer = {
-        "attn_q": (HIDDEN, HIDDEN),
-        "attn_k": (KV_HEADS * HEAD_SIZE, HIDDEN),
-        "attn_v": (KV_HEADS * HEAD_SIZE, HIDDEN),
-        "attn_output": (HIDDEN, HIDDEN),
-        "ffn_gate": (MLP, HIDDEN),
-        "ffn_up": (MLP, HIDDEN),
-        "ffn_down": (HIDDEN, MLP),
+        "attn_q": (inner, HIDDEN),
+        "attn_k": (kv, HIDDEN),
+        "attn_v": (kv, HIDDEN),
+        "attn_output": (HIDDEN, inner),
+        "ffn_gate": (mlp, HIDDEN),
+        "ffn_up": (mlp, HIDDEN),
+        "ffn_down": (HIDDEN, mlp),
     }
     all_layers = {f"blk.{i}.{part}": shape for i in range(LAYERS) for part, shape in layer.items()}
     return {"token_embd": (VOCABULARY, HIDDEN), **all_layers}
@@ -56,19 +57,22 @@ def write_model(
     architecture: str = "llama",
     seed: int = 0,
     vectors: Mapping[str, np.ndarray] | None = None,
+    sizes: tuple[int, int, int] = (HEADS, KV_HEADS, MLP),
 ) -> Path:
     """Write the model; `blocks` replaces matrices by stored blocks, uint8 (rows, bytes of a row), and their type.
 
-    `vectors` are more tensors, by name.
+    `vectors` are more tensors, by name; `sizes` are heads, key and value heads, and elements of the MLP.
     """
     rng = np.random.default_rng(seed)
     writer = gguf.GGUFWriter(path, architecture)
     writer.add_block_count(LAYERS)
     writer.add_context_length(128)
     writer.add_embedding_length(HIDDEN)
-    writer.add_feed_forward_length(MLP)
-    writer.add_head_count(HEADS)
-    writer.add_head_count_kv(KV_HEADS)
+    heads, kv_heads, mlp = sizes
+    writer.add_feed_forward_length(mlp)
+    writer.add_head_count(heads)
+    writer.add_head_count_kv(kv_heads)
+    writer.add_key_length(HEAD_SIZE)
     writer.add_rope_freq_base(ROPE_BASE)
     writer.add_rope_dimension_count(HEAD_SIZE)
     writer.add_layer_norm_rms_eps(1e-5)
@@ -80,7 +84,7 @@ def write_model(
     writer.add_token_merges(MERGES)
     writer.add_eos_token_id(1)
     writer.add_chat_template(TEMPLATE)
-    for name, (rows, columns) in shapes().items():
+    for name, (rows, columns) in shapes(*sizes).items():
         if blocks and name in blocks:
             data, kind = blocks[name]
             writer.add_tensor(f"{name}.weight", data, raw_dtype=kind)

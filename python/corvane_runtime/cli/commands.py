@@ -20,17 +20,19 @@ from ..generate import Speed, choose, clock
 from ..generate import generate as generate_tokens
 from ..generate import perplexity as perplexity_of
 from ..llama import Llama
+from ..parallel import Link
 from ..quantize import summary
 from ..storage import save
 from ..weights import ModelError
+from .group import processes
 from .models import DEFAULT_FORMAT, DTYPES, ModelSource, tokenizer_of
 from .report import Result, comparison_table, format_mix, launch_table, plot_comparison, size_line, speed_lines
 
 PARAGRAPH = Path(__file__).parents[1] / "data" / "paragraph.txt"  # of all perplexities; no part of the sample text
 
 
-def open_source(options: argparse.Namespace) -> ModelSource:
-    return ModelSource(options.model, not options.plain_rounding)
+def open_source(options: argparse.Namespace, link: Link | None = None) -> ModelSource:
+    return ModelSource(options.model, not options.plain_rounding, link)
 
 
 def prepared(model: Llama, options: argparse.Namespace) -> Llama:
@@ -38,14 +40,22 @@ def prepared(model: Llama, options: argparse.Namespace) -> Llama:
     return model.prepare(DTYPES[options.dtype], not options.no_fused, not options.token_by_token, prompt_dtype)
 
 
-def open_model(options: argparse.Namespace) -> Llama:
-    source = open_source(options)
+def open_model(options: argparse.Namespace, link: Link | None = None) -> Llama:
+    source = open_source(options, link)
     return prepared(source.dense() if options.dense else source.packed(options.format), options)
 
 
 def generate(options: argparse.Namespace) -> None:
     """Stream text for the prompt; with --figures the prompt before, and speed, sizes and launches behind."""
-    model, speed = open_model(options), Speed()
+    if options.tensor_parallel:
+        with processes(options) as link:
+            generate_with(options, link)
+    else:
+        generate_with(options, None)
+
+
+def generate_with(options: argparse.Namespace, link: Link | None) -> None:
+    model, speed = open_model(options, link), Speed()
     tokenizer = tokenizer_of(model)
     prompt = tokenizer.encode(options.prompt) if options.raw else tokenizer.chat(options.prompt)
     if options.figures:

@@ -74,6 +74,13 @@ def make_parser() -> argparse.ArgumentParser:
     one.add_argument(
         "--figures", action="store_true", help="print the prompt too, and speed, sizes and launches behind"
     )
+    one.add_argument(
+        "--tensor-parallel", action="store_true", help="share the model with the other processes that torchrun started"
+    )
+    one.add_argument(
+        "--time-limit", type=whole(1), default=120, metavar="SECONDS",
+        help="for the processes of --tensor-parallel to answer each other (default: %(default)s)",
+    )  # fmt: skip
     add_sampling(one)
 
     one = add_command(

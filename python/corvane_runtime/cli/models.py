@@ -12,6 +12,7 @@ from tqdm import tqdm
 
 from ..calibrate import SAMPLE_TEXT, Importance, load_importance, measure_importance, save_importance
 from ..llama import Llama, load_folder, load_gguf
+from ..parallel import Link
 from ..storage import CONFIG, load
 from ..tokenizer import ChatTokenizer
 from ..weights import ModelError
@@ -21,18 +22,21 @@ DEFAULT_FORMAT = "q4_0"
 
 
 @contextmanager
-def progress_bar(title: str, total: int, unit: str) -> Iterator[Callable[[int], None]]:
+def progress_bar(title: str, total: int, unit: str, hidden: bool = False) -> Iterator[Callable[[int], None]]:
     """A bar on standard error, none where that is no terminal; yields a function that is told of work done."""
-    with tqdm(total=total, desc=title, unit=unit, unit_scale=True, disable=None, leave=False) as bar:
+    with tqdm(total=total, desc=title, unit=unit, unit_scale=True, disable=hidden or None, leave=False) as bar:
         yield bar.update
 
 
 class ModelSource:
     """A model by its path, to be had in any format, or in the one that it was saved in."""
 
-    def __init__(self, path: str, calibrated: bool = True) -> None:
-        """`calibrated`: weigh errors by the inputs' importance, measured at the first use and kept beside the model."""
-        self.path, self.calibrated = Path(path), calibrated
+    def __init__(self, path: str, calibrated: bool = True, link: Link | None = None) -> None:
+        """`calibrated`: weigh errors by the inputs' importance, measured at the first use and kept beside the model.
+
+        `link`: to the processes that share the model.
+        """
+        self.path, self.calibrated, self.link = Path(path), calibrated, link
         self._importance: Importance | None = None
         self._dense: Llama | None = None
         self.is_saved = (self.path / CONFIG).is_file()
@@ -46,8 +50,9 @@ class ModelSource:
 
     def _load(self, format: str | None, importance: Importance | None, title: str) -> Llama:
         read = load_folder if self.path.is_dir() else load_gguf
-        with progress_bar(title, self.elements or None, "weight") as advance:
-            return read(self.path, format, importance, advance)
+        hidden = self.link is not None and self.link.rank > 0
+        with progress_bar(title, self.elements or None, "weight", hidden) as advance:
+            return read(self.path, format, importance, advance, self.link)
 
     def dense(self) -> Llama:
         """The model with dense weights; ModelError for a packed one."""
@@ -62,7 +67,7 @@ class ModelSource:
         if self.is_saved:
             if format is not None:
                 raise ModelError(f"{self.path}: is packed already; leave out --format")
-            model = load(self.path)
+            model = load(self.path, link=self.link)
             if not isinstance(model, Llama) or model.tokenizer is None:
                 raise ModelError(f"{self.path}: is not a Llama model with its tokenizer; use it through Python")
             return model
@@ -78,7 +83,12 @@ class ModelSource:
             beside = self.path.parent / self.path.stem if self.path.is_file() else self.path / "corvane"
             cache = beside.with_name(beside.name + ".importance.npz")
             self._importance = load_importance(cache, source)
-            if self._importance is None:
+            if self._importance is None and self.link is not None:
+                # Measuring takes the whole model, which need not fit here.
+                if self.link.rank == 0:
+                    text = "packs without the inputs' importance, which corvane pack measures on one machine"
+                    print(f"corvane: {text}", file=sys.stderr)
+            elif self._importance is None:
                 self._importance = self._measure()
                 try:
                     save_importance(self._importance, cache, source)

@@ -71,10 +71,18 @@ class Format:
         if rows * columns >= 1 << 31:
             raise ValueError(f"{self.name}: a weight ({rows}, {columns}) has 2**31 elements or more")
 
-    def pack(self, weight: Float, importance: Float | None = None, progress: Progress | None = None) -> Bytes:
+    def pack(
+        self,
+        weight: Float,
+        importance: Float | None = None,
+        progress: Progress | None = None,
+        first_column: int | None = None,
+    ) -> Bytes:
         """Pack a dense weight, float32 (rows, columns), into its flat bytes, uint8 (packed_bytes,), on all cores.
 
-        `importance`, float32 (columns,), weighs the squared error of each column; without it all count alike.
+        `importance`, float32 (columns,), weighs the squared error of each column; without it all count alike. Where the
+        weight is a part of a wider one, from its `first_column` on, it is that of all columns of the wider one: the part
+        gets the same bytes that it has there.
         `progress` is told, on the calling thread, of the elements of each chunk that is done.
         """
         if self.encode is None:
@@ -89,7 +97,7 @@ class Format:
         rows_per_chunk = min(rows, max(1, CHUNK_ELEMENTS // columns))
         step = rows_per_chunk * columns // self.block_elements
         if importance is not None:
-            importance = np.tile(self.checked_importance(importance, columns), (rows_per_chunk, 1))
+            importance = np.tile(self.checked_importance(importance, columns, first_column), (rows_per_chunk, 1))
 
         def pack_chunk(first: int) -> int:
             chunk = blocks[first : first + step]
@@ -105,13 +113,16 @@ class Format:
                 progress(size)
         return packed
 
-    def checked_importance(self, importance: Float, columns: int) -> Float:
+    def checked_importance(self, importance: Float, columns: int, first_column: int | None) -> Float:
         """The importance of the blocks of one row, float32 (columns / block_elements, block_elements), mean 1."""
-        if importance.shape != (columns,) or not np.isfinite(importance).all() or importance.min() < 0:
-            raise ValueError(f"{self.name}: importance must be {columns} finite numbers, none below 0")
+        size = columns if first_column is None else max(columns + first_column, importance.size)
+        if importance.shape != (size,) or not np.isfinite(importance).all() or importance.min() < 0:
+            raise ValueError(f"{self.name}: importance must be {size} finite numbers, none below 0")
         # A small floor keeps a column that the samples never used from being thrown away.
         mean = float(importance.mean()) or 1.0
-        return (importance / mean + IMPORTANCE_FLOOR).astype(np.float32).reshape(-1, self.block_elements)
+        weights = (importance / mean + IMPORTANCE_FLOOR).astype(np.float32)
+        begin = first_column or 0
+        return weights[begin : begin + columns].reshape(-1, self.block_elements)
 
     def unpack(self, packed: Bytes, rows: int, columns: int) -> Float:
         """Decode flat bytes into float32 (rows, columns), on all cores."""

@@ -9,6 +9,7 @@ import numpy as np
 import torch
 
 from ..formats import Progress
+from ..parallel import Cut, Link
 from ..quantize import Formats, Importance
 from ..tokenizer import ChatTokenizer, read_json
 from ..weights import ModelError, SafetensorsWeights
@@ -82,20 +83,20 @@ def rope_divisors(rope: Mapping[str, object], base: float, head_size: int) -> li
 class FolderWeights(SafetensorsWeights):
     """The folder's tensors; the output head may be the token embedding."""
 
-    def dense(self, name: str) -> torch.Tensor:
+    def dense(self, name: str, cut: Cut | None = None) -> torch.Tensor:
         if name == "lm_head.weight" and name not in self:
             name = "model.embed_tokens.weight"
-        return super().dense(name)
+        return super().dense(name, cut)
 
-    def checked(self, name: str, like: torch.Tensor) -> torch.Tensor:
+    def checked(self, name: str, like: torch.Tensor, cut: Cut | None = None) -> torch.Tensor:
         if name == "model.embed_tokens.weight":
             return as_bytes(self.dense(name))
-        return super().checked(name, like)
+        return super().checked(name, like, cut)
 
     def embedding_kind(self) -> str:
         dtype = self.dense("model.embed_tokens.weight").dtype
         if dtype not in EMBEDDING_KINDS:
-            raise ModelError(f"{self.folder}: its token embedding is {dtype}; this runtime reads float, half, bfloat16")
+            raise ModelError(f"{self.path}: its token embedding is {dtype}; this runtime reads float, half, bfloat16")
         return EMBEDDING_KINDS[dtype]
 
 
@@ -109,14 +110,16 @@ def load_folder(
     format: Formats | None = None,
     importance: Importance | None = None,
     progress: Progress | None = None,
+    link: Link | None = None,
 ) -> Llama:
     """A Llama-shaped model of a folder of transformers, on XPU: packed in a format as quantize_ takes it, or dense.
 
+    `link`: to the processes that share the model; each reads and packs its share alone. Errors then as those of shard_.
     ModelError: a folder without such a model, or tensors that are missing or of other shapes.
     """
     folder = Path(folder)
     source = FolderWeights(folder)
     model = Llama(read_config(folder), source.embedding_kind())
-    packed_llama(model, source, format, importance, progress)
+    packed_llama(model, source, format, importance, progress, link)
     model.tokenizer = ChatTokenizer.load(folder)
     return model

@@ -7,6 +7,7 @@ needs to know of the other one.
 
 from __future__ import annotations
 
+import hashlib
 import re
 from pathlib import Path
 
@@ -15,10 +16,11 @@ import numpy as np
 import torch
 from numpy.typing import NDArray
 
-from ..formats import FORMATS, PUBLIC_BLOCKS, Progress, take_over
+from ..formats import FORMATS, PUBLIC_BLOCKS, Progress, as_floats, take_over
+from ..parallel import COLUMNS, Cut, Link, fingerprint, join, plan_of, versions
 from ..quantize import Formats, Importance, quantize_, summary
 from ..tokenizer import ChatTokenizer, byte_level_bpe, mark_control_tokens, sentence_piece_bpe
-from ..weights import ModelError, WeightSource
+from ..weights import ModelError, SafetensorsWeights, WeightSource
 from .model import Config, Llama
 
 INTERLEAVED = ("llama",)  # architectures whose query and key rows are stored in the other rotary order
@@ -63,6 +65,7 @@ class GgufWeights(WeightSource):
 
     def __init__(self, path: str | Path) -> None:
         """ModelError: no GGUF file, or a model that this runtime does not run."""
+        super().__init__()
         self.path = Path(path)
         try:
             reader = gguf.GGUFReader(self.path)
@@ -145,35 +148,57 @@ class GgufWeights(WeightSource):
         except KeyError:
             raise ModelError(f"{self.path}: has no tensor {wanted}") from None
 
-    def rows(self, name: str) -> NDArray:
-        """A tensor's rows as stored, those of query and key in half-split rotary order."""
+    def rows(self, name: str, cut: Cut | None = None) -> NDArray:
+        """A tensor's rows as stored, or a share of them; those of query and key in half-split rotary order."""
         rows = np.asarray(self.stored(name).data)
+        own = slice(None) if cut is None or cut.axis == COLUMNS else slice(cut.first, cut.last)
         heads = {"q_proj": self.config.heads, "k_proj": self.config.kv_heads}.get(name.split(".")[-2])
         if heads is None or self.architecture not in INTERLEAVED:
-            return rows
-        return rows[half_split_order(heads, self.config.head_size)]
+            return rows[own]
+        return rows[half_split_order(heads, self.config.head_size)[own]]
 
-    def dense(self, name: str) -> torch.Tensor:
-        tensor = self.stored(name)
-        columns = [int(size) for size in tensor.shape[::-1]]
-        values = gguf.dequantize(np.ascontiguousarray(self.rows(name)), tensor.tensor_type)
-        return torch.from_numpy(np.require(values, np.float32, ["C", "W"]).reshape(columns))
+    def blocks(self, name: str, cut: Cut | None) -> tuple[NDArray, int]:
+        """Rows as stored, of a share of columns the blocks that hold it, and the number of the first of their columns."""
+        if cut is not None:
+            cut.dense.check(tuple(int(size) for size in self.stored(name).shape[::-1]))
+        rows = self.rows(name, cut)
+        if cut is None or cut.axis != COLUMNS:
+            return rows, 0
+        elements, size = gguf.GGML_QUANT_SIZES[self.stored(name).tensor_type]
+        first, last = cut.first // elements, -(-cut.last // elements)
+        unit = size // rows.itemsize
+        return rows[:, first * unit : last * unit], first * elements
 
-    def packed(self, name: str, format: str) -> torch.Tensor | None:
+    def dense(self, name: str, cut: Cut | None = None) -> torch.Tensor:
         tensor = self.stored(name)
-        columns = int(tensor.shape[0])
-        if PUBLIC_BLOCKS.get(format) != tensor.tensor_type or columns % FORMATS[format].block_elements:
-            return None
-        return torch.from_numpy(np.array(take_over(FORMATS[format], self.rows(name), columns)))
+        blocks, begin = self.blocks(name, cut)
+        values = gguf.dequantize(np.ascontiguousarray(blocks), tensor.tensor_type)
+        if len(tensor.shape) == 2:
+            values = values.reshape(blocks.shape[0], -1)
+            if cut is not None:
+                values = values[:, cut.first - begin : cut.last - begin] if cut.axis == COLUMNS else values
+        return torch.from_numpy(np.require(values, np.float32, ["C", "W"]))
+
+    def has_packed(self, name: str, format: str) -> bool:
+        tensor = self.stored(name)
+        return PUBLIC_BLOCKS.get(format) == tensor.tensor_type and tensor.shape[0] % FORMATS[format].block_elements == 0
+
+    def packed(self, name: str, format: str, cut: Cut | None = None) -> torch.Tensor:
+        columns = int(self.stored(name).shape[0]) if cut is None else cut.shape[1]
+        return torch.from_numpy(np.array(take_over(FORMATS[format], self.blocks(name, cut)[0], columns)))
 
     def embedding_kind(self) -> str:
         return self.stored("model.embed_tokens.weight").tensor_type.name
 
-    def checked(self, name: str, like: torch.Tensor) -> torch.Tensor:
+    def checked(self, name: str, like: torch.Tensor, cut: Cut | None = None) -> torch.Tensor:
         if name == "model.embed_tokens.weight":
-            rows = np.array(self.stored(name).data)
+            stored = self.stored(name)
+            # Of a model that several processes share it stays in the file: a step reads a row of it.
+            place = {"mode": "c", "offset": int(stored.data_offset), "shape": stored.data.shape}
+            mapped = self.plan is not None
+            rows = np.memmap(self.path, stored.data.dtype, **place) if mapped else np.array(stored.data)
             return torch.from_numpy(rows.view(np.uint8).reshape(rows.shape[0], -1))
-        return super().checked(name, like)
+        return super().checked(name, like, cut)
 
     def tokenizer(self) -> ChatTokenizer:
         kind = self.field("tokenizer.ggml.model")
@@ -205,26 +230,48 @@ def load_gguf(
     format: Formats | None = None,
     importance: Importance | None = None,
     progress: Progress | None = None,
+    link: Link | None = None,
 ) -> Llama:
     """A Llama model from a GGUF file, on XPU, with its tokenizer: packed in a format as quantize_ takes it, or dense.
 
+    `link`: to the processes that share the model; each reads and packs its share alone. Errors then as those of shard_.
     Blocks that the file already holds in the wanted format are taken over as they are, without loss. ModelError: a file
     that is no such model, or of which no weight can be had in the format.
     """
     source = GgufWeights(path)
-    model = packed_llama(Llama(source.config, source.embedding_kind()), source, format, importance, progress)
+    model = packed_llama(Llama(source.config, source.embedding_kind()), source, format, importance, progress, link)
     model.tokenizer = source.tokenizer()
     return model
 
 
 def packed_llama(
-    model: Llama, source: WeightSource, format: Formats | None, importance: Importance | None, progress: Progress | None
+    model: Llama,
+    source: GgufWeights | SafetensorsWeights,
+    format: Formats | None,
+    importance: Importance | None,
+    progress: Progress | None,
+    link: Link | None,
 ) -> Llama:
     """A model on the meta device, packed and filled from a source one layer at a time, brought to XPU."""
+    if link is not None:
+        link.agree(
+            {**versions(), "model": fingerprint(source.path), "format": str(format), **importance_fact(importance)}
+        )
+        source.plan = plan_of(model, link)
     quantize_(model, {} if format is None else format, importance=importance, progress=progress, weights=source)
     if isinstance(format, str) and format not in summary(model).formats():
         raise ModelError(
             f"no weight of the model can be had in {format}: its rows are too short for 256-element blocks, "
             "or the format needs a file that already holds such blocks"
         )
+    if link is not None:
+        join(model, source.cuts, link)
     return model.prepare()
+
+
+def importance_fact(importance: Importance | None) -> dict[str, str]:
+    """What processes that pack the shares of a model have to have in common beside the model."""
+    digest = hashlib.sha256()
+    for name, values in sorted((importance or {}).items()):
+        digest.update(name.encode() + as_floats(values).tobytes())
+    return {"importance of inputs": "none" if importance is None else digest.hexdigest()[:12]}

@@ -18,6 +18,7 @@ from torch.nn.functional import silu
 
 from ..device import DEVICE, corvane, is_class_with_grid_mlp, to_device
 from ..linear import PackedLinear
+from ..parallel import INPUT_SHARES, Link, OUTPUT_SHARES
 from ..tokenizer import ChatTokenizer
 
 # Prompts are read in pieces of so many rows, and from so many on in a type of their own. In bfloat16 the time of a row falls
@@ -133,8 +134,9 @@ class Decoder(nn.Module):
 class KvCache:
     """Keys and values of all tokens so far: per layer two tensors (1, kv_heads, capacity, head_size)."""
 
-    def __init__(self, config: Config, capacity: int, dtype: torch.dtype) -> None:
-        shape = (1, config.kv_heads, capacity, config.head_size)
+    def __init__(self, config: Config, capacity: int, dtype: torch.dtype, processes: int = 1) -> None:
+        """`processes`: so many share the heads."""
+        shape = (1, config.kv_heads // processes, capacity, config.head_size)
         self.keys = [torch.zeros(shape, dtype=dtype, device=DEVICE) for _ in range(config.layers)]
         self.values = [torch.zeros(shape, dtype=dtype, device=DEVICE) for _ in range(config.layers)]
         self.capacity = capacity
@@ -172,16 +174,29 @@ class LayerStep:
 
 
 def product_of(layer: nn.Module) -> Callable[[torch.Tensor], torch.Tensor]:
-    """The quickest call that does what the layer's own does, for contiguous rows on XPU of any dtype."""
-    if type(layer) is nn.Linear:
-        return lambda x: layer(x.to(layer.weight.dtype)).to(x.dtype)
+    """The quickest call that does what the layer's own does, for contiguous rows on XPU of any dtype.
+
+    Of an output head that several processes share it gives this process's part.
+    """
+    own = layer.own if isinstance(layer, OUTPUT_SHARES) else layer
+    if isinstance(layer, nn.Linear):  # dense, in a dtype of its own
+        return lambda x: own(x.to(layer.weight.dtype)).to(x.dtype)
+    quick = quick_product(layer)
+    if isinstance(layer, INPUT_SHARES) and quick is not None:
+        add_up = layer.link.sum
+        return lambda x: add_up(quick(x))
+    return quick or own
+
+
+def quick_product(layer: nn.Module) -> Callable[[torch.Tensor], torch.Tensor] | None:
+    """The product with a packed weight without looking at the layer again, None where more has to be done."""
     if (
         not isinstance(layer, PackedLinear)
         or layer.bias is not None
         or layer._forward_hooks
         or layer._forward_pre_hooks
     ):
-        return layer
+        return None
     weight, qtype, general, forward_new = layer.weight, layer.qtype, layer.product, corvane.forward_new
     return lambda x: forward_new(x, weight, qtype, 1) if x.shape[0] == 1 else general(x)
 
@@ -229,6 +244,7 @@ class Llama(nn.Module):
         self.lm_head = nn.Linear(config.hidden, config.vocabulary, bias=False, device="meta")
         self.dtype, self.prompt_dtype, self.fused, self.many_rows = torch.float32, torch.bfloat16, True, True
         self.tokenizer: ChatTokenizer | None = None
+        self.link: Link | None = None  # to the processes that share the model
         half = torch.arange(config.head_size // 2, dtype=torch.float64, device="cpu")
         self.frequencies = config.rope_base ** (-2 * half / config.head_size)
         if config.rope_divisors is not None:
@@ -266,13 +282,18 @@ class Llama(nn.Module):
             angles = torch.outer(torch.arange(capacity, dtype=torch.float64), self.frequencies)
             self.rotation = torch.stack([angles.cos(), angles.sin()]).float().to(DEVICE)  # (2, capacity, head_size / 2)
             self.positions = torch.arange(capacity, dtype=torch.int64).to(DEVICE)
-        return KvCache(self.config, capacity, self.dtype)
+        return KvCache(self.config, capacity, self.dtype, 1 if self.link is None else self.link.count)
 
     def forward(self, tokens: Sequence[int], cache: KvCache, last_only: bool = True) -> torch.Tensor:
         """Append tokens to the sequence; logits (1 or len(tokens), vocabulary) float32 for the token after each.
 
         ValueError: no tokens, or more than the cache has room for.
         """
+        logits = self._advance(tokens, cache, last_only)
+        return logits if self.link is None else self.link.gather(logits, self.lm_head.cut.sizes)
+
+    def _advance(self, tokens: Sequence[int], cache: KvCache, last_only: bool) -> torch.Tensor:
+        """forward() but for the logits of other processes."""
         if not tokens:
             raise ValueError("there are no tokens to read")
         if cache.length + len(tokens) > cache.capacity:
@@ -281,7 +302,19 @@ class Llama(nn.Module):
         pieces = [self._layers(tokens[start : start + rows], cache) for start in range(0, len(tokens), rows)]
         return self._logits(pieces[-1][-1:]) if last_only else torch.cat([self._logits(hidden) for hidden in pieces])
 
+    def likeliest(self, tokens: Sequence[int], cache: KvCache) -> int:
+        """Append tokens to the sequence; the likeliest one after them, of equal ones the first. Errors as forward's.
+
+        Processes that share the model compare their best candidates, where forward puts all logits together.
+        """
+        logits = self._advance(tokens, cache, True)[0]
+        best = int(logits.argmax())
+        if self.link is None:
+            return best
+        return self.link.best(float(logits[best]), self.lm_head.cut.first + best)
+
     def _logits(self, hidden: torch.Tensor) -> torch.Tensor:
+        """Logits, those of this process where several share the output head."""
         return self.head(self.head_norm(hidden).to(self.dtype)).float()
 
     def _layers(self, tokens: Sequence[int], cache: KvCache) -> torch.Tensor:
