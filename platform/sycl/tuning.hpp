@@ -60,8 +60,9 @@ constexpr unsigned product_rows = 4, product_columns = 4;
 #else
 constexpr unsigned product_rows = 2, product_columns = 2;
 #endif
-// With more input rows a library that packs its operands is faster, but for BFloat16 where the processor multiplies pairs:
-// 2048 x 2048 with 96 / 128 / 256 rows took 0.80 / 0.84 / 0.82 of the library's time, 4096 x 4096 0.79 / 0.84 / 0.81.
+// With more input rows a library that packs its operands is faster, but for BFloat16 where the processor multiplies
+// pairs: 2048 x 2048 with 96 / 128 / 256 rows took 0.80 / 0.84 / 0.82 of the library's time, 4096 x 4096 0.79 / 0.84 /
+// 0.81.
 #ifdef __AVX512BF16__
 constexpr std::size_t product_few_pairs = std::numeric_limits<std::size_t>::max();
 #else
