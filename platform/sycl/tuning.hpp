@@ -75,7 +75,7 @@ constexpr std::size_t product_few_rows = std::is_same_v<T, BFloat16> ? product_f
 constexpr std::size_t product_tile_bytes = std::size_t{256} << 10;
 
 // Row tiles of 8 rows, and columns, that the systolic kernel takes together: a weight block is expanded once for 64
-// rows, an input block converted once for 32 columns.
+// rows.
 constexpr unsigned systolic_row_tiles = 8;
 constexpr unsigned systolic_columns = 32;
 
