@@ -3,7 +3,11 @@
 if(NOT Python3_EXECUTABLE)
   set(Python3_EXECUTABLE /usr/bin/python3)
 endif()
-find_package(Python3 REQUIRED COMPONENTS Interpreter Development.Module)
+if(CMAKE_CROSSCOMPILING)
+  find_package(Python3 REQUIRED COMPONENTS Interpreter)
+else()
+  find_package(Python3 REQUIRED COMPONENTS Interpreter Development.Module)
+endif()
 
 # Asked as things stand, and then past the build environment of a package installer, which hides the packages of the
 # interpreter that it installs into.
@@ -62,6 +66,9 @@ else()
   set(torch_product framework)
 endif()
 
+if(CMAKE_CROSSCOMPILING)
+  return()  # the headers of this machine's PyTorch will do, its libraries not
+endif()
 foreach(name torch torch_cpu c10 torch_python)
   find_library(${name}_library ${name} HINTS ${torch_library_dirs} REQUIRED)
 endforeach()

@@ -9,16 +9,23 @@
 #                               Python ones on two device classes, and installed as a package
 #   scripts/test.sh --pythons   installed as a package from PyPI's PyTorch up, under each Python from 3.10 that the machine
 #                               has (some 5 GB each)
+#   scripts/test.sh --portable  a build for any x86-64 processor: the choice of a level, the C++ tests and the Python
+#                               ones (class 1) on each level of this machine, and as a wheel where no compiler is
+#   scripts/test.sh --arm       a build for 64-bit ARM: the C++ tests, under an emulator
 #   scripts/test.sh --thread    the tests of pool, queue and groups under the thread sanitizer
 #   scripts/test.sh --fuzz      the fuzzer for a minute (scripts/fuzz.sh)
-#   scripts/test.sh --ci        all of this but --pythons
+#   scripts/test.sh --ci        all of this but --pythons, --portable and --arm
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 mode=${1:-all}
 case $mode in
-  all | --quick | --sanitize | --torch | --pythons | --thread | --fuzz | --ci) ;;
-  *) echo "usage: scripts/test.sh [--quick | --sanitize | --torch | --pythons | --thread | --fuzz | --ci]" >&2; exit 2 ;;
+  all | --quick | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz | --ci) ;;
+  *)
+    echo "usage: scripts/test.sh [--quick | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz |" \
+      "--ci]" >&2
+    exit 2
+    ;;
 esac
 
 . scripts/device_names.sh
@@ -100,6 +107,34 @@ test_pythons() {
   done
 }
 
+test_portable() {
+  scripts/setup.sh binutils qemu-user
+  scripts/build.sh portable
+  local folder=build/portable levels level
+  run "portable: choice of a level" env PYTHONPATH="$folder/python" \
+    "$python" -m pytest -q -p no:cacheprovider tests/portable
+  levels=$(PYTHONPATH="$folder/python" "$python" -c 'from host_xpu import _levels; print(*_levels.offered)')
+  for level in $levels; do
+    run "$level: C++" "$folder/corvane_tests_$level" --gtest_brief=1
+    python_environment=(CORVANE_ISA="$level")
+    test_python "$level: Python, class 1" "$folder" 1
+    python_environment=()
+  done
+  run "portable: wheel without a compiler" test_wheel
+}
+
+test_wheel() {
+  local version
+  version=$("$python" -c 'import torch; print(torch.__version__.split("+")[0])')
+  scripts/build_wheel.sh "$python" && scripts/test_package.sh --wheel dist/torch-"$version"/*.whl
+}
+
+test_arm() {
+  scripts/setup.sh g++-aarch64-linux-gnu qemu-user
+  scripts/build.sh arm
+  run "arm: C++" qemu-aarch64 -L /usr/aarch64-linux-gnu build/arm/corvane_tests --gtest_brief=1
+}
+
 test_thread() {
   scripts/build.sh thread platform_tests
   local -x TSAN_OPTIONS=halt_on_error=1:suppressions=$PWD/scripts/thread_sanitizer.supp
@@ -114,6 +149,8 @@ case $mode in
   --sanitize) test_sanitize ;;
   --torch) test_torch ;;
   --pythons) test_pythons ;;
+  --portable) test_portable ;;
+  --arm) test_arm ;;
   --thread) test_thread ;;
   --fuzz) test_fuzz ;;
   --ci)

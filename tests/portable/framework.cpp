@@ -1,0 +1,30 @@
+// The few functions of PyTorch's libraries that the C++ tests need, for a processor without these: all streams are one
+// queue, a failed check is a plain exception, and number types print.
+#include <c10/util/BFloat16.h>
+#include <c10/util/Half.h>
+
+#include <ostream>
+#include <stdexcept>
+
+#include "frame/check.hpp"
+#include "frame/launch.hpp"
+
+namespace c10 {
+
+std::ostream& operator<<(std::ostream& out, const Half& x) { return out << static_cast<float>(x); }
+std::ostream& operator<<(std::ostream& out, const BFloat16& x) { return out << static_cast<float>(x); }
+
+}  // namespace c10
+
+namespace corvane {
+
+void fail(const origin&, const std::string& message) { throw std::runtime_error(message); }
+
+sycl::queue& current_queue(c10::Device) {
+  static sycl::queue queue(0);
+  return queue;
+}
+
+void record_event(const char* label, sycl::event& done) { done.record().label = label; }
+
+}  // namespace corvane
