@@ -11,6 +11,7 @@ removes them afterwards. The figures behind docs/scaling.md are printed by
 from __future__ import annotations
 
 import argparse
+import itertools
 import json
 import os
 import socket
@@ -40,12 +41,13 @@ def free_port() -> int:
 
 def run(count: int, threads: int, job: str, folder: Path | None = None) -> dict:
     """What rank 0 of so many processes prints for a job."""
-    common = {"WORLD_SIZE": str(count), "MASTER_ADDR": "127.0.0.1", "MASTER_PORT": str(free_port())}
+    port, world = str(free_port()), str(count)
+    common = {"WORLD_SIZE": world, "LOCAL_WORLD_SIZE": world, "MASTER_ADDR": "127.0.0.1", "MASTER_PORT": port}
     command = [sys.executable, __file__, "--job", job, *([] if folder is None else ["--keep", str(folder)])]
     processes = [
         subprocess.Popen(
             command,
-            env={**os.environ, **common, "RANK": str(rank), "OMP_NUM_THREADS": str(threads)},
+            env={**os.environ, **common, "RANK": str(rank), "LOCAL_RANK": str(rank), "OMP_NUM_THREADS": str(threads)},
             stdout=subprocess.PIPE,
             text=True,
         )
@@ -58,16 +60,14 @@ def run(count: int, threads: int, job: str, folder: Path | None = None) -> dict:
 
 
 def link_of_this_process():  # noqa: ANN201
-    import torch.distributed as dist
+    from corvane_runtime.parallel import begin, link_to
 
-    from corvane_runtime.parallel import link_to
-
-    dist.init_process_group("gloo")
+    begin()
     return link_to()
 
 
 def decode(folder: Path) -> dict:
-    """Milliseconds of a token in the quickest tenth, since neighbours only slow them; of them in kernels; bytes held."""
+    """Milliseconds of a token, medians; of them in kernels; bytes held."""
     import host_xpu
 
     from corvane_runtime import load, summary
@@ -84,37 +84,47 @@ def decode(folder: Path) -> dict:
         with host_xpu.record_launches() as launches:
             token = model.likeliest([token], cache)
         kernels.append(sum(launch.duration_ns for launch in launches) / 1e6)
-    found = {"ms": tenth(times), "kernels": tenth(kernels), "bytes": summary(model).bytes}
+    medians = {"ms": statistics.median(times), "kernels": statistics.median(kernels)}
+    found = {**medians, "bytes": summary(model).bytes}
     if link is not None:
         link.close()
     return found
 
 
-def tenth(values: list[float]) -> float:
-    return statistics.quantiles(values, n=10)[0]
-
-
 def exchange(_: Path | None) -> dict:
-    """Microseconds of a sum by elements, and of a step of the ring that sums over more than two processes."""
+    """Microseconds of a sum by elements, and of a step of the ring that sums over more than two processes.
+
+    Between kernels, as in a model: the caches are full of weights then, and processes come at unlike times.
+    """
+    import corvane
+
     link = link_of_this_process()
+    weights = [torch.zeros(4096 * 4096 // 64 * 34 // link.count, dtype=torch.uint8).to("xpu") for _ in range(16)]
+    row = torch.zeros(1, 4096).to("xpu")
+    turn = itertools.count()
+
+    def kernel() -> None:
+        corvane.forward_new(row, weights[next(turn) % len(weights)], 2, 1)
+
     found = {}
     for size in SUM_SIZES:
-        found[str(size)] = quickest_quarter(lambda values: link.sum(values), size)
+        found[str(size)] = median_us(lambda values: link.sum(values), size, kernel)
     # What a sum of more than two processes consists of: the engine's ring has 2 (n - 1) steps, of two processes two.
-    ring = quickest_quarter(lambda values: link.finish(link.group.allreduce([link.sent(values)])), SUM_SIZES[0])
+    ring = median_us(lambda values: link.finish(link.group.allreduce([link.sent(values)])), SUM_SIZES[0], kernel)
     found["step"] = ring / (2 * (link.count - 1))
     link.close()
     return found
 
 
-def quickest_quarter(exchange: Callable[[torch.Tensor], object], size: int) -> float:
-    """Microseconds of an exchange of so many elements, the first quartile of many."""
+def median_us(exchange: Callable[[torch.Tensor], object], size: int, before: Callable[[], None]) -> float:
+    """Microseconds of an exchange of so many elements, each after `before`: the median of many."""
     values, times = torch.zeros(1, size).to("xpu"), []
-    for _ in range(max(50, 2_000_000 // size)):
+    for _ in range(max(50, min(1000, 2_000_000 // size))):
+        before()
         start = time.perf_counter()
         exchange(values)
         times.append(time.perf_counter() - start)
-    return statistics.quantiles(times, n=4)[0] * 1e6
+    return statistics.median(times) * 1e6
 
 
 def token_ms(point: dict, read: float, layer: float, head: float, sums: dict[int, float]) -> float:

@@ -36,6 +36,7 @@ def start(count: int, command: Sequence[str], *more: Sequence[str]) -> list[subp
     found = []
     for rank in range(count):
         own = {"RANK": str(rank), "WORLD_SIZE": str(count), "MASTER_ADDR": "127.0.0.1", "MASTER_PORT": port}
+        own |= {"LOCAL_RANK": str(rank), "LOCAL_WORLD_SIZE": str(count)}
         variables = {**environment(), **own}
         line = [sys.executable, *command, *(more[rank] if rank < len(more) else [])]
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
@@ -81,14 +82,9 @@ def tcp_bytes() -> int:
 
 
 def group():  # noqa: ANN201
-    from datetime import timedelta
+    from corvane_runtime.parallel import begin, link_to
 
-    import torch.distributed as dist
-
-    dist.init_process_group("gloo", timeout=timedelta(seconds=LIMIT))
-
-    from corvane_runtime.parallel import link_to
-
+    begin(LIMIT)
     return link_to()
 
 

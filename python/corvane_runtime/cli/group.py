@@ -8,11 +8,10 @@ import logging
 import os
 import sys
 from collections.abc import Iterator
-from datetime import timedelta
 
 import torch.distributed as dist
 
-from ..parallel import Link, link_to
+from ..parallel import Link, begin, link_to
 
 OWN_OPTIONS = ("model", "run", "figures")  # in these the processes may differ
 
@@ -32,7 +31,7 @@ def processes(options: argparse.Namespace) -> Iterator[Link]:
     if rank:
         logging.getLogger("corvane_runtime").setLevel(logging.ERROR)  # rank 0 says the same
     try:
-        dist.init_process_group("gloo", timeout=timedelta(seconds=options.time_limit))
+        begin(options.time_limit)
         link = link_to()
         link.agree({f"--{name}": str(value) for name, value in vars(options).items() if name not in OWN_OPTIONS})
         with open(os.devnull, "w") as nowhere, contextlib.redirect_stdout(sys.stdout if rank == 0 else nowhere):
