@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/python/row_operators.hpp"
 #include "platform/sycl/parallel.hpp"
 #include "platform/sycl/queue.hpp"
 #include "platform/xpu/allocator.hpp"
@@ -182,4 +183,5 @@ PYBIND11_MODULE(_device, module) {
   define_streams(module);
   define_memory(module);
   define_records(module);
+  define_row_operators(module);
 }

@@ -19,6 +19,8 @@ from host_xpu._device import (
     memory_allocated,
     record_launches,
     reset_peak_memory_stats,
+    rms_norm,
+    row_attention,
     stream,
     synchronize,
 )
@@ -44,6 +46,8 @@ __all__ = [
     "memory_allocated",
     "record_launches",
     "reset_peak_memory_stats",
+    "rms_norm",
+    "row_attention",
     "stream",
     "synchronize",
 ]

@@ -4,6 +4,8 @@ from collections.abc import Iterator
 from types import TracebackType
 from typing import overload
 
+from torch import Tensor, dtype
+
 class LaunchRecord:
     """One kernel launch."""
 
@@ -124,4 +126,21 @@ def record_launches() -> LaunchRecorder:
 
     The context yields the list of their records. The list fills while the context is open and stays readable after it.
     Contexts may be nested; each has its own list. A recorder that is recording already raises ValueError when entered.
+    """
+
+def rms_norm(
+    x: Tensor, weight: Tensor, epsilon: float, dtype: dtype, delta: Tensor | None = None
+) -> Tensor:
+    """Root-mean-square norm over the last dimension of x, float (..., size), contiguous on XPU, times weight, float (size,).
+
+    Computed in float, rounded to dtype (float, half or bfloat16). A delta of x's shape is added to x first, in place.
+    RuntimeError: other shapes, types or devices.
+    """
+
+def row_attention(query: Tensor, keys: Tensor, values: Tensor) -> Tensor:
+    """Attention of one position: query (1, heads, 1, head_size), keys and values (1, kv_heads, length, head_size).
+
+    All float, half or bfloat16 with contiguous rows, head_size a multiple of 16; heads / kv_heads query heads share a key
+    and value head. softmax(query key^T / sqrt(head_size)) value in float, rounded once: (1, heads * head_size).
+    RuntimeError: other shapes, types or devices.
     """

@@ -13,10 +13,9 @@ import gguf
 import numpy as np
 import torch
 from torch import nn
-from torch.linalg import vector_norm
 from torch.nn.functional import silu
 
-from ..device import DEVICE, corvane, is_class_with_grid_mlp, to_device
+from ..device import DEVICE, corvane, host_xpu, is_class_with_grid_mlp, to_device
 from ..linear import PackedLinear
 from ..parallel import INPUT_SHARES, Link, OUTPUT_SHARES
 from ..tokenizer import ChatTokenizer
@@ -64,7 +63,7 @@ class StoredEmbedding(nn.Module):
     def __init__(self, tokens: int, columns: int, kind: str) -> None:
         """`kind` is the name of a type of GGUF tensors, such as "Q8_0", "BF16" or "F32"."""
         super().__init__()
-        self.columns, self.kind = columns, gguf.GGMLQuantizationType[kind]
+        self.kind, self._decoder = gguf.GGMLQuantizationType[kind], None
         block, size = gguf.GGML_QUANT_SIZES[self.kind]
         self.register_buffer("weight", torch.empty(tokens, columns // block * size, dtype=torch.uint8, device="meta"))
 
@@ -73,15 +72,23 @@ class StoredEmbedding(nn.Module):
 
     def forward(self, tokens: Sequence[int]) -> torch.Tensor:
         """The rows of token numbers, float32 (tokens, columns), on XPU. IndexError: a number beyond the table."""
-        numbers = np.asarray(tokens, dtype=np.int64)
-        if numbers.size and (numbers.min() < 0 or numbers.max() >= self.weight.shape[0]):
+        if len(tokens) and (min(tokens) < 0 or max(tokens) >= self.weight.shape[0]):
             raise IndexError(f"token numbers run from 0 to {self.weight.shape[0] - 1}")
-        rows = np.ascontiguousarray(self.weight.numpy()[numbers])
+        table = self.weight.numpy()
+        # One token, a step of decoding, is a view: each call into numpy costs some 10 us beside the kernels.
+        rows = table[tokens[0] : tokens[0] + 1] if len(tokens) == 1 else table[np.asarray(tokens, dtype=np.int64)]
         if self.kind == gguf.GGMLQuantizationType.F32:
-            return to_device(rows.view(np.float32))
+            return to_device(rows.view(np.float32).copy())
         if self.kind == gguf.GGMLQuantizationType.F16:
             return to_device(rows.view(np.float16).astype(np.float32))
-        return to_device(np.asarray(gguf.dequantize(rows, self.kind), dtype=np.float32).reshape(-1, self.columns))
+        return to_device(self.decoder().dequantize_rows(rows))
+
+    def decoder(self) -> type:
+        """What decodes blocks of the kind, without the package's preparations for large arrays."""
+        if self._decoder is None:
+            self._decoder = getattr(gguf.quants, self.kind.name)
+            self._decoder.init_grid()
+        return self._decoder
 
 
 class Norm(nn.Module):
@@ -151,16 +158,16 @@ class LayerStep:
     """What one layer needs for a step, looked up once: its weights, and which operators serve it."""
 
     def __init__(self, layer: Layer, fused: bool, config: Config) -> None:
-        attention, mlp, epsilon = layer.self_attn, layer.mlp, config.norm_epsilon
-        self.attention_norm = norm_of(layer.input_layernorm, epsilon)
-        self.mlp_norm = norm_of(layer.post_attention_layernorm, epsilon)
+        attention, mlp = layer.self_attn, layer.mlp
+        self.attention_norm = norm_of(layer.input_layernorm, config)
+        self.mlp_norm = norm_of(layer.post_attention_layernorm, config)
         self.q, self.k, self.v = attention.q_proj, attention.k_proj, attention.v_proj
         self.gate, self.up = mlp.gate_proj, mlp.up_proj
         self.query, self.key, self.value, self.output, self.gated, self.upped, self.down = (
             product_of(part) for part in (self.q, self.k, self.v, attention.o_proj, self.gate, self.up, mlp.down_proj)
         )
         parts = (attention.q_norm, attention.k_norm) if hasattr(attention, "q_norm") else None
-        self.head_norms = parts and tuple(norm_of(part, epsilon) for part in parts)
+        self.head_norms = parts and tuple(norm_of(part, config) for part in parts)
         plain = self.head_norms is None and config.rope_divisors is None
         self.fused_qkv = fused and plain and has_fused_qkv(attention)
         self.fused_mlp = fused and has_fused_mlp(mlp)
@@ -201,13 +208,18 @@ def quick_product(layer: nn.Module) -> Callable[[torch.Tensor], torch.Tensor] | 
     return lambda x: forward_new(x, weight, qtype, 1) if x.shape[0] == 1 else general(x)
 
 
-def norm_of(module: Norm, epsilon: float) -> Callable[[torch.Tensor], torch.Tensor]:
-    """The root-mean-square norm over the last dimension of float values, in as few operators as do it."""
-    size = module.weight.shape[0]
-    # x / sqrt(mean(x^2) + epsilon) is sqrt(size) * x / hypot(norm(x), sqrt(size * epsilon)).
-    weight = module.weight.detach() * size**0.5
-    least = weight.new_tensor((size * epsilon) ** 0.5)
-    return lambda x: x / torch.hypot(vector_norm(x, dim=-1, keepdim=True), least) * weight
+def norm_of(module: Norm, config: Config) -> Callable[..., torch.Tensor]:
+    """norm(x, dtype, delta=None): the root-mean-square norm of float rows, rounded to a type; delta is added to x first."""
+    weight, epsilon, norm = module.weight.detach(), config.norm_epsilon, host_xpu.rms_norm
+
+    def normed(x: torch.Tensor, dtype: torch.dtype, delta: torch.Tensor | None = None) -> torch.Tensor:
+        if dtype != torch.float64:
+            return norm(x, weight, epsilon, dtype, delta)
+        if delta is not None:
+            x += delta
+        return norm(x, weight, epsilon, torch.float32).to(dtype)
+
+    return normed
 
 
 def has_fused_qkv(attention: Attention) -> bool:
@@ -277,7 +289,7 @@ class Llama(nn.Module):
     def new_cache(self, capacity: int) -> KvCache:
         """An empty cache with room for `capacity` tokens; looks at the layers anew, and prepares the rotary table."""
         self.steps = [LayerStep(layer, self.fused, self.config) for layer in self.model.layers]
-        self.head, self.head_norm = product_of(self.lm_head), norm_of(self.model.norm, self.config.norm_epsilon)
+        self.head, self.head_norm = product_of(self.lm_head), norm_of(self.model.norm, self.config)
         if self.positions.shape[0] < capacity:
             angles = torch.outer(torch.arange(capacity, dtype=torch.float64), self.frequencies)
             self.rotation = torch.stack([angles.cos(), angles.sin()]).float().to(DEVICE)  # (2, capacity, head_size / 2)
@@ -315,19 +327,21 @@ class Llama(nn.Module):
 
     def _logits(self, hidden: torch.Tensor) -> torch.Tensor:
         """Logits, those of this process where several share the output head."""
-        return self.head(self.head_norm(hidden).to(self.dtype)).float()
+        return self.head(self.head_norm(hidden, self.dtype)).float()
 
     def _layers(self, tokens: Sequence[int], cache: KvCache) -> torch.Tensor:
         """The residual stream after all layers, (rows, hidden) float32."""
         hidden = self.model.embed_tokens(tokens)
         position = self.positions.narrow(0, cache.length, 1)
         dtype = self.dtype if len(tokens) < FEWEST_PROMPT_ROWS else self.prompt_dtype
+        delta = None  # what the last part adds to the residual stream
         for i, step in enumerate(self.steps):
-            x = step.attention_norm(hidden).to(dtype)
+            x = step.attention_norm(hidden, dtype, delta)
             query, keys, values = self._project(i, step, x, cache, position)
-            hidden += step.output(attention(query, keys, values).to(dtype))
-            x = step.mlp_norm(hidden).to(dtype)
-            hidden += step.down(self._gated(step, x))
+            delta = step.output(attention(query, keys, values).to(dtype))
+            x = step.mlp_norm(hidden, dtype, delta)
+            delta = step.down(self._gated(step, x))
+        hidden += delta
         cache.length += len(tokens)
         return hidden
 
@@ -351,7 +365,7 @@ class Llama(nn.Module):
         query, key = step.query(x).view(heads), step.key(x).view(heads)
         if step.head_norms is not None:
             query, key = (
-                norm(part.float()).to(x.dtype) for norm, part in zip(step.head_norms, (query, key), strict=True)
+                norm(part.float(), x.dtype) for norm, part in zip(step.head_norms, (query, key), strict=True)
             )
         query = rotate(query.transpose(1, 2), rotation)
         cache.keys[i].narrow(2, start, rows).copy_(rotate(key.transpose(1, 2), rotation))
@@ -383,6 +397,8 @@ def attention(query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor) -> 
     """
     _, heads, rows, head_size = query.shape
     _, kv_heads, length, _ = keys.shape
+    if rows == 1 and head_size % 16 == 0 and query.dtype == keys.dtype != torch.float64:
+        return host_xpu.row_attention(query, keys, values)
     grouped = query.reshape(kv_heads, heads // kv_heads * rows, head_size).float()
     keys, values = keys.squeeze(0).float(), values.squeeze(0).float()
     # scores: (kv_heads, heads / kv_heads * rows, length). Not baddbmm with a beta of 0: older CPU kernels multiply what it
