@@ -49,14 +49,14 @@ void gated_units(const kernel_launch& how, const T* input, const mlp_arguments<T
   launch_rows(
       device, {mlp_source, how.name}, how.sizes, a.output_size, [&row] { row.prepare(); },
       [&](uint64_t first_row, unsigned rows) {
-        for_rows<T, 2, rows_together>(
+        for_rows<T, 2, fused_rows<T>>(
             rows,
             [&](unsigned r, auto& sums) {
-              const auto list = rows_from<rows_together>(first_row + r, a.output_size, units);
+              const auto list = rows_from<fused_rows<T>>(first_row + r, a.output_size, units);
               // The weights in turn, as on a device.
               for (unsigned w = 0; w < 2; ++w) {
                 dots(row.view(), 0, weights[w], list, units,
-                     reinterpret_cast<simd<T, 16>(&)[1][rows_together]>(sums[w]));
+                     reinterpret_cast<simd<T, 16>(&)[1][fused_rows<T>]>(sums[w]));
               }
             },
             [&](const auto& totals) { store_gated(a, totals, first_row, rows); });

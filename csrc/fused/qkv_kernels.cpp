@@ -18,10 +18,12 @@ namespace {
 struct rotary_pair {
   uint32_t half, head, e, row;
 
+  rotary_pair() = default;
   rotary_pair(uint32_t group, uint32_t head_size)
       : half(head_size / 2), head(group / half), e(group % half), row(head * head_size + e) {}
   uint32_t partner() const { return row + half; }
-  uint32_t step() const { return e + 1 == half ? half + 1 : 1; }  // rows from here to the next group's
+  // Rows from here to those of the group `groups` further.
+  uint32_t step(uint32_t groups) const { return e + groups < half ? groups : groups + half; }
 };
 
 // The angle by which element e of every head turns.
@@ -55,11 +57,11 @@ void finish_pair(const projection<T>& matrix, const rotary_pair& pair, const rot
 }
 
 // One work-group for each row pair of the largest matrix, times the matrices: groups beyond a smaller matrix's rows end
-// at once. prepare_input() is the caller's share of the first phase; dot_pair(m, pair, sums) adds the two dot products,
-// spread over the lanes, to sums[0][0] and sums[1][0].
-template <class T, unsigned Matrices, class Prepare, class DotPair>
+// at once. prepare_input() is the caller's share of the first phase; dot_pairs(m, pairs, sums) adds the two dot
+// products of Together pairs, spread over the lanes, to sums[0] and sums[1].
+template <unsigned Together, class T, unsigned Matrices, class Prepare, class DotPairs>
 void launch_row_pairs(const kernel_launch& how, const projection_arguments<T, Matrices>& a, c10::Device device,
-                      const Prepare& prepare_input, const DotPair& dot_pair) {
+                      const Prepare& prepare_input, const DotPairs& dot_pairs) {
   uint32_t most_rows = 0;
   for (const projection<T>& matrix : a.matrices) most_rows = std::max(most_rows, matrix.rows);
   const uint32_t half = std::min(a.head_size, most_rows) / 2;  // no head, no angle
@@ -69,15 +71,20 @@ void launch_row_pairs(const kernel_launch& how, const projection_arguments<T, Ma
     for (uint32_t e = 0; e < half; ++e) turns[e] = rotation::of(a, e);
     prepare_input();
   };
-  const auto kernel = [&dot_pair, &a, turns = turns.get()](const sycl::group_cluster<2>& groups) {
+  const auto kernel = [&dot_pairs, &a, turns = turns.get()](const sycl::group_cluster<2>& groups) {
     const auto m = static_cast<unsigned>(groups.first(1));
     const projection<T>& matrix = a.matrices[m];
     // Rows come in whole heads: from this group on a pair's second row is beyond the end.
     const auto end = static_cast<uint32_t>(std::min<std::size_t>(groups.first(0) + groups.count(0), matrix.rows / 2));
     for (auto first = static_cast<uint32_t>(groups.first(0)); first < end; first += tree_rows) {
       const unsigned pairs = std::min(end - first, tree_rows);
-      for_rows<T, 2>(
-          pairs, [&](unsigned i, auto& sums) { dot_pair(m, rotary_pair(first + i, a.head_size), sums); },
+      for_rows<T, 2, Together>(
+          pairs,
+          [&](unsigned i, auto& sums) {
+            std::array<rotary_pair, Together> some;  // past the end the last pair again, whose sums nobody takes
+            for (unsigned j = 0; j < Together; ++j) some[j] = {std::min(first + i + j, end - 1), a.head_size};
+            dot_pairs(m, some, sums);
+          },
           [&](const auto& totals) {
             T results[2][tree_rows];
             for (unsigned r = 0; r < 2; ++r) totals[r].store(results[r]);
@@ -105,13 +112,19 @@ void project_units(const kernel_launch& how, const T* input, const projection_ar
     planes[m] = reader::locate(a.matrices[m].weight, a.state_size, a.matrices[m].rows);
   }
   const auto units = static_cast<uint32_t>(a.state_size / unit_elements);
+  constexpr unsigned together = fused_rows<T> / 2;
   const auto dots = scaled_row_dots<Id, T>();
   prepared_row<reader, T> row(input, units);
-  launch_row_pairs(
+  launch_row_pairs<together>(
       how, a, device, [&row] { row.prepare(); },
-      [&](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2][1]) {
-        const row_list<2> rows{{pair.row * units, pair.partner() * units}, pair.step() * units};
-        dots(row.view(), 0, planes[m], rows, units, reinterpret_cast<simd<T, 16>(&)[1][2]>(sums));
+      [&](unsigned m, const std::array<rotary_pair, together>& pairs, simd<T, 16>(&sums)[2][together]) {
+        row_list<2 * together> rows;
+        rows.ahead = pairs[0].step(together) * units;
+        for (unsigned i = 0; i < together; ++i) {
+          rows.first_unit[i] = pairs[i].row * units;
+          rows.first_unit[together + i] = pairs[i].partner() * units;
+        }
+        dots(row.view(), 0, planes[m], rows, units, reinterpret_cast<simd<T, 16>(&)[1][2 * together]>(sums));
       });
 }
 
@@ -131,16 +144,16 @@ void project_q8_1(const kernel_launch& how, const uint8_t* input, const projecti
   const auto blocks = static_cast<uint32_t>(a.state_size / detail::super_block_elements);
   staged_row<dots_of<Id>> row(blocks);
   staged_row<dots_of<support[Id].qkv.value_format>> row_of_value(Matrices == 3 ? blocks : 0);
-  launch_row_pairs(
+  launch_row_pairs<1>(
       how, a, device,
       [&row, &row_of_value, input] {
         row.fill(input);
         if (Matrices == 3) row_of_value.fill(input);
       },
-      [&](unsigned m, const rotary_pair& pair, simd<T, 16>(&sums)[2][1]) {
+      [&](unsigned m, const std::array<rotary_pair, 1>& pairs, simd<T, 16>(&sums)[2][1]) {
         const projection<T>& matrix = a.matrices[m];
         for (unsigned r = 0; r < 2; ++r) {
-          const uint32_t n = r == 0 ? pair.row : pair.partner();
+          const uint32_t n = r == 0 ? pairs[0].row : pairs[0].partner();
           sums[r][0] = m == value_matrix ? row_dot(matrix, n, row_of_value, blocks) : row_dot(matrix, n, row, blocks);
         }
       });

@@ -33,7 +33,7 @@ void launch_one_row(const kernel_launch& how, const one_row_input<Id, T>* input,
 template <int32_t Id, class T>
 row_dots_function<scaled_reader_of<Id>, T> scaled_row_dots() {
   if constexpr (row_reader<scaled_reader_of<Id>>) {
-    return &row_dots<scaled_reader_of<Id>, 1, T, rows_together>;
+    return &row_dots<scaled_reader_of<Id>, 1, T, fused_rows<T>>;
   } else {
     return nullptr;
   }

@@ -6,10 +6,13 @@
 #include <cstdint>
 
 #include "linear/row_input.hpp"
+#include "platform/sycl/tuning.hpp"
 
 namespace corvane {
 
-constexpr unsigned rows_together = 2;  // weight rows that a fused kernel or a small batch walks side by side
+constexpr unsigned rows_together = 2;  // weight rows that a small batch walks side by side
+template <class T>
+constexpr unsigned fused_rows = sycl::tuning::rows_side_by_side<T>;  // and a fused kernel
 
 // Which rows are read together, and how far ahead of them the next ones lie, which are asked for meanwhile: of several
 // streams the processor loses track by itself.
@@ -40,7 +43,7 @@ void row_dots(const row_input<T>& input, uint64_t stride, const typename Reader:
 
 template <class Reader, class T>
 using row_dots_function = void (*)(const row_input<T>&, uint64_t, const typename Reader::planes&,
-                                   const row_list<rows_together>&, uint32_t, simd<T, 16> (&)[1][rows_together]);
+                                   const row_list<fused_rows<T>>&, uint32_t, simd<T, 16> (&)[1][fused_rows<T>]);
 
 // row_dots of one input with the format's scales, for the fused kernels; null for a format of another row scheme.
 // Compiled with the format's one-row kernel.
