@@ -18,6 +18,12 @@ using at::Tensor;
 
 // --- calls -----------------------------------------------------------------------------------------------------------
 
+// The framework's integers are wider than the bodies' ids: cut to 32 bits, one that names no format might name one.
+int32_t format_id(int64_t qtype, const char* function) {
+  if (qtype != static_cast<int32_t>(qtype)) check_format(qtype, {"operators", function});
+  return static_cast<int32_t>(qtype);
+}
+
 // The positions before the new one: what the bodies take for the cache, with the room behind it.
 Tensor filled(const Tensor& cache, int64_t positions, const char* name) {
   TORCH_CHECK(cache.dim() == 4 && positions >= 0 && positions < cache.size(2), name,
@@ -27,15 +33,15 @@ Tensor filled(const Tensor& cache, int64_t positions, const char* name) {
 }
 
 Tensor forward_new(const Tensor& input, const Tensor& weight, int64_t qtype, int64_t row_hint) {
-  return linear_forward_new(input, weight, static_cast<int32_t>(qtype), row_hint);
+  return linear_forward_new(input, weight, format_id(qtype, "forward_new"), row_hint);
 }
 
 Tensor forward_qkv(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k, const Tensor& weight_v,
                    const Tensor& position_ids, const Tensor& cache_k, const Tensor& cache_v, int64_t qtype,
                    int64_t vtype, int64_t kv_seq_len, int64_t head_size, double rope_base) {
   return linear_xpu_qkv(input, weight_q, weight_k, weight_v, position_ids, filled(cache_k, kv_seq_len, "cache_k"),
-                        filled(cache_v, kv_seq_len, "cache_v"), static_cast<int32_t>(qtype),
-                        static_cast<int32_t>(vtype), kv_seq_len, head_size, static_cast<float>(rope_base))[0];
+                        filled(cache_v, kv_seq_len, "cache_v"), format_id(qtype, "forward_qkv"),
+                        format_id(vtype, "forward_qkv"), kv_seq_len, head_size, static_cast<float>(rope_base))[0];
 }
 
 Tensor forward_qkv_bias(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k, const Tensor& weight_v,
@@ -44,18 +50,18 @@ Tensor forward_qkv_bias(const Tensor& input, const Tensor& weight_q, const Tenso
                         int64_t head_size, double rope_base) {
   return linear_xpu_qkv_bias(input, weight_q, weight_k, weight_v, bias_q, bias_k, bias_v, position_ids,
                              filled(cache_k, kv_seq_len, "cache_k"), filled(cache_v, kv_seq_len, "cache_v"),
-                             static_cast<int32_t>(qtype), static_cast<int32_t>(vtype), kv_seq_len, head_size,
-                             static_cast<float>(rope_base))[0];
+                             format_id(qtype, "forward_qkv_bias"), format_id(vtype, "forward_qkv_bias"), kv_seq_len,
+                             head_size, static_cast<float>(rope_base))[0];
 }
 
 Tensor forward_qk(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k, const Tensor& position_ids,
                   const Tensor& cache_k, int64_t qtype, int64_t kv_seq_len, int64_t head_size, double rope_base) {
   return linear_xpu_qk(input, weight_q, weight_k, position_ids, filled(cache_k, kv_seq_len, "cache_k"),
-                       static_cast<int32_t>(qtype), kv_seq_len, head_size, static_cast<float>(rope_base))[0];
+                       format_id(qtype, "forward_qk"), kv_seq_len, head_size, static_cast<float>(rope_base))[0];
 }
 
 Tensor call_dequant(const Tensor& input, const Tensor& weight, int64_t qtype) {
-  return dequant(input, weight, static_cast<int32_t>(qtype));
+  return dequant(input, weight, format_id(qtype, "dequant"));
 }
 
 void call_bmm(const Tensor& a, const Tensor& b, const Tensor& c) { bmm(a, b, c); }
@@ -63,7 +69,7 @@ void call_bmm(const Tensor& a, const Tensor& b, const Tensor& c) { bmm(a, b, c);
 Tensor call_mlp(const Tensor& input, const Tensor& first, const Tensor& second, int64_t batch_size, int64_t state_size,
                 int64_t output_size, int64_t activation, int64_t qtype) {
   return mlp_forward_xpu(input, first, second, batch_size, state_size, output_size, activation,
-                         static_cast<int32_t>(qtype));
+                         format_id(qtype, "mlp_forward_xpu"));
 }
 
 Tensor call_v4(const Tensor& time_decay, const Tensor& time_first, const Tensor& key, const Tensor& value,
@@ -82,7 +88,7 @@ Tensor call_time_shift(const Tensor& hidden, const Tensor& shifted, const Tensor
 
 Tensor call_dequantize_rows(const Tensor& input, const Tensor& weight, int64_t qtype, int64_t state_size,
                             int64_t output_size) {
-  return dequantize_rows(input, weight, static_cast<int32_t>(qtype), state_size, output_size);
+  return dequantize_rows(input, weight, format_id(qtype, "dequantize_rows"), state_size, output_size);
 }
 
 // --- shapes of results, on tensors without data ----------------------------------------------------------------------
@@ -90,7 +96,7 @@ Tensor call_dequantize_rows(const Tensor& input, const Tensor& weight, int64_t q
 int64_t output_size(const Tensor& weight, int64_t state_size, int64_t qtype, const char* function) {
   const origin here{"operators", function};
   if (weight.dim() < 1) fail(here, "a weight must have at least one dimension");
-  return derive_output_size(weight.sym_size(0).guard_int(__FILE__, __LINE__), state_size, static_cast<int32_t>(qtype),
+  return derive_output_size(weight.sym_size(0).guard_int(__FILE__, __LINE__), state_size, format_id(qtype, function),
                             here);
 }
 

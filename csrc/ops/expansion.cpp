@@ -14,8 +14,8 @@ namespace {
 // as there are `units` of them.
 struct expansion_launch {
   origin where;
-  uint64_t local;  // work-items of a group
-  uint32_t units_of_group;
+  uint64_t local;           // work-items of a group
+  uint64_t units_of_group;  // beyond 32 bits where it is a row's and the weight has none
   uint32_t first_unit, units;
   int sub_group = 0;
   host_wait wait = host_wait::no;
@@ -30,7 +30,7 @@ bool outgrows_caches(const T* output, uint64_t elements) {
 template <class T>
 void launch_expansion(const expansion_launch& how, unit_expander<T> expand, const packed_weight& weight,
                       const expansion_target<T>& to) {
-  const uint64_t groups = (uint64_t{how.units} + how.units_of_group - 1) / how.units_of_group;
+  const uint64_t groups = (how.units + how.units_of_group - 1) / how.units_of_group;
   const auto launch_as = [&](const auto& kernel) {
     launch<1>(weight.device, how.where, {{groups * how.local}, {how.local}}, sycl::sub_group_size{how.sub_group},
               kernel, how.wait, how.label);
@@ -46,9 +46,10 @@ void launch_expansion(const expansion_launch& how, unit_expander<T> expand, cons
   T* const output = to.output;
   const bool past_caches = outgrows_caches(output, uint64_t{how.units} * unit_elements);
   const auto kernel = [&](const sycl::group_cluster<1>& c) {
-    const auto unit = static_cast<uint32_t>(c.first(0)) * how.units_of_group;
-    const uint32_t units = std::min(static_cast<uint32_t>(c.count(0)) * how.units_of_group, how.units - unit);
-    expand(weight, how.first_unit + unit, units, output + uint64_t{unit} * unit_elements, past_caches);
+    const uint64_t unit = c.first(0) * how.units_of_group;
+    const uint64_t units = std::min(c.count(0) * how.units_of_group, how.units - unit);
+    expand(weight, how.first_unit + static_cast<uint32_t>(unit), static_cast<uint32_t>(units),
+           output + unit * unit_elements, past_caches);
   };
   const std::size_t cluster =
       std::max<std::size_t>(1, sycl::tuning::expanded_together / (how.units_of_group * unit_elements));
@@ -71,12 +72,12 @@ void expand_rows(const expansion_kernel& kernel, uint8_t device_class, unit_expa
                  const packed_weight& weight, uint64_t first_row, uint64_t rows, const expansion_target<T>& to) {
   const origin where{linear_source, kernel.name};
   check_multiple(weight.state_size, unit_elements, where);
-  const auto units = static_cast<uint32_t>(weight.state_size / unit_elements);
+  const uint64_t units = weight.state_size / unit_elements;
   launch_expansion({.where = where,
                     .local = row_group_size(weight.state_size, kernel.items),
                     .units_of_group = units,
-                    .first_unit = static_cast<uint32_t>(first_row) * units,
-                    .units = static_cast<uint32_t>(rows) * units,
+                    .first_unit = static_cast<uint32_t>(first_row * units),
+                    .units = static_cast<uint32_t>(rows * units),
                     .sub_group = device_class == 0 ? 32 : 16,
                     .wait = wait_of(kernel.waits)},
                    expand, weight, to);

@@ -81,6 +81,15 @@ def test_dequant_leaves_a_cut_block_and_a_cut_row_out():
     assert corvane.dequant(torch.zeros(1, 128, device="xpu"), on_device(data), ids["q8_0"]).shape == (2, 128)
 
 
+@pytest.mark.parametrize("name", DEQUANT)
+@pytest.mark.parametrize("k", [1024, 2**32, 2**40])
+def test_a_row_longer_than_the_weight(name, k):
+    """Leaves no rows, also where the length of one is beyond 32 bits."""
+    data, x = on_device(random_weight(name, 2, 256, 1)), torch.empty(0, k, dtype=torch.double, device="xpu")
+    assert corvane.dequant(x, data, ids[name]).shape == (0, k)
+    assert corvane.forward_new(x, data, ids[name], 1).shape == (0, 0)
+
+
 @pytest.mark.parametrize("name", sorted(set(FORMATS) - set(DEQUANT)))
 def test_dequant_of_other_formats_runs_nothing(name):
     data = on_device(random_weight(name, 2, 256, 1))

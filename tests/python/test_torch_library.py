@@ -145,6 +145,19 @@ def test_opcheck(name):
     torch.library.opcheck(getattr(torch.ops.corvane, name).default, tuple(CASES[name]()))
 
 
+# Where the ids of formats stand among the arguments.
+IDS = {"forward_new": [2], "forward_qkv": [-5, -4], "forward_qkv_bias": [-5, -4], "forward_qk": [-4], "dequant": [2],
+       "mlp_forward_xpu": [-1], "dequantize_rows": [2]}  # fmt: skip
+
+
+@pytest.mark.parametrize(("name", "at"), [(name, at) for name in IDS for at in IDS[name]])
+def test_ids_beyond_32_bits_name_no_format(name, at):
+    arguments = CASES[name]()
+    arguments[at] += 2**32
+    text = f"qtype {arguments[at]} does not name a weight format"
+    assert refusal(lambda: getattr(torch.ops.corvane, name)(*arguments)) == text
+
+
 def test_caches_without_room_are_refused():
     for length in (-1, ROOM, ROOM + 1):
         arguments = projection("q4_0", 3)
