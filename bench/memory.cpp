@@ -10,18 +10,24 @@
 #include "platform/sycl/simd.hpp"
 #include "platform/sycl/systolic.hpp"
 
+namespace py = pybind11;
+
 namespace {
 
 constexpr size_t piece = 1 << 18;  // bytes that a core takes at a time
 
-// Reads `bytes` bytes at `address` once; returns a word that depends on all of them, so that nothing is left out.
-uint64_t read_all(uint64_t address, size_t bytes) {
+// Reads `bytes` bytes at `address` once, asking for those `ahead` bytes further if that is not 0; returns a word that
+// depends on all of them, so that nothing is left out.
+uint64_t read_all(uint64_t address, size_t bytes, size_t ahead) {
   const auto* data = reinterpret_cast<const char*>(address);
   std::atomic<uint64_t> mixed{0};
   host::parallel_for(bytes / 256, piece / 256, [&](size_t begin, size_t end) {
     sycl::i32x16 a{}, b{}, c{}, d{};
     for (size_t i = begin; i < end; ++i) {
       const char* line = data + 256 * i;
+      if (ahead != 0) {
+        for (size_t b = 0; b < 256; b += 64) sycl::prefetch<sycl::cache_level::first>(line + ahead + b);
+      }
       a ^= sycl::load_bytes<sycl::i32x16>(line);
       b ^= sycl::load_bytes<sycl::i32x16>(line + 64);
       c ^= sycl::load_bytes<sycl::i32x16>(line + 128);
@@ -68,7 +74,9 @@ float multiply_pairs(uint64_t multiply_adds) {
 
 PYBIND11_MODULE(bench_memory, module) {
   module.doc() = "Plain reading and filling of memory and multiplying, on all cores, for comparison with kernels.";
-  module.def("read", &read_all, "read(address: int, bytes: int) -> int\n\nReads the bytes once.");
+  module.def("read", &read_all, py::arg("address"), py::arg("bytes"), py::arg("ahead") = 0,
+             "read(address: int, bytes: int, ahead: int = 0) -> int\n\nReads the bytes once, with a hint for those `ahead` "
+             "bytes further.");
   module.def("fill", &fill_all, "fill(address: int, bytes: int)\n\nWrites the bytes once.");
   module.def("multiply_pairs", &multiply_pairs,
              "multiply_pairs(multiply_adds: int) -> float\n\nMultiplies pairs of BFloat16 and adds them in float.");
