@@ -74,15 +74,32 @@ def test_seeds_reach_the_device():
 
 
 @pytest.mark.parametrize("dtype", [torch.float, torch.half, torch.bfloat16])
-@pytest.mark.parametrize("options", [{}, {"is_causal": True}, {"scale": 0.3}, {"enable_gqa": True}])
-def test_attention(dtype, options):
-    query, key, value = (torch.randn(2, heads, 5, 8).to(dtype) for heads in (4, 2 if "enable_gqa" in options else 4, 4))
-    if "enable_gqa" in options:
-        value = value[:, :2]
-    attention = functional.scaled_dot_product_attention
-    found = attention(*(t.to("xpu") for t in (query, key, value)), **options)
-    expected = attention(query.float(), key.float(), value.float(), **options)
-    assert found.is_xpu and found.dtype == dtype
+@pytest.mark.parametrize("sizes", [(2, 5, 8), (1, 1, 16)], ids=["prompt", "one row"])  # batch, rows, head size
+@pytest.mark.parametrize(
+    "options",
+    [
+        {},
+        {"is_causal": True},
+        {"scale": 0.3},
+        {"enable_gqa": True},
+        {"attn_mask": torch.arange(-5.0, 0.0).expand(1, 5)},
+    ],
+    ids=lambda options: " ".join(options),
+)
+def test_attention(dtype, sizes, options):
+    batch, rows, head_size = sizes
+    query = torch.randn(batch, 4, rows, head_size).to(dtype)
+    # Of more positions than are asked for, as a cache has them.
+    kv_heads = 2 if "enable_gqa" in options else 4
+    key, value = (torch.randn(batch, kv_heads, 9, head_size).to(dtype)[:, :, 2:7] for _ in range(2))
+
+    def attend(tensors, place):
+        placed = {name: place(value) if torch.is_tensor(value) else value for name, value in options.items()}
+        return functional.scaled_dot_product_attention(*map(place, tensors), **placed)
+
+    found = attend((query, key, value), lambda t: t.to(dtype).to("xpu"))
+    expected = attend((query, key, value), lambda t: t.float())
+    assert found.is_xpu and found.dtype == dtype and found.shape == expected.shape
     assert torch.allclose(found.cpu().float(), expected, rtol=0, atol=4 * torch.finfo(dtype).eps)
 
 
