@@ -89,7 +89,6 @@ struct fp6_reader {
   static constexpr int32_t id = qtype_fp6;
   static constexpr unsigned shared_scale = 64;
   static constexpr bool has_offset = false;
-  static constexpr bool decodes_slowly = true;
   static_assert(sizeof(block_fp6_32_ql) + sizeof(block_fp6_32_qh) + sizeof(Half) == registry[id].block_bytes,
                 "planes make up the block");
 

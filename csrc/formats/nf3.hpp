@@ -20,8 +20,6 @@ struct block_nf3_qs {
 };
 
 struct nf3_reader : two_planes<qtype_nf3, block_nf3_qs, Half> {
-  static constexpr bool decodes_slowly = true;
-
   // The low two bits of a code look up one half of the table, which is repeated so that the bits above them do not
   // matter; the top bits are the mask that chooses the half.
   template <class T>

@@ -30,7 +30,6 @@ struct q5_k_reader {
   static constexpr int32_t id = qtype_q5_k;
   static constexpr unsigned shared_scale = 32;
   static constexpr bool has_offset = true;
-  static constexpr bool decodes_slowly = true;
   static_assert(sizeof(block_q5_K) == registry[id].block_bytes, "the struct is the block");
 
   struct planes {

@@ -130,17 +130,13 @@ concept systolic_reader = one_scale_a_unit<R> &&
   planes.codes, planes.scales;
 };
 
-// A format that takes longer to decode than to read.
-template <class R>
-concept slow_to_decode = R::decodes_slowly;
-
 // Where weights are asked for that a row kernel reads next. What is worked on longer than it takes to come is best
 // close at hand; what is not would push out what is there. Measured, weights from memory, time with the second level
-// against the first: in float q4_0 0.85, q8_0 0.62, q6_k 0.81, but q5_k 1.18, nf3 1.06; in the 16-bit types 1.02
+// against the first: in float fp6 0.71, q4_0 0.85, q8_0 0.62, q6_k 0.81, q5_k 0.97, nf3 0.98; in the 16-bit types 1.02
 // to 1.1.
-template <class R, class T>
+template <class T>
 constexpr sycl::cache_level prefetch_level =
-    std::is_same_v<T, float> && !slow_to_decode<R> ? sycl::cache_level::second : sycl::cache_level::first;
+    std::is_same_v<T, float> ? sycl::cache_level::second : sycl::cache_level::first;
 
 // Values of Half, converted to T: rounded where T is BFloat16.
 template <class T>

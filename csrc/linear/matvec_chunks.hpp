@@ -184,7 +184,7 @@ void matvec_chunks(const kernel_launch& how, const T* input, const uint8_t* weig
       for (unsigned r = 0; r < together; ++r) {
         block[r] = first_block[r] + b;
         // Of the rows that come next.
-        reader::template prefetch_block<prefetch_level<reader, T>>(planes, block[r] + together * blocks);
+        reader::template prefetch_block<prefetch_level<T>>(planes, block[r] + together * blocks);
       }
       Product::add_blocks(input[b], planes, block, total);
     }

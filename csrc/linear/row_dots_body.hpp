@@ -55,7 +55,7 @@ CORVANE_INLINE void accumulate_groups(const row_input<T>& input, uint64_t stride
   const auto unit_of = [&](unsigned c) CORVANE_INLINE_LAMBDA { return u + c / Rows * units; };
   const auto unit = [&](unsigned c) CORVANE_INLINE_LAMBDA { return rows.first_unit[c % Rows] + unit_of(c); };
   for (unsigned c = 0; c < chains; ++c) {
-    Reader::template prefetch<prefetch_level<Reader, T>>(weight, unit(c) + rows.ahead);
+    Reader::template prefetch<prefetch_level<T>>(weight, unit(c) + rows.ahead);
   }
   using group_codes = decltype(fetch_group<Reader, T, Whole>(weight, u));
   group_codes codes[chains];
@@ -138,7 +138,7 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
     sycl::unroll<Rows>([&](auto r) CORVANE_INLINE_LAMBDA {
       const uint32_t unit = rows.first_unit[r] + first;
       if constexpr (Reader::shared_scale != 0) {
-        Reader::template prefetch_scales<prefetch_level<Reader, T>>(weight, unit + rows.ahead);
+        Reader::template prefetch_scales<prefetch_level<T>>(weight, unit + rows.ahead);
         Reader::template scales<T>(weight, unit, count).store_lanes(scales + r * batch_units);
       }
       if constexpr (Reader::has_offset) {
