@@ -42,6 +42,13 @@ CORVANE_INLINE sycl::f32x16 scale_and_minus_minimum(const uint8_t* at) {
   return sycl::as_float(sycl::as_int(sycl::splat_two_halfs(at)) ^ sign);
 }
 
+// A Half in memory in lanes 0 to 7, another in lanes 8 to 15.
+CORVANE_INLINE sycl::f32x16 two_halfs(const uint8_t* first, const uint8_t* second) {
+  using u16x8 = uint16_t __attribute__((vector_size(16)));
+  const u16x8 a = u16x8{} + sycl::load_integer<uint16_t>(first), b = u16x8{} + sycl::load_integer<uint16_t>(second);
+  return sycl::half_bits_to_float(__builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
+}
+
 // T(d) * T(sub) lane by lane, as floats that T holds exactly. A Half times eight bits is exact in float, hence in
 // double.
 template <class T>
