@@ -116,7 +116,7 @@ struct q5_k_reader {
   template <class T, unsigned N>
   static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
     static constexpr auto values = detail::make_values<32>([](unsigned code) { return code; });
-    return detail::values_at<T, 8 * (N / 2 % 2)>(c.codes[2 * (N % 2) + N / 4], values);
+    return detail::values_at<T>(c.codes[2 * (N % 2) + N / 4], 8 * (N / 2 % 2), values);
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {

@@ -130,6 +130,19 @@ concept systolic_reader = one_scale_a_unit<R> &&
   planes.codes, planes.scales;
 };
 
+// A format whose codes are unpacked soonest in an order of their own, those of `woven_units` units together: the input
+// of a row kernel is laid out in the same order.
+template <class R>
+concept woven_reader = row_reader<R> && requires(const typename R::planes& planes, typename R::woven codes) {
+  // 1, or 4: lane t is then of unit t / 4 of them; 0: not on this processor
+  { R::woven_units } -> std::convertible_to<unsigned>;
+  // the element that is lane `lane` of line `line`, of the four lines of each unit
+  { R::woven_element(0U, 0U) } -> std::same_as<unsigned>;
+  // codes of the first `count` units from this one on; the others' are any that are finite
+  { R::fetch_woven(planes, 0U, 1U) } -> std::same_as<typename R::woven>;
+  { R::template woven_line<float>(codes, 0U) } -> std::same_as<simd<float, 16>>;
+};
+
 // Where weights are asked for that a row kernel reads next. What is worked on longer than it takes to come is best
 // close at hand; what is not would push out what is there. Measured, weights from memory, time with the second level
 // against the first: in float fp6 0.71, q4_0 0.85, q8_0 0.62, q6_k 0.81, q5_k 0.97, nf3 0.98; in the 16-bit types 1.02
