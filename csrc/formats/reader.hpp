@@ -91,7 +91,7 @@ concept scales_by_block = unit_reader<R> && requires(const typename R::planes& p
   R::template chunk_scale<float>(planes, block);
 };
 
-// The second view of a super-block: its 16 chunks of 16 elements side by side, one to a lane, each under one scale.
+// The second view of a super-block: 16 chunks of 16 elements, one to a lane, each (q5_k: either half) under one scale.
 template <class R>
 concept chunk_reader = scales_by_block<R> &&
     requires(const typename R::planes& planes, typename R::chunks chunks, uint32_t block) {
