@@ -22,6 +22,7 @@
 
 #include "formats/byte_table.hpp"
 #include "formats/code_tables.hpp"
+#include "formats/k_block.hpp"
 
 namespace corvane {
 
@@ -71,6 +72,22 @@ struct fp6_codes {
     return simd<T, 16>::exact(sycl::as_float(sycl::as_int(magnitude) | (high & static_cast<int32_t>(0x80000000))));
   }
 
+  // Sixteen neighbours, a chunk, in a lane of words: their codes are put together four at a time, one to a byte; a pair
+  // is two bytes apart. Which element of a chunk is element j, and elements 2 n and 2 n + 1 of all chunks.
+  static constexpr unsigned chunk_element(unsigned j) {
+    constexpr unsigned element_of[4] = {2, 0, 3, 1};  // by its byte in a word
+    const unsigned n = j / 2;
+    return 4 * (n / 2) + element_of[n % 2 + 2 * (j % 2)];
+  }
+  template <class T>
+  static CORVANE_INLINE detail::value_pair<T> chunk_pair(const detail::six_bit_codes& codes, unsigned n) {
+    static constexpr auto values = detail::make_values<64>([](unsigned code) {
+      const float magnitude = magnitudes(code >> 4 & 1)[code & 15];
+      return (code & 32) != 0 ? -magnitude : magnitude;
+    });
+    return detail::values_at<T>(codes.of_four[n / 2], 8 * (n % 2), values);
+  }
+
   // By the low four bits of a code.
   static constexpr std::array<float, 16> magnitudes(unsigned top_exponent_bit) {
     std::array<float, 16> t{};
@@ -89,7 +106,6 @@ struct fp6_reader {
   static constexpr int32_t id = qtype_fp6;
   static constexpr unsigned shared_scale = 64;
   static constexpr bool has_offset = false;
-  static constexpr bool decodes_slowly = true;
   static_assert(sizeof(block_fp6_32_ql) + sizeof(block_fp6_32_qh) + sizeof(Half) == registry[id].block_bytes,
                 "planes make up the block");
 
@@ -123,6 +139,22 @@ struct fp6_reader {
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw codes, unsigned v) {
     return fp6_codes::decode<T>(codes, v);
+  }
+
+  // Four units are sixteen chunks, one to a lane, so that one permute finds the values of 32 codes.
+  static constexpr unsigned woven_units = 4;
+  static constexpr unsigned woven_element(unsigned line, unsigned lane) {
+    return 16 * lane + fp6_codes::chunk_element(line);
+  }
+  using woven = detail::six_bit_codes;
+  static CORVANE_INLINE woven fetch_woven(const planes& p, uint32_t unit, uint32_t count) {
+    const raw at = fetch(p, unit);
+    return detail::join_six_bits(at.low, at.high, 4 * count);
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> woven_line(const woven& codes, unsigned line) {
+    const auto pair = fp6_codes::chunk_pair<T>(codes, line / 2);
+    return line % 2 == 0 ? pair.first : pair.second;
   }
 
   template <class T>

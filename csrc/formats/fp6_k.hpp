@@ -64,13 +64,8 @@ struct fp6_k_reader {
     return detail::splat_lane<T>(half_values_as<T>(factors).to_float(), static_cast<int>(v));
   }
 
-  // A chunk is a sub-block. Its codes are put together four at a time, one to a byte; a pair is two bytes
-  // apart.
-  static constexpr unsigned chunk_element(unsigned c, unsigned j) {
-    constexpr unsigned element_of[4] = {2, 0, 3, 1};  // by its byte in a word
-    const unsigned n = j / 2;
-    return 16 * c + 4 * (n / 2) + element_of[n % 2 + 2 * (j % 2)];
-  }
+  // A chunk is a sub-block.
+  static constexpr unsigned chunk_element(unsigned c, unsigned j) { return 16 * c + fp6_codes::chunk_element(j); }
   struct chunks {
     detail::six_bit_codes codes;
   };
@@ -79,11 +74,7 @@ struct fp6_k_reader {
   }
   template <class T, unsigned N>
   static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
-    static constexpr auto values = detail::make_values<64>([](unsigned code) {
-      const float magnitude = fp6_codes::magnitudes(code >> 4 & 1)[code & 15];
-      return (code & 32) != 0 ? -magnitude : magnitude;
-    });
-    return detail::values_at<T, 8 * (N % 2)>(c.codes.of_four[N / 2], values);
+    return fp6_codes::chunk_pair<T>(c.codes, N);
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {

@@ -24,8 +24,17 @@ constexpr std::array<std::array<uint8_t, 128>, 4> make_pairs() {
 
 alignas(64) constexpr std::array<std::array<uint8_t, 128>, 4> iq2xxs_pairs = make_pairs();
 
-alignas(64) const std::array<uint32_t, 2048> iq1s_grid = {
+alignas(64) constexpr std::array<uint32_t, 2048> iq1s_grid = {
 #include "formats/data/iq1s_grid.inc"
 };
+
+alignas(64) constexpr std::array<uint64_t, 2048> iq1s_runs = [] {
+  std::array<uint64_t, 2048> runs{};
+  for (unsigned row = 0; row < 2048; ++row) {
+    const uint64_t nibbles = iq1s_grid[row];
+    runs[row] = (nibbles | nibbles << 28) & 0x0F0F0F0F0F0F0F0F;
+  }
+  return runs;
+}();
 
 }  // namespace corvane

@@ -17,6 +17,8 @@ inline constexpr std::array<uint8_t, 4> iq2xxs_magnitudes = {8, 25, 43, 0};
 
 // Eight values 0, 1 or 2: elements 0 to 3 in the low nibbles of bytes 0 to 3, elements 4 to 7 in their high nibbles.
 extern const std::array<uint32_t, 2048> iq1s_grid;
+// The same, a byte each, element j in byte j.
+extern const std::array<uint64_t, 2048> iq1s_runs;
 
 namespace detail {
 constexpr std::array<uint8_t, 128> make_ksigns() {

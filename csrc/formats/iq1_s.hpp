@@ -21,6 +21,10 @@ struct block_iq1_s {
 };
 
 constexpr unsigned iq1_s_row(uint8_t low, unsigned h, unsigned run) { return low | (h >> (3 * run) & 7) << 8; }
+// Of the four runs of a group, 16 bits each.
+CORVANE_INLINE uint64_t iq1_s_rows(uint32_t low, unsigned h) {
+  return sycl::deposit_bits(h, 0x0700070007000700) | sycl::deposit_bits(low, 0x00FF00FF00FF00FF);
+}
 constexpr float iq1_s_delta(unsigned h) { return (h & 0x8000) != 0 ? -1.125f : -0.875f; }
 constexpr float iq1_s_scale(unsigned h) { return static_cast<float>(2 * (h >> 12 & 7) + 1); }
 
@@ -64,8 +68,7 @@ struct iq1_s_reader {
   static CORVANE_INLINE sycl::u16x32 value_index(raw groups, unsigned h) {
     using u64x4 = uint64_t __attribute__((vector_size(32)));
     const auto bits = sycl::load_integer<uint16_t>(groups.qh + 2 * h);
-    const uint64_t row = sycl::deposit_bits(bits, 0x0700070007000700) |  // 16 bits for each run
-                         sycl::deposit_bits(sycl::load_integer<uint32_t>(groups.qs + 4 * h), 0x00FF00FF00FF00FF);
+    const uint64_t row = iq1_s_rows(sycl::load_integer<uint32_t>(groups.qs + 4 * h), bits);
     const u64x4 rows = {iq1s_grid[row & 0xFFFF], iq1s_grid[row >> 16 & 0xFFFF], iq1s_grid[row >> 32 & 0xFFFF],
                         iq1s_grid[row >> 48]};
     const u64x4 n = (rows | rows << 28) & 0x0F0F0F0F0F0F0F0F;

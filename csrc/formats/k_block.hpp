@@ -42,6 +42,19 @@ CORVANE_INLINE sycl::f32x16 scale_and_minus_minimum(const uint8_t* at) {
   return sycl::as_float(sycl::as_int(sycl::splat_two_halfs(at)) ^ sign);
 }
 
+// A Half in memory in lanes 0 to 7, another in lanes 8 to 15.
+CORVANE_INLINE sycl::f32x16 two_halfs(const uint8_t* first, const uint8_t* second) {
+  using u16x8 = uint16_t __attribute__((vector_size(16)));
+  const u16x8 a = u16x8{} + sycl::load_integer<uint16_t>(first), b = u16x8{} + sycl::load_integer<uint16_t>(second);
+  return sycl::half_bits_to_float(__builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
+}
+// Of d and dmin in the same way, the second with its sign turned.
+CORVANE_INLINE sycl::f32x16 scale_then_minus_minimum(const uint8_t* at) {
+  constexpr auto minus = static_cast<int32_t>(0x80000000);
+  static constexpr sycl::i32x16 sign = {0, 0, 0, 0, 0, 0, 0, 0, minus, minus, minus, minus, minus, minus, minus, minus};
+  return sycl::as_float(sycl::as_int(two_halfs(at, at + sizeof(Half))) ^ sign);
+}
+
 // T(d) * T(sub) lane by lane, as floats that T holds exactly. A Half times eight bits is exact in float, hence in
 // double.
 template <class T>
@@ -64,12 +77,13 @@ CORVANE_INLINE simd<T, 16> splat_lane(sycl::f32x16 values, int lane) {
 struct six_bit_codes {
   sycl::i32x16 of_four[4];
 };
-// From two words of low bits and one of high bits a chunk.
-CORVANE_INLINE six_bit_codes join_six_bits(const uint8_t* low_plane, const uint8_t* high_plane) {
-  const auto a = sycl::load_bytes<sycl::i32x16>(low_plane), b = sycl::load_bytes<sycl::i32x16>(low_plane + 64);
-  const auto high = sycl::load_bytes<sycl::i32x16>(high_plane);
+// From two words of low bits and one of high bits a chunk; of `chunks` chunks, the others having codes 0.
+CORVANE_INLINE six_bit_codes join_six_bits(const uint8_t* low_plane, const uint8_t* high_plane, unsigned chunks = 16) {
+  const auto a = sycl::load_some<sycl::i32x16>(low_plane, 8 * chunks);
+  const auto b = sycl::load_some<sycl::i32x16>(low_plane + 64, chunks > 8 ? 8 * chunks - 64 : 0);
+  const auto high = sycl::load_some<sycl::i32x16>(high_plane, 4 * chunks);
   const sycl::i32x16 first = sycl::even_lanes(a, b), second = sycl::odd_lanes(a, b);
-  const auto join = [](sycl::i32x16 low4, sycl::i32x16 high2) { return (low4 & 0x0F0F0F0F) | (high2 & ~0x0F0F0F0F); };
+  const auto join = [](sycl::i32x16 low4, sycl::i32x16 high2) { return sycl::select_bits(0x0F0F0F0F, low4, high2); };
   return {{join(first >> 4, high >> 2), join(first, high), join(second >> 4, high << 2), join(second, high << 4)}};
 }
 
@@ -89,15 +103,15 @@ constexpr value_table<Codes> make_values(const Value& value) {
   return t;
 }
 
-// Values of the five or six bits from bit Bit of each lane on, Bit below 16, and of those from Bit + 16 on.
+// Values of the five or six bits from bit `bit` of each lane on, below 16, and of those from bit + 16 on.
 template <class T>
 struct value_pair {
   simd<T, 16> first, second;
 };
-template <class T, unsigned Bit, unsigned Codes>
-CORVANE_INLINE value_pair<T> values_at(sycl::i32x16 codes, const value_table<Codes>& values) {
-  static_assert(Bit < 16 && (Codes == 32 || Codes == 64));
-  const auto index = (sycl::u16x32)codes >> Bit;
+template <class T, unsigned Codes>
+CORVANE_INLINE value_pair<T> values_at(sycl::i32x16 codes, unsigned bit, const value_table<Codes>& values) {
+  static_assert(Codes == 32 || Codes == 64);
+  const auto index = (sycl::u16x32)codes >> static_cast<uint16_t>(bit);
   const auto table = sycl::load_bytes<sycl::u16x32>(values.bits);
   sycl::i32x16 two;
   if constexpr (Codes == 32) {

@@ -88,7 +88,7 @@ struct q4_k_reader {
   template <class T, unsigned N>
   static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
     static constexpr auto values = detail::make_values<32>([](unsigned code) { return code % 16; });
-    return detail::values_at<T, 4 * (N % 4)>(c.bytes[N / 4], values);
+    return detail::values_at<T>(c.bytes[N / 4], 4 * (N % 4), values);
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {

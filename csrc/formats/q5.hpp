@@ -55,16 +55,43 @@ struct q5_reader {
   // making all 64.
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw block, unsigned v) {
-    static constexpr sycl::f32x16 nibble = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-    const sycl::f32x16 without_fifth = weights<T>(block, nibble), with_fifth = weights<T>(block, nibble + 16.0f);
     const auto fifths = sycl::load_integer<uint32_t>(block + offsetof(block_q5_1, qh) + 2 * v);
     const sycl::i32x16 fifth = sycl::multishift(fifths, fifth_from.value());
     const sycl::i32x16 bytes = sycl::widen_u8(block + offsetof(block_q5_1, qs) + 16 * (v % 2));
     const sycl::i32x16 nibbles = v < 2 ? bytes : bytes >> 4;
-    return simd<T, 16>::exact(sycl::lookup32(without_fifth, with_fifth, (fifth & 0x10) | (nibbles & ~0x10)));
+    return simd<T, 16>::exact(look_up<T>(block, (fifth & 0x10) | (nibbles & ~0x10)));
+  }
+
+  // The codes of a unit become bytes all at once; element 4 t + i is byte i of word t.
+  static constexpr unsigned woven_units = 1;
+  static constexpr unsigned woven_element(unsigned line, unsigned lane) { return 4 * lane + line; }
+  struct woven {
+    sycl::i32x16 codes;
+    raw block;
+  };
+  static CORVANE_INLINE woven fetch_woven(const planes& p, uint32_t unit, uint32_t) {
+    static constexpr sycl::i32x16 nibble = {0, 0, 0, 0, 0, 0, 0, 0, 4, 4, 4, 4, 4, 4, 4, 4};
+    static constexpr byte_table fifth_from = table_of_bytes([](unsigned t) { return (t - 4) & 63; });
+    constexpr int32_t fifth_bits = 0x10101010;
+    const raw block = fetch(p, unit);
+    const sycl::i32x16 fifths =
+        sycl::multishift(sycl::load_integer<uint64_t>(block + offsetof(block_q5_1, qh)), fifth_from.value());
+    const sycl::i32x16 nibbles = sycl::load_twice(block + offsetof(block_q5_1, qs)) >> nibble;
+    return {sycl::select_bits(fifth_bits, fifths, nibbles), block};
+  }
+  template <class T>
+  static CORVANE_INLINE simd<T, 16> woven_line(const woven& w, unsigned line) {
+    return simd<T, 16>::exact(look_up<T>(w.block, w.codes >> static_cast<int>(8 * line)));
   }
 
  private:
+  // The weights of codes, which are the low five bits of each lane.
+  template <class T>
+  static CORVANE_INLINE sycl::f32x16 look_up(raw block, sycl::i32x16 codes) {
+    static constexpr sycl::f32x16 nibble = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+    return sycl::lookup32(weights<T>(block, nibble), weights<T>(block, nibble + 16.0f), codes);
+  }
+
   // Bit n of a word to bit 4 of lane n.
   static constexpr byte_table fifth_from = table_of_bytes([](unsigned t) { return t % 4 == 0 ? (t / 4 - 4) & 63 : 0; });
 

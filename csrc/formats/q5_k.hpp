@@ -30,7 +30,6 @@ struct q5_k_reader {
   static constexpr int32_t id = qtype_q5_k;
   static constexpr unsigned shared_scale = 32;
   static constexpr bool has_offset = true;
-  static constexpr bool decodes_slowly = true;
   static_assert(sizeof(block_q5_K) == registry[id].block_bytes, "the struct is the block");
 
   struct planes {
@@ -87,37 +86,60 @@ struct q5_k_reader {
     return simd<T, 16>::exact(sycl::splat_half(block(p, unit) + offsetof(block_q5_K, dmin)) * -static_cast<float>(m));
   }
 
-  // A chunk is the elements 8 (c % 2) to 8 (c % 2) + 7 of a sub-block, and those 16 further on. Its codes are put
-  // together four at a time, one to a byte. Pair 2 m is two elements two apart, pair 2 m + 1 those 16 behind them.
+  // A chunk is eight elements of a sub-block and the eight at their place in the next one: byte by byte the nibbles of
+  // two words, 16 elements apart. Pair 2 m is two elements two apart, pair 2 m + 1 those 16 behind them.
   static constexpr unsigned chunk_element(unsigned c, unsigned j) {
     const unsigned n = j / 2;
-    return 32 * (c / 2) + 8 * (c % 2) + 4 * (n / 4) + n / 2 % 2 + 2 * (j % 2) + 16 * (n % 2);
+    return 64 * (c / 4) + 32 * (n / 4) + 4 * (c % 4) + n / 2 % 2 + 2 * (j % 2) + 16 * (n % 2);
   }
   struct chunks {
-    sycl::i32x16 codes[4];  // elements 0 to 3, 4 to 7 of each chunk; those 16 behind them
+    sycl::i32x16 codes[2][2];  // [sub-block][word]: four elements of each chunk, the fifth bits with rubbish above them
   };
   static CORVANE_INLINE chunks fetch_chunks(const planes& p, uint32_t block) {
-    // Words of each chunk: chunks 4 t to 4 t + 3 share the 32 bytes t of qs, the odd sub-block in the high nibbles; all
-    // sub-blocks share qh.
-    static constexpr sycl::i32x16 low_word = {0, 2, 0, 2, 8, 10, 8, 10, 16, 18, 16, 18, 24, 26, 24, 26};
-    static constexpr sycl::i32x16 nibble = {0, 0, 4, 4, 0, 0, 4, 4, 0, 0, 4, 4, 0, 0, 4, 4};
-    static constexpr sycl::i32x16 high_word = {0, 2, 0, 2, 0, 2, 0, 2, 0, 2, 0, 2, 0, 2, 0, 2};
-    static constexpr sycl::i32x16 to_bit_4 = {4, 4, 3, 3, 2, 2, 1, 1, 0, 0, 31, 31, 30, 30, 29, 29};  // from bit i
+    // Chunks 4 t to 4 t + 3 share the 32 bytes t of qs; all share qh.
+    static constexpr sycl::i32x16 word = {0, 1, 2, 3, 8, 9, 10, 11, 16, 17, 18, 19, 24, 25, 26, 27};
+    static constexpr sycl::i32x16 to_bit_4 = {4, 4, 4, 4, 2, 2, 2, 2, 0, 0, 0, 0, 30, 30, 30, 30};  // from bit 2 t
+    static constexpr sycl::i32x16 next_to_bit_4 = {3, 3, 3, 3, 1, 1, 1, 1, 31, 31, 31, 31, 29, 29, 29, 29};
     const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
     const auto a = sycl::load_bytes<sycl::i32x16>(at + offsetof(block_q5_K, qs));
     const auto b = sycl::load_bytes<sycl::i32x16>(at + offsetof(block_q5_K, qs) + 64);
-    const auto h = sycl::load_twice(at + offsetof(block_q5_K, qh));
-    const auto words = [&](int n) {
-      const sycl::i32x16 low = sycl::shuffle(a, b, low_word + n) >> nibble;
-      const sycl::i32x16 high = sycl::rotate_left(sycl::shuffle(h, high_word + n), to_bit_4);
-      return (low & 0x0F0F0F0F) | (high & 0x10101010);
-    };
-    return {{words(0), words(1), words(4), words(5)}};
+    chunks c;
+    for (unsigned n = 0; n < 2; ++n) {
+      const sycl::i32x16 low = sycl::shuffle(a, b, word + static_cast<int32_t>(4 * n));
+      const auto high = sycl::load_four_times(at + offsetof(block_q5_K, qh) + 16 * n);
+      c.codes[0][n] = sycl::select_bits(0x0F0F0F0F, low, sycl::rotate_left(high, to_bit_4));
+      c.codes[1][n] = sycl::select_bits(0x0F0F0F0F, low >> 4, sycl::rotate_left(high, next_to_bit_4));
+    }
+    return c;
   }
   template <class T, unsigned N>
   static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
     static constexpr auto values = detail::make_values<32>([](unsigned code) { return code; });
-    return detail::values_at<T, 8 * (N / 2 % 2)>(c.codes[2 * (N % 2) + N / 4], values);
+    return detail::values_at<T>(c.codes[N / 4][N % 2], 8 * (N / 2 % 2), values);
+  }
+
+  // Lanes d * sc[0] to d * sc[7], then -dmin * m[0] to -dmin * m[7].
+  static CORVANE_INLINE sycl::f32x16 block_factors(const planes& p, uint32_t block) {
+    // Words of the block's first 16 bytes: the low four bits of a scale or minimum are in one of them, the high two in
+    // this or another.
+    static constexpr sycl::i32x16 low_word = {1, 1, 1, 1, 3, 3, 3, 3, 2, 2, 2, 2, 3, 3, 3, 3};
+    static constexpr sycl::i32x16 low_from = {0, 8, 16, 24, 0, 8, 16, 24, 0, 8, 16, 24, 4, 12, 20, 28};
+    static constexpr sycl::i32x16 high_word = {1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 2, 2};
+    static constexpr sycl::i32x16 high_from = {0, 8, 16, 24, 2, 10, 18, 26, 0, 8, 16, 24, 2, 10, 18, 26};
+    const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
+    const sycl::i32x16 words = sycl::load_four_times(at);
+    const sycl::i32x16 sub = sycl::select_bits(0x0F, sycl::shuffle(words, low_word) >> low_from,
+                                               sycl::shuffle(words, high_word) >> high_from);
+    return detail::scale_then_minus_minimum(at) * sycl::to_float(sub & 0x3F);
+  }
+  // Of them the factors of a chunk's first eight elements, or its other eight; and of elements 16 t to 16 t + 15, lane
+  // t.
+  static CORVANE_INLINE simd<float, 16> half_chunk_scale(sycl::f32x16 factors, unsigned half) {
+    static constexpr sycl::i32x16 first = {0, 0, 0, 0, 2, 2, 2, 2, 4, 4, 4, 4, 6, 6, 6, 6};
+    return simd<float, 16>::exact(sycl::lookup16(factors, first + static_cast<int32_t>(half)));
+  }
+  static CORVANE_INLINE simd<float, 16> chunk_offset(sycl::f32x16 factors) {
+    return simd<float, 16>::exact(sycl::lookup16(factors, each_twice + 8));
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {
@@ -127,7 +149,7 @@ struct q5_k_reader {
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_offset(const planes& p, uint32_t block) {
     static_assert(std::is_same_v<T, float>, "the minimums of q5_k enter in float");
-    return simd<T, 16>::exact(sycl::lookup16(block_factors(p, block), each_twice + 8));
+    return chunk_offset(block_factors(p, block));
   }
   template <sycl::cache_level To>
   static CORVANE_INLINE void prefetch_block(const planes& p, uint32_t block) {
@@ -138,15 +160,6 @@ struct q5_k_reader {
  private:
   static constexpr sycl::i32x16 each_twice = {0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7};
 
-  // Lanes d * sc[0] to d * sc[7], then -dmin * m[0] to -dmin * m[7].
-  static CORVANE_INLINE sycl::f32x16 block_factors(const planes& p, uint32_t block) {
-    const uint8_t* at = p.blocks + uint64_t{block} * sizeof(block_q5_K);
-    const sub_scales s = unpack(at);
-    const uint64_t bytes[2] = {s.sc, s.m};
-    const sycl::f32x16 d = sycl::select(0xFF00, -sycl::splat_half(at + offsetof(block_q5_K, dmin)),
-                                        sycl::splat_half(at + offsetof(block_q5_K, d)));
-    return d * sycl::to_float(sycl::widen_u8(sycl::load_bytes<sycl::u8x16>(bytes)));
-  }
   static CORVANE_INLINE const uint8_t* block(const planes& p, uint32_t unit) {
     return p.blocks + detail::block_of(unit) * sizeof(block_q5_K);
   }

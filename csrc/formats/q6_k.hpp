@@ -110,7 +110,7 @@ struct q6_k_reader {
   template <class T, unsigned N>
   static CORVANE_INLINE detail::value_pair<T> chunk_pair(const chunks& c) {
     static constexpr auto values = detail::make_values<64>([](unsigned code) { return static_cast<int>(code) - 32; });
-    return detail::values_at<T, 8 * (N % 2)>(c.codes.of_four[N / 2], values);
+    return detail::values_at<T>(c.codes.of_four[N / 2], 8 * (N % 2), values);
   }
   template <class T>
   static CORVANE_INLINE simd<T, 16> chunk_scale(const planes& p, uint32_t block) {

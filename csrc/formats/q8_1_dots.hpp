@@ -12,6 +12,7 @@
 //   tail(weight, staged)        for a step of two: the same when only the first is left; the other eight lanes are 0
 #pragma once
 
+#include <cstring>
 #include <memory>
 
 #include "formats/byte_table.hpp"
@@ -25,11 +26,6 @@ namespace corvane {
 
 namespace detail {
 
-// Value `first` in lanes 0 to 7, `second` in lanes 8 to 15, each a Half in memory.
-CORVANE_INLINE sycl::f32x16 two_halfs(const uint8_t* first, const uint8_t* second) {
-  return sycl::select(0xFF00, sycl::splat_half(second), sycl::splat_half(first));
-}
-
 // Activations of two weight blocks, as scalars in lanes: lane g belongs to group g.
 template <class Get>
 sycl::f32x16 of_groups(const block_q8_1* y, unsigned blocks, const Get& get) {
@@ -42,7 +38,7 @@ sycl::f32x16 of_groups(const block_q8_1* y, unsigned blocks, const Get& get) {
 
 // A lane is a group of 32 elements, its four bytes the four runs. The magnitudes of two positions of all runs are
 // looked up together, in registers: for two positions 256 grid rows are 128 bytes. Measured and dropped: one position
-// at a time, 64 bytes.
+// at a time, 64 bytes; signs on the looked-up values, which makes 128 plus the activation the unsigned factor, 1.05.
 struct iq2_xxs_dots {
   template <class T>
   using sum_of = T;
@@ -106,8 +102,9 @@ struct iq2_xxs_dots {
   }
 };
 
-// A lane is a group of 32 elements. The grid, 8 kB, is read one run at a time; the words of a run of all groups then go
-// through the integer products together.
+// The grid, 16 kB, is read one run at a time. The four lanes of a group hold two runs and then the other two; they are
+// added at the end. Measured and dropped: gathers, which take 1.5 times as long; numbers of runs made in vectors, which
+// become addresses by way of memory; a grid of half the size, two values to a byte.
 struct iq1_s_dots {
   template <class>
   using sum_of = float;
@@ -115,16 +112,16 @@ struct iq1_s_dots {
   static constexpr unsigned block_bytes = sizeof(block_iq1_s);
 
   struct staged {
-    sycl::u8x64 codes[4][2];  // [il][h]: byte 4 g + j is element 8 il + 4 h + j of group g
+    sycl::u8x64 codes[4][2];  // [n][h]: byte 16 g + e is element 16 h + e of group 4 n + g
     sycl::f32x16 d, s;        // of each group
   };
 
   static void stage(const block_q8_1* y, unsigned blocks, staged& s) {
-    alignas(64) int8_t bytes[8][64] = {};
+    alignas(64) int8_t bytes[4][2][64] = {};
     for (unsigned g = 0; g < 8 * blocks; ++g) {
-      for (unsigned e = 0; e < 32; ++e) bytes[e / 4][4 * g + e % 4] = y[g].qs[e];
+      for (unsigned h = 0; h < 2; ++h) std::memcpy(bytes[g / 4][h] + 16 * (g % 4), y[g].qs + 16 * h, 16);
     }
-    for (unsigned i = 0; i < 8; ++i) s.codes[i / 2][i % 2] = sycl::load_bytes<sycl::u8x64>(bytes[i]);
+    for (unsigned i = 0; i < 8; ++i) s.codes[i / 2][i % 2] = sycl::load_bytes<sycl::u8x64>(bytes[i / 2][i % 2]);
     s.d = detail::of_groups(y, blocks, [](const block_q8_1& b) { return b.d; });
     s.s = detail::of_groups(y, blocks, [](const block_q8_1& b) { return b.s; });
   }
@@ -138,23 +135,40 @@ struct iq1_s_dots {
 
  private:
   static CORVANE_INLINE sycl::f32x16 dots(const uint8_t* first, const uint8_t* second, const staged& s) {
-    const sycl::i32x16 low = sycl::load_two(first + offsetof(block_iq1_s, qs), second + offsetof(block_iq1_s, qs));
-    const sycl::i32x16 h = sycl::widen_two_u16(first + offsetof(block_iq1_s, qh), second + offsetof(block_iq1_s, qh));
-    sycl::i32x16 sumi{};
-    sycl::unroll<4>([&](auto il) {
-      const sycl::i32x16 row = ((low >> (8 * il)) & 0xFF) | ((h >> (3 * il) << 8) & 0x700);
-      const sycl::i32x16 n = sycl::gather(iq1s_grid.data(), row);
-      sumi = sycl::add_products(sumi, (sycl::u8x64)(n & 0x0F0F0F0F), s.codes[il][0]);
-      sumi = sycl::add_products(sumi, (sycl::u8x64)((n >> 4) & 0x0F0F0F0F), s.codes[il][1]);
+    sycl::i32x16 sumi[4];
+    sycl::unroll<4>([&](auto n) {
+      const uint8_t* block = n < 2 ? first : second;
+      constexpr unsigned group = 4 * (n % 2);
+      const two_pairs a = runs_of(block, group), b = runs_of(block, group + 1), c = runs_of(block, group + 2),
+                      d = runs_of(block, group + 3);
+      sumi[n] = sycl::add_products(sycl::i32x16{}, sycl::join(a.first, b.first, c.first, d.first), s.codes[n][0]);
+      sumi[n] = sycl::add_products(sumi[n], sycl::join(a.second, b.second, c.second, d.second), s.codes[n][1]);
     });
+    const auto halve = [](sycl::i32x16 a, sycl::i32x16 b) { return sycl::even_lanes(a, b) + sycl::odd_lanes(a, b); };
+    const sycl::i32x16 sum = halve(halve(sumi[0], sumi[1]), halve(sumi[2], sumi[3]));
+
+    const sycl::i32x16 h = sycl::widen_two_u16(first + offsetof(block_iq1_s, qh), second + offsetof(block_iq1_s, qh));
     const sycl::f32x16 scale = sycl::to_float(((h >> 11) & 14) | 1);
     const sycl::f32x16 dl = detail::two_halfs(first, second) * scale;
     const sycl::f32x16 delta = sycl::to_float(h & 0x8000) * (-0.25f / 32768.0f) - 0.875f;
-    return dl * s.d * sycl::to_float(sumi) + dl * s.s * delta;
+    return dl * s.d * sycl::to_float(sum) + dl * s.s * delta;
+  }
+
+  struct two_pairs {
+    sycl::u8x16 first, second;  // runs 0 and 1 of a group, runs 2 and 3
+  };
+  static CORVANE_INLINE two_pairs runs_of(const uint8_t* block, unsigned group) {
+    const uint64_t rows = iq1_s_rows(sycl::load_integer<uint32_t>(block + offsetof(block_iq1_s, qs) + 4 * group),
+                                     sycl::load_integer<uint16_t>(block + offsetof(block_iq1_s, qh) + 2 * group));
+    const auto run = [&](unsigned il) CORVANE_INLINE_LAMBDA { return iq1s_runs[rows >> (16 * il) & 0xFFFF]; };
+    using u64x2 = uint64_t __attribute__((vector_size(16)));
+    return {(sycl::u8x16)u64x2{run(0), run(1)}, (sycl::u8x16)u64x2{run(2), run(3)}};
   }
 };
 
-// A lane is four code bytes of a block, thus four elements of each of four runs of 32.
+// Lane u is elements 16 u to 16 u + 15, which have a scale and a minimum of their own. Their codes stand in one of the
+// four positions of four neighbouring words: the upper two positions are brought down, codes in the second count four
+// times. Measured and dropped: a lane of four code bytes, thus elements under four scales.
 struct q2_k_dots {
   template <class T>
   using sum_of = T;
@@ -162,40 +176,42 @@ struct q2_k_dots {
   static constexpr unsigned block_bytes = sizeof(block_q2_K);
 
   struct staged {
-    sycl::u8x64 codes[4];  // [g]: elements 32 g to 32 g + 31 of one half of the block, then of the other
-    sycl::f32x16 d[4];     // of the lane's elements of run g
-    sycl::f32x16 sums;     // lane u: d times the sum of the codes of elements 16 u to 16 u + 15
+    sycl::u8x64 codes[4];  // [n]: byte 4 u + i is element 16 u + 4 n + i
+    sycl::f32x16 d;        // by four where the weight's codes count four times
+    sycl::f32x16 sums;     // d times the sum of the codes
   };
 
   static void stage(const block_q8_1* y, unsigned, staged& s) {
-    for (unsigned g = 0; g < 4; ++g) {
-      for (unsigned t = 0; t < 64; ++t) s.codes[g][t] = static_cast<uint8_t>(y[4 * (t / 32) + g].qs[t % 32]);
-      for (unsigned t = 0; t < 16; ++t) s.d[g][t] = static_cast<float>(y[4 * (t / 8) + g].d);
-    }
     for (unsigned u = 0; u < 16; ++u) {
+      for (unsigned n = 0; n < 4; ++n) {
+        std::memcpy(reinterpret_cast<uint8_t*>(&s.codes[n]) + 4 * u, y[u / 2].qs + 16 * (u % 2) + 4 * n, 4);
+      }
+      const auto d = static_cast<float>(y[u / 2].d);
       int sum = 0;
       for (unsigned e = 0; e < 16; ++e) sum += y[u / 2].qs[16 * (u % 2) + e];
-      s.sums[u] = static_cast<float>(y[u / 2].d) * static_cast<float>(sum);
+      s.d[u] = u / 2 % 2 == 0 ? d : d * 0.25f;
+      s.sums[u] = d * static_cast<float>(sum);
     }
   }
 
   static CORVANE_INLINE sycl::f32x16 dots(const uint8_t* weight, const staged& s) {
+    // Positions 0, 0, 1, 1, 2, 2, 3, 3 of words 0 and 4 of the first half, then of the second; 16: positions 2 and 3.
+    static constexpr sycl::i32x16 word = {0, 4, 0, 4, 16, 20, 16, 20, 8, 12, 8, 12, 24, 28, 24, 28};
+    static constexpr sycl::i32x16 position = {0x03030303, 0x03030303, 0x0C0C0C0C, 0x0C0C0C0C, 0x03030303, 0x03030303,
+                                              0x0C0C0C0C, 0x0C0C0C0C, 0x03030303, 0x03030303, 0x0C0C0C0C, 0x0C0C0C0C,
+                                              0x03030303, 0x03030303, 0x0C0C0C0C, 0x0C0C0C0C};
     const auto qs = sycl::load_bytes<sycl::i32x16>(weight + offsetof(block_q2_K, qs));
+    const sycl::i32x16 upper = qs >> 4;
+    sycl::i32x16 dot{};
+    sycl::unroll<4>([&](auto n) {
+      const sycl::i32x16 codes = sycl::shuffle(qs, upper, word + static_cast<int32_t>(n)) & position;
+      dot = sycl::add_products(dot, (sycl::u8x64)codes, s.codes[n]);
+    });
     const sycl::i32x16 scales = sycl::widen_u8(weight + offsetof(block_q2_K, scales));
     const sycl::f32x16 scale = sycl::to_float(scales & 15), minimum = sycl::to_float(scales >> 4);
-    sycl::f32x16 plus{};
-    sycl::unroll<4>([&](auto g) {
-      const auto codes = (sycl::u8x64)((qs >> (2 * g)) & 0x03030303);
-      const sycl::f32x16 dot = sycl::to_float(sycl::add_products(sycl::i32x16{}, codes, s.codes[g]));
-      const sycl::f32x16 factor = sycl::lookup16(scale, first_scale + static_cast<int32_t>(2 * g)) * s.d[g];
-      plus = sycl::fused_multiply_add(dot, factor, plus);
-    });
-    return plus * sycl::splat_half(weight + offsetof(block_q2_K, d)) -
+    return sycl::to_float(dot) * s.d * (scale * sycl::splat_half(weight + offsetof(block_q2_K, d))) -
            minimum * s.sums * sycl::splat_half(weight + offsetof(block_q2_K, dmin));
   }
-
- private:
-  static constexpr sycl::i32x16 first_scale = {0, 0, 0, 0, 1, 1, 1, 1, 8, 8, 8, 8, 9, 9, 9, 9};  // of a lane's run 0
 };
 
 // The dots of a format.

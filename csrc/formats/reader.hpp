@@ -91,7 +91,7 @@ concept scales_by_block = unit_reader<R> && requires(const typename R::planes& p
   R::template chunk_scale<float>(planes, block);
 };
 
-// The second view of a super-block: its 16 chunks of 16 elements side by side, one to a lane, each under one scale.
+// The second view of a super-block: 16 chunks of 16 elements, one to a lane, each (q5_k: either half) under one scale.
 template <class R>
 concept chunk_reader = scales_by_block<R> &&
     requires(const typename R::planes& planes, typename R::chunks chunks, uint32_t block) {
@@ -130,17 +130,26 @@ concept systolic_reader = one_scale_a_unit<R> &&
   planes.codes, planes.scales;
 };
 
-// A format that takes longer to decode than to read.
+// A format whose codes are unpacked soonest in an order of their own, those of `woven_units` units together: the input
+// of a row kernel is laid out in the same order.
 template <class R>
-concept slow_to_decode = R::decodes_slowly;
+concept woven_reader = row_reader<R> && requires(const typename R::planes& planes, typename R::woven codes) {
+  // 1, or 4: lane t is then of unit t / 4 of them; 0: not on this processor
+  { R::woven_units } -> std::convertible_to<unsigned>;
+  // the element that is lane `lane` of line `line`, of the four lines of each unit
+  { R::woven_element(0U, 0U) } -> std::same_as<unsigned>;
+  // codes of the first `count` units from this one on; the others' are any that are finite
+  { R::fetch_woven(planes, 0U, 1U) } -> std::same_as<typename R::woven>;
+  { R::template woven_line<float>(codes, 0U) } -> std::same_as<simd<float, 16>>;
+};
 
 // Where weights are asked for that a row kernel reads next. What is worked on longer than it takes to come is best
 // close at hand; what is not would push out what is there. Measured, weights from memory, time with the second level
-// against the first: in float q4_0 0.85, q8_0 0.62, q6_k 0.81, but q5_k 1.18, nf3 1.06; in the 16-bit types 1.02
+// against the first: in float fp6 0.71, q4_0 0.85, q8_0 0.62, q6_k 0.81, q5_k 0.97, nf3 0.98; in the 16-bit types 1.02
 // to 1.1.
-template <class R, class T>
+template <class T>
 constexpr sycl::cache_level prefetch_level =
-    std::is_same_v<T, float> && !slow_to_decode<R> ? sycl::cache_level::second : sycl::cache_level::first;
+    std::is_same_v<T, float> ? sycl::cache_level::second : sycl::cache_level::first;
 
 // Values of Half, converted to T: rounded where T is BFloat16.
 template <class T>

@@ -116,14 +116,17 @@ struct pair_product {
 
   struct staged {
     simd<T, 16> x[16];
-    simd<float, 16> sum_x;  // over each chunk
+    simd<float, 16> sum_x;  // lane t: a half of sub-block t / 2
   };
 
   static void stage(const T* x, staged& s) {
-    s.sum_x = simd<float, 16>::zero();
     for (unsigned j = 0; j < 16; ++j) s.x[j] = detail::chunk_input<reader>(x, j);
-    for (unsigned j : {0, 1, 4, 5, 8, 9, 12, 13}) {  // j and j + 2 are a pair, 16 elements apart
-      s.sum_x = s.sum_x + simd<float, 16>::exact((s.x[j] + s.x[j + 2]).to_float());
+    s.sum_x = simd<float, 16>::zero();
+    for (unsigned e = 0; e < 8; ++e) {  // e and e + 16 are a pair
+      T here[16], behind[16];
+      for (unsigned t = 0; t < 16; ++t) here[t] = x[16 * t - t % 2 * 8 + e], behind[t] = x[16 * t - t % 2 * 8 + e + 16];
+      const auto both = simd<T, 16>::load(here) + simd<T, 16>::load(behind);
+      s.sum_x = s.sum_x + simd<float, 16>::exact(both.to_float());
     }
   }
 
@@ -132,9 +135,10 @@ struct pair_product {
                                         const uint32_t (&block)[Rows], sum (&total)[Rows]) {
     typename reader::chunks codes[Rows];
     for (unsigned r = 0; r < Rows; ++r) codes[r] = reader::fetch_chunks(planes, block[r]);
-    sum dot[Rows];
-    for (unsigned r = 0; r < Rows; ++r) dot[r] = sum::zero();
+    sum dots[2][Rows];  // of either half of the chunks, which have scales of their own
+    for (auto& dot : dots) std::fill_n(dot, Rows, sum::zero());
     const auto add = [&](unsigned r, unsigned j, const simd<T, 16>& first, const simd<T, 16>& second) {
+      sum(&dot)[Rows] = dots[j / 8];
       if constexpr (std::is_same_v<T, float>) {  // a pair is not rounded apart from the sum
         dot[r] = multiply_add(input.x[j + 2], second, multiply_add(input.x[j], first, dot[r]));
       } else {
@@ -151,8 +155,11 @@ struct pair_product {
       }
     });
     for (unsigned r = 0; r < Rows; ++r) {
-      total[r] = multiply_add(dot[r], reader::template chunk_scale<float>(planes, block[r]), total[r]);
-      total[r] = multiply_add(input.sum_x, reader::template chunk_offset<float>(planes, block[r]), total[r]);
+      const sycl::f32x16 factors = reader::block_factors(planes, block[r]);
+      for (unsigned half = 0; half < 2; ++half) {
+        total[r] = multiply_add(dots[half][r], reader::half_chunk_scale(factors, half), total[r]);
+      }
+      total[r] = multiply_add(input.sum_x, reader::chunk_offset(factors), total[r]);
     }
   }
 };
@@ -184,7 +191,7 @@ void matvec_chunks(const kernel_launch& how, const T* input, const uint8_t* weig
       for (unsigned r = 0; r < together; ++r) {
         block[r] = first_block[r] + b;
         // Of the rows that come next.
-        reader::template prefetch_block<prefetch_level<reader, T>>(planes, block[r] + together * blocks);
+        reader::template prefetch_block<prefetch_level<T>>(planes, block[r] + together * blocks);
       }
       Product::add_blocks(input[b], planes, block, total);
     }

@@ -1,5 +1,6 @@
 // The quantiser of 8-bit activations.
 #include <algorithm>
+#include <cstring>
 
 #include "formats/q8_1.hpp"
 #include "frame/launch.hpp"
@@ -48,7 +49,9 @@ void quantize_block(const T* input, block_q8_1* block) {
 
   for (int h = 0; h < 2; ++h) {
     const i32x16 codes = d == 0 ? i32x16{} : rounded(quotient(x[h], d));
-    for (int t = 0; t < 16; ++t) block->qs[16 * h + t] = static_cast<int8_t>(codes[t]);
+    using s8x16 = int8_t __attribute__((vector_size(16)));
+    const s8x16 bytes = __builtin_convertvector(codes, s8x16);
+    std::memcpy(block->qs + 16 * h, &bytes, sizeof(bytes));
   }
   block->d = static_cast<Half>(d);
   block->s = static_cast<Half>(s);

@@ -10,20 +10,24 @@ namespace detail {
 
 constexpr unsigned batch_units = 16;  // units whose scales are converted together, one to a lane
 
-// Codes of a group of units, of which only the first need be there.
-template <class Reader, class T, bool Whole>
-CORVANE_INLINE auto fetch_group(const typename Reader::planes& weight, uint32_t unit) {
-  if constexpr (group_units<Reader, T> == 1) {
+// Codes of a group of units, of which `there` exist.
+template <class Reader, class T>
+CORVANE_INLINE auto fetch_group(const typename Reader::planes& weight, uint32_t unit, uint32_t there) {
+  if constexpr (is_woven<Reader, T>) {
+    return Reader::fetch_woven(weight, unit, there);
+  } else if constexpr (group_units<Reader, T> == 1) {
     return Reader::fetch(weight, unit);
   } else {
-    return sycl::load_some<sycl::i32x16>(Reader::fetch(weight, unit), Whole ? 64 : 32);
+    return sycl::load_some<sycl::i32x16>(Reader::fetch(weight, unit), 32 * there);
   }
 }
 
 // Lanes v of a group.
 template <class Reader, class T, class Codes>
 CORVANE_INLINE simd<T, 16> decode_group(const Codes& codes, unsigned v) {
-  if constexpr (group_units<Reader, T> == 1) {
+  if constexpr (is_woven<Reader, T>) {
+    return Reader::template woven_line<T>(codes, v);
+  } else if constexpr (group_units<Reader, T> == 1) {
     return Reader::template decode<T>(codes, v);
   } else {
     return Reader::template value_in_words<T>(codes, v / 2, v % 2);
@@ -35,6 +39,14 @@ template <class Reader, class T>
 CORVANE_INLINE simd<T, 16> of_group(const sycl::lane_of<T>* of_unit) {
   if constexpr (group_units<Reader, T> == 1) {
     return simd<T, 16>::broadcast_lane(*of_unit);
+  } else if constexpr (group_units<Reader, T> == 4) {
+    simd<T, 16> scales;
+    if constexpr (std::is_same_v<T, double>) {
+      for (unsigned i = 0; i < 2; ++i) scales.r[i] = sycl::splat_halves(of_unit[2 * i], of_unit[2 * i + 1]);
+    } else {
+      scales.r[0] = sycl::splat_quarters(of_unit);
+    }
+    return scales;
   } else {
     return simd<T, 16>::exact(sycl::splat_halves(of_unit[0], of_unit[1]));
   }
@@ -45,21 +57,23 @@ CORVANE_INLINE simd<T, 16> of_group(const sycl::lane_of<T>* of_unit) {
 // batch_units apart.
 template <class Reader, class T,
           bool Pairs,  // BFloat16 products and sums of a unit are rounded in pairs: row_input.hpp
-          bool Whole,  // no unit is missing from a group
           unsigned Inputs, unsigned Rows, unsigned Groups, unsigned Sums>
 CORVANE_INLINE void accumulate_groups(const row_input<T>& input, uint64_t stride, const typename Reader::planes& weight,
                                       const row_list<Rows>& rows, uint32_t u, const sycl::lane_of<T>* scales,
-                                      const sycl::lane_of<T>* offsets, simd<T, 16>* sum) {
+                                      const sycl::lane_of<T>* offsets, simd<T, 16>* sum,
+                                      uint32_t there = group_units<Reader, T>) {  // units of the last group
   constexpr unsigned units = group_units<Reader, T>, lines = 4 * units;
   constexpr unsigned chains = Rows * Groups;  // chain c: row c % Rows, group c / Rows
   const auto unit_of = [&](unsigned c) CORVANE_INLINE_LAMBDA { return u + c / Rows * units; };
   const auto unit = [&](unsigned c) CORVANE_INLINE_LAMBDA { return rows.first_unit[c % Rows] + unit_of(c); };
   for (unsigned c = 0; c < chains; ++c) {
-    Reader::template prefetch<prefetch_level<Reader, T>>(weight, unit(c) + rows.ahead);
+    for (unsigned i = 0; i < units; i += 2) {  // no two units are more than a line
+      Reader::template prefetch<prefetch_level<T>>(weight, unit(c) + i + rows.ahead);
+    }
   }
-  using group_codes = decltype(fetch_group<Reader, T, Whole>(weight, u));
+  using group_codes = decltype(fetch_group<Reader, T>(weight, u, there));
   group_codes codes[chains];
-  for (unsigned c = 0; c < chains; ++c) codes[c] = fetch_group<Reader, T, Whole>(weight, unit(c));
+  for (unsigned c = 0; c < chains; ++c) codes[c] = fetch_group<Reader, T>(weight, unit(c), there);
   const auto x = [&](unsigned i, unsigned c, unsigned v) CORVANE_INLINE_LAMBDA {
     return simd<T, 16>::load_lanes(input.lanes + i * stride + unit_elements * unit_of(c) + 16 * v);
   };
@@ -138,7 +152,7 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
     sycl::unroll<Rows>([&](auto r) CORVANE_INLINE_LAMBDA {
       const uint32_t unit = rows.first_unit[r] + first;
       if constexpr (Reader::shared_scale != 0) {
-        Reader::template prefetch_scales<prefetch_level<Reader, T>>(weight, unit + rows.ahead);
+        Reader::template prefetch_scales<prefetch_level<T>>(weight, unit + rows.ahead);
         Reader::template scales<T>(weight, unit, count).store_lanes(scales + r * batch_units);
       }
       if constexpr (Reader::has_offset) {
@@ -148,19 +162,19 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
     uint32_t n = 0;
     if constexpr (step > 1) {
       for (; n + step * group <= count; n += step * group) {
-        accumulate_groups<Reader, T, Pairs, true, Inputs, Rows, step, spread>(input, stride, weight, rows, first + n,
-                                                                              scales + n, offsets + n, sum);
+        accumulate_groups<Reader, T, Pairs, Inputs, Rows, step, spread>(input, stride, weight, rows, first + n,
+                                                                        scales + n, offsets + n, sum);
       }
     }
     // One group, to the sum whose turn it is, whatever the step: two inputs give what two calls do.
-    const auto add_group = [&](auto whole) CORVANE_INLINE_LAMBDA {
-      accumulate_groups<Reader, T, Pairs, whole, Inputs, Rows, 1, 1>(
+    const auto add_group = [&](uint32_t there) CORVANE_INLINE_LAMBDA {
+      accumulate_groups<Reader, T, Pairs, Inputs, Rows, 1, 1>(
           input, stride, weight, rows, first + n, scales + n, offsets + n,
-          spread == 2 && n / group % 2 == 1 ? sum + results : sum);
+          spread == 2 && n / group % 2 == 1 ? sum + results : sum, there);
     };
-    for (; n + group <= count; n += group) add_group(std::true_type{});
+    for (; n + group <= count; n += group) add_group(group);
     if constexpr (group > 1) {
-      if (n < count) add_group(std::false_type{});
+      if (n < count) add_group(count - n);
     }
   }
   sycl::unroll<results>([&](auto k) CORVANE_INLINE_LAMBDA {

@@ -4,6 +4,8 @@
 // an offset need the sums of the input over each unit.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <memory>
 #include <vector>
 
@@ -35,9 +37,20 @@ class tiny_lanes {
 // Units that a kernel walks as one. Of two units of a format with 4-bit codes the 64 code bytes are sixteen words, and
 // each of the eight nibbles of a word is taken from all of them at once: lane l of run r of nibbles i has element
 // 32 r + 4 (l % 8) + i of unit l / 8. Not in BFloat16, where rounding in pairs moves lanes between the units, nor in
-// double, which takes eight lanes and another look-up.
+// double, which takes eight lanes and another look-up. A format may also weave some units' lanes itself.
 template <class Reader, class T>
-constexpr uint32_t group_units = nibble_reader<Reader> && (std::is_same_v<T, float> || std::is_same_v<T, Half>) ? 2 : 1;
+constexpr uint32_t group_units = [] {
+  if constexpr (woven_reader<Reader>) {
+    constexpr unsigned units = Reader::woven_units;
+    if (units == 1 || (units == 4 && !std::is_same_v<T, BFloat16>)) return units;
+  }
+  return nibble_reader<Reader> && (std::is_same_v<T, float> || std::is_same_v<T, Half>) ? 2u : 1u;
+}();
+template <class Reader, class T>
+constexpr bool is_woven = [] {
+  if constexpr (woven_reader<Reader>) return group_units<Reader, T> == Reader::woven_units;
+  return false;
+}();
 
 template <class T>
 struct row_input {
@@ -88,8 +101,9 @@ class prepared_row {
   struct alignas(64) line {
     sycl::lane_of<T> lane[16];
   };
-  static constexpr bool paired = group_units<Reader, T> == 2;
-  static constexpr bool copied = paired || sizeof(T) == 2;
+  static constexpr bool woven = is_woven<Reader, T>;
+  static constexpr bool grouped = group_units<Reader, T> > 1;
+  static constexpr bool copied = woven || grouped || sizeof(T) == 2;
   static constexpr unsigned lines = unit_elements / 16 * group_units<Reader, T>;  // of a group
 
   void copy(uint64_t row) {
@@ -98,16 +112,37 @@ class prepared_row {
     line* to = &lines_[row * groups_ * lines];
     for (uint32_t g = 0; g < groups_; ++g, to += lines) {
       lanes x[lines];
-      for (unsigned i = 0; i < lines; ++i) {  // a second unit that is not there counts as zeros
-        const uint32_t line_of_row = g * lines + i;
-        const bool there = !paired || line_of_row < units_ * (unit_elements / 16);
-        x[i] = there ? lanes::load(from + 16 * uint64_t{line_of_row}) : lanes::zero();
+      const T* group = from + uint64_t{16 * lines} * g;
+      unsigned there = lines;  // a unit that is not there counts as zeros
+      if constexpr (grouped) there = std::min<uint32_t>(lines, units_ * (unit_elements / 16) - g * lines);
+      T woven_group[woven ? 16 * lines : 1];
+      if constexpr (woven) {
+        weave(group, 16 * there, woven_group);
+        group = woven_group, there = lines;
+      }
+      for (unsigned i = 0; i < lines; ++i) {
+        x[i] = i < there ? lanes::load(group + 16 * i) : lanes::zero();
         tiny.look_at(x[i]);
       }
-      if constexpr (paired) arrange(x);
+      if constexpr (grouped && !woven) arrange(x);
       for (unsigned i = 0; i < lines; ++i) x[i].store_lanes(to[i].lane);
     }
     views_[row].pairable = !tiny.any();
+  }
+
+  // The first `there` elements of a group in the format's order, zeros for the others.
+  static void weave(const T* group, unsigned there, T* to) {
+    static constexpr auto element = [] {
+      std::array<uint8_t, 16 * lines> e{};
+      static_assert(16 * lines <= 256);
+      for (unsigned n = 0; n < 16 * lines; ++n) e[n] = static_cast<uint8_t>(Reader::woven_element(n / 16, n % 16));
+      return e;
+    }();
+    if (there == 16 * lines) {
+      for (unsigned n = 0; n < 16 * lines; ++n) to[n] = group[element[n]];
+    } else {
+      for (unsigned n = 0; n < 16 * lines; ++n) to[n] = element[n] < there ? group[element[n]] : T(0.0f);
+    }
   }
 
   // Lines of two units become those of their words' nibbles: line 2 i + r from element 32 r + i on, every fourth one.

@@ -5,13 +5,6 @@
 
 namespace sycl {
 
-// 32 bytes of memory from each of two places.
-CORVANE_INLINE i32x16 load_two(const void* first, const void* second) {
-  using i32x8 = std::int32_t __attribute__((vector_size(32)));
-  return __builtin_shufflevector(load_bytes<i32x8>(first), load_bytes<i32x8>(second), 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10,
-                                 11, 12, 13, 14, 15);
-}
-
 // Eight 16-bit words of memory from each of two places, zero-extended.
 CORVANE_INLINE i32x16 widen_two_u16(const void* first, const void* second) {
   using u16x8 = std::uint16_t __attribute__((vector_size(16)));
@@ -19,19 +12,11 @@ CORVANE_INLINE i32x16 widen_two_u16(const void* first, const void* second) {
                                            8, 9, 10, 11, 12, 13, 14, 15));
 }
 
-// table[index] in each lane, from memory.
-CORVANE_INLINE i32x16 gather(const std::uint32_t* table, i32x16 index) {
-#ifdef CORVANE_AVX512
-  // Two gathers of eight. Measured and dropped: one of sixteen, single loads through memory.
-  const auto eight = [table](__m256i i) { return _mm256_i32gather_epi32(reinterpret_cast<const int*>(table), i, 4); };
-  const __m256i low = eight(_mm512_castsi512_si256((__m512i)index));
-  return (i32x16)_mm512_inserti64x4(_mm512_castsi256_si512(low), eight(_mm512_extracti64x4_epi64((__m512i)index, 1)),
-                                    1);
-#else
-  i32x16 found;
-  for (int t = 0; t < 16; ++t) found[t] = static_cast<std::int32_t>(table[index[t]]);
-  return found;
-#endif
+// Sixteen bytes each.
+CORVANE_INLINE u8x64 join(u8x16 a, u8x16 b, u8x16 c, u8x16 d) {
+  const auto two = [](auto x, auto y) { return __builtin_shufflevector(x, y, 0, 1, 2, 3); };
+  using u64x2 = std::uint64_t __attribute__((vector_size(16)));
+  return (u8x64)__builtin_shufflevector(two((u64x2)a, (u64x2)b), two((u64x2)c, (u64x2)d), 0, 1, 2, 3, 4, 5, 6, 7);
 }
 
 // table[index & 63] in each byte.
@@ -56,7 +41,13 @@ CORVANE_INLINE u8x64 lookup128(u8x64 low, u8x64 high, u8x64 index) {
 #endif
 }
 
-// Byte t is bits from[t] to from[t] + 7 of the 64-bit word that it stands in, which is read round its end.
+// Byte t is bits from[t] to from[t] + 7 of the 64-bit word that it stands in, which is read round its end. Where it is
+// not one instruction it takes one for each byte.
+#ifdef __AVX512VBMI__
+constexpr bool multishifts_at_once = true;
+#else
+constexpr bool multishifts_at_once = false;
+#endif
 CORVANE_INLINE u8x64 multishift_words(u8x64 words, u8x64 from) {
 #ifdef __AVX512VBMI__
   return (u8x64)_mm512_multishift_epi64_epi8((__m512i)from, (__m512i)words);

@@ -53,13 +53,6 @@ CORVANE_INLINE i32x16 rotate_left(i32x16 x, i32x16 count) {
 #endif
 }
 
-// 32 bytes of memory, and the same again.
-CORVANE_INLINE i32x16 load_twice(const void* from) {
-  using i32x8 = std::int32_t __attribute__((vector_size(32)));
-  const auto half = load_bytes<i32x8>(from);
-  return __builtin_shufflevector(half, half, 0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7);
-}
-
 // Lanes 0, 2, ... of a, then of b; and lanes 1, 3, ...
 CORVANE_INLINE i32x16 even_lanes(i32x16 a, i32x16 b) {
   return shuffle(a, b, i32x16{0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30});

@@ -89,12 +89,30 @@ CORVANE_INLINE f32x16 lookup32(f32x16 low, f32x16 high, i32x16 index, std::uint1
   const __m512 from_low = _mm512_permutexvar_ps((__m512i)index, (__m512)low);
   return (f32x16)_mm512_mask_permutexvar_ps(from_low, mask, (__m512i)index, (__m512)high);
 }
+// Bit by bit. GCC makes two operations of it.
+CORVANE_INLINE i32x16 select_bits(std::int32_t mask, i32x16 if_set, i32x16 if_clear) {
+  return (i32x16)_mm512_ternarylogic_epi32(_mm512_set1_epi32(mask), (__m512i)if_set, (__m512i)if_clear, 0xCA);
+}
 // Bit t of the mask chooses for lane t.
 CORVANE_INLINE f32x16 select(std::uint16_t mask, f32x16 if_set, f32x16 if_clear) {
   return (f32x16)_mm512_mask_blend_ps(mask, (__m512)if_clear, (__m512)if_set);
 }
 CORVANE_INLINE i32x16 select(std::uint16_t mask, i32x16 if_set, i32x16 if_clear) {
   return (i32x16)_mm512_mask_blend_epi32(mask, (__m512i)if_clear, (__m512i)if_set);
+}
+
+// 32 bytes of memory, and the same again; 16 bytes four times. Of a shuffle that widens GCC makes a permute, or goes
+// through memory.
+CORVANE_INLINE i32x16 load_twice(const void* from) {
+  return (i32x16)_mm512_broadcast_i64x4(_mm256_loadu_si256(static_cast<const __m256i*>(from)));
+}
+CORVANE_INLINE i32x16 load_four_times(const void* from) {
+  return (i32x16)_mm512_broadcast_i32x4(_mm_loadu_si128(static_cast<const __m128i*>(from)));
+}
+// Each of four floats in memory in four lanes.
+CORVANE_INLINE f32x16 splat_quarters(const float* from) {
+  const __m512i quarter = _mm512_set_epi32(3, 3, 3, 3, 2, 2, 2, 2, 1, 1, 1, 1, 0, 0, 0, 0);
+  return (f32x16)_mm512_permutexvar_ps(quarter, _mm512_castps128_ps512(_mm_loadu_ps(from)));
 }
 
 }  // namespace sycl

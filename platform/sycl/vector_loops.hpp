@@ -58,6 +58,9 @@ CORVANE_INLINE f64x8 lookup16(f64x8 low, f64x8 high, i64x8 index) {
   for (int i = 0; i < 8; ++i) y[i] = index[i] & 8 ? high[index[i] & 7] : low[index[i] & 7];
   return y;
 }
+CORVANE_INLINE i32x16 select_bits(std::int32_t mask, i32x16 if_set, i32x16 if_clear) {
+  return (if_set & mask) | (if_clear & ~mask);
+}
 CORVANE_INLINE i32x16 select(std::uint16_t mask, i32x16 if_set, i32x16 if_clear) {
   const i32x16 lane_bit = {1 << 0, 1 << 1, 1 << 2,  1 << 3,  1 << 4,  1 << 5,  1 << 6,  1 << 7,
                            1 << 8, 1 << 9, 1 << 10, 1 << 11, 1 << 12, 1 << 13, 1 << 14, 1 << 15};
@@ -86,5 +89,26 @@ CORVANE_INLINE f32x16 narrow_to_float(f64x8 low, f64x8 high) {
 // float, so that its sum rounds once anywhere.
 CORVANE_INLINE f32x16 fused_multiply_add(f32x16 a, f32x16 b, f32x16 c) { return a * b + c; }
 CORVANE_INLINE f64x8 fused_multiply_add(f64x8 a, f64x8 b, f64x8 c) { return a * b + c; }
+
+// 32 bytes of memory, and the same again.
+CORVANE_INLINE i32x16 load_twice(const void* from) {
+  using i32x8 = std::int32_t __attribute__((vector_size(32)));
+  const auto half = load_bytes<i32x8>(from);
+  return __builtin_shufflevector(half, half, 0, 1, 2, 3, 4, 5, 6, 7, 0, 1, 2, 3, 4, 5, 6, 7);
+}
+
+// 16 bytes of memory, four times.
+CORVANE_INLINE i32x16 load_four_times(const void* from) {
+  using i32x4 = std::int32_t __attribute__((vector_size(16)));
+  const auto quarter = load_bytes<i32x4>(from);
+  return __builtin_shufflevector(quarter, quarter, 0, 1, 2, 3, 0, 1, 2, 3, 0, 1, 2, 3, 0, 1, 2, 3);
+}
+
+// Each of four floats in memory in four lanes.
+CORVANE_INLINE f32x16 splat_quarters(const float* from) {
+  f32x16 x;
+  for (int t = 0; t < 16; ++t) x[t] = from[t / 4];
+  return x;
+}
 
 }  // namespace sycl

@@ -113,6 +113,10 @@ CORVANE_INLINE f32x16 splat_halves(float low, float high) {    // each in eight 
   using f32x8 = float __attribute__((vector_size(32)));
   return __builtin_shufflevector(low - f32x8{}, high - f32x8{}, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
 }
+CORVANE_INLINE f64x8 splat_halves(double low, double high) {  // each in four lanes
+  using f64x4 = double __attribute__((vector_size(32)));
+  return __builtin_shufflevector(low - f64x4{}, high - f64x4{}, 0, 1, 2, 3, 4, 5, 6, 7);
+}
 CORVANE_INLINE i32x16 splat(std::int32_t x) { return i32x16{} + x; }
 CORVANE_INLINE f32x16 as_float(i32x16 bits) { return (f32x16)bits; }
 CORVANE_INLINE i32x16 as_int(f32x16 x) { return (i32x16)x; }

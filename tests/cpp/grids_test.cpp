@@ -30,6 +30,14 @@ TEST(grids, are_the_published_ones) {
   EXPECT_EQ(iq1s_grid[2045], 0x22222022u);
 }
 
+TEST(grids, bytes_of_a_run_are_its_nibbles_low_ones_first) {
+  for (unsigned row = 0; row < 2048; ++row) {
+    for (unsigned j = 0; j < 8; ++j) {
+      EXPECT_EQ(iq1s_runs[row] >> (8 * j) & 0xFF, iq1s_grid[row] >> (8 * (j % 4) + 4 * (j / 4)) & 15) << row;
+    }
+  }
+}
+
 TEST(grids, signs_are_an_even_number) {
   EXPECT_EQ(ksigns_iq2xs[1], 129);
   for (unsigned i = 0; i < 128; ++i) {

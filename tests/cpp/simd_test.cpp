@@ -142,4 +142,23 @@ TEST(simd, lookup_reads_the_low_four_bits) {
   for (int i = 0; i < 16; ++i) EXPECT_EQ(found[i], 115.0f - i);
 }
 
+TEST(simd, what_is_read_once_and_spread) {
+  int32_t words[8];
+  float floats[4];
+  for (int i = 0; i < 8; ++i) words[i] = 7 * i;
+  for (int i = 0; i < 4; ++i) floats[i] = 1.5f * i;
+  const sycl::i32x16 twice = sycl::load_twice(words), four_times = sycl::load_four_times(words + 1);
+  const sycl::f32x16 quarters = sycl::splat_quarters(floats);
+  for (int i = 0; i < 16; ++i) {
+    EXPECT_EQ(twice[i], 7 * (i % 8));
+    EXPECT_EQ(four_times[i], 7 * (i % 4 + 1));
+    EXPECT_EQ(quarters[i], 1.5f * (i / 4));
+  }
+}
+
+TEST(simd, bits_are_chosen_one_by_one) {
+  const sycl::i32x16 chosen = sycl::select_bits(0x0F0F00FF, sycl::splat(0x12345678), sycl::splat(-1));
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(static_cast<uint32_t>(chosen[i]), 0xF2F4FF78u);
+}
+
 }  // namespace
