@@ -142,7 +142,7 @@ struct fp6_reader {
   }
 
   // Four units are sixteen chunks, one to a lane, so that one permute finds the values of 32 codes.
-  static constexpr unsigned woven_units = 4;
+  static constexpr unsigned woven_units = sycl::looks_up_words ? 4 : 0;
   static constexpr unsigned woven_element(unsigned line, unsigned lane) {
     return 16 * lane + fp6_codes::chunk_element(line);
   }
