@@ -2,6 +2,7 @@
 // makes it, and compares the answer with the reference.
 #pragma once
 
+#include <algorithm>
 #include <exception>
 
 #include "fuzz/reference.hpp"
@@ -51,6 +52,14 @@ inline int32_t pick_qtype(byte_source& source) {
 inline contents pick_contents(byte_source& source) {
   const unsigned b = source.byte();
   return b < 0x98 ? contents::sparse : b < 0xF0 ? contents::dense : contents::any;
+}
+
+// Positions to compare: the first, the last, and a spread of those between.
+template <class Check>
+void for_some(int64_t count, int64_t most, const Check& check) {
+  const int64_t step = std::max<int64_t>(1, count / most) | 1;
+  for (int64_t i = 0; i < count; i += step) check(i);
+  if (count > 0) check(count - 1);
 }
 
 // Sizes of a packed weight. For ids of no format, those of another.

@@ -136,12 +136,11 @@ void project(byte_source& source, const char* name, unsigned matrices, bool with
       return e;
     };
     const at::Tensor& output = m == 0 ? result[0] : caches[m - 1].tensor;
-    for (int64_t row = 0; row < rows[m]; ++row) {
-      const int64_t head = row / head_size, e = row % head_size;
-      if (e >= half) continue;
+    for_some(rows[m] / 2, 16, [&](int64_t pair_number) {
+      const int64_t head = pair_number / half, e = pair_number % half, row = head * head_size + e;
       std::array<expected, 2> pair{projected(row), projected(row + half)};
       if (m != 2) {
-        if (base <= 0) continue;
+        if (base <= 0) return;
         // The frequency is a float power of a float power: each of its e factors brings an error or two.
         const double angle =
             token * std::pow(double{base}, -2.0 * static_cast<double>(e) / static_cast<double>(head_size));
@@ -159,7 +158,7 @@ void project(byte_source& source, const char* name, unsigned matrices, bool with
               pair[static_cast<size_t>(i)].value, pair[static_cast<size_t>(i)].tolerance);
         }
       }
-    }
+    });
   }
 }
 
@@ -192,7 +191,7 @@ void mlp(byte_source& source) {
 
   const precision p = precision_of(dtype);
   const std::vector<double> x = values_of(input);
-  for (int64_t n = 0; n < std::min(output_size, shape.output_size); ++n) {
+  for_some(std::min(output_size, shape.output_size), 16, [&](int64_t n) {
     // Planes lie where output_size says.
     const size_t blocks = static_cast<size_t>(output_size * state_size) / shape.block_elements;
     const auto product = [&](const at::Tensor& weight) {
@@ -216,7 +215,7 @@ void mlp(byte_source& source) {
           format_of(qtype)->name, c10::toString(dtype), output_size, state_size, activation, n, answer, e.value,
           e.tolerance);
     }
-  }
+  });
 }
 
 }  // namespace fuzz

@@ -40,14 +40,6 @@ bool would_end_process(const at::Tensor& input, const at::Tensor& weight, int32_
   return !has_kernel && takes_systolic_path(qtype, input.size(0), output_size, set);
 }
 
-// Positions to compare: the first, the last, and a spread of those between.
-template <class Check>
-void for_some(int64_t count, int64_t most, const Check& check) {
-  const int64_t step = std::max<int64_t>(1, count / most) | 1;
-  for (int64_t i = 0; i < count; i += step) check(i);
-  if (count > 0) check(count - 1);
-}
-
 void check_shape(const char* name, const at::Tensor& t, at::IntArrayRef sizes, at::ScalarType dtype) {
   if (t.sizes() == sizes && t.scalar_type() == dtype && t.is_xpu()) return;
   std::ostringstream text;
@@ -99,7 +91,7 @@ void forward_new(byte_source& source, const environment& set) {
   const precision p = precision_of(in_half ? at::kHalf : dtype);
   const bool quantised = rows == 1 && is_one_of(qtype, {21, 23, 24});
   const std::vector<double> x = values_of(input);
-  for_some(rows * shape.output_size, 40, [&](int64_t i) {
+  for_some(rows * shape.output_size, 16, [&](int64_t i) {
     const int64_t r = i / shape.output_size, n = i % shape.output_size;
     const auto first = x.begin() + r * shape.state_size;
     const expected e = dot({first, first + shape.state_size}, qtype, weight.data_ptr<uint8_t>(), shape.blocks(),
@@ -130,7 +122,7 @@ void dequant(byte_source& source) {
   if (!is_one_of(qtype, {2, 3, 8, 10, 16, 19, 21})) return;  // allocated and not written
 
   const precision p = precision_of(dtype);
-  for_some(static_cast<int64_t>(shape.blocks()) * shape.block_elements, 400, [&](int64_t i) {
+  for_some(static_cast<int64_t>(shape.blocks()) * shape.block_elements, 100, [&](int64_t i) {
     const expected e = expanded(qtype, weight.data_ptr<uint8_t>(), shape.blocks(), i, p);
     const double answer = value_at(result, i);
     if (!agrees(answer, e)) {
@@ -158,7 +150,7 @@ void dequantize_rows(byte_source& source) {
   }
   check_shape("dequantize_rows", result, {numbers.size(0), numbers.size(1), state_size}, at::kFloat);
   if (!is_one_of(qtype, {23, 27})) return;
-  for_some(result.numel(), 400, [&](int64_t i) {
+  for_some(result.numel(), 100, [&](int64_t i) {
     const int64_t row = numbers.data_ptr<int64_t>()[i / state_size];
     const expected e = expanded(qtype, weight.data_ptr<uint8_t>(), shape.blocks(), row * state_size + i % state_size,
                                 precision_of(at::kFloat));

@@ -145,7 +145,7 @@ void rwkv_v5(byte_source& source) {
   for (at::Tensor& t : tokens_of) {
     if (transposed) {
       t = make.floats({batch, tokens, heads, last}, at::kFloat, c);
-      if (t.dim() == 4) t = t.transpose(1, 2);
+      if (!make.distorted()) t = t.transpose(1, 2);  // of absurd sizes the framework itself ends the process
     } else {
       t = make.floats({batch, heads, tokens, last}, at::kFloat, c);
     }

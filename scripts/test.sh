@@ -14,16 +14,17 @@
 #   scripts/test.sh --arm       a build for 64-bit ARM: the C++ tests, under an emulator
 #   scripts/test.sh --thread    the tests of pool, queue and groups under the thread sanitizer
 #   scripts/test.sh --fuzz      the fuzzer for a minute (scripts/fuzz.sh)
-#   scripts/test.sh --ci        all of this but --pythons, --portable and --arm
+#   scripts/test.sh --soak      four threads under shortages, forks and moves for ten minutes, or the seconds that follow
+#   scripts/test.sh --ci        all of this but --pythons, --portable and --arm, the soak for a minute
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 mode=${1:-all}
 case $mode in
-  all | --quick | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz | --ci) ;;
+  all | --quick | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz | --soak | --ci) ;;
   *)
     echo "usage: scripts/test.sh [--quick | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz |" \
-      "--ci]" >&2
+      "--soak [seconds] | --ci]" >&2
     exit 2
     ;;
 esac
@@ -143,6 +144,12 @@ test_thread() {
 
 test_fuzz() { run "fuzz: a minute" env FUZZ_SEED=1 scripts/fuzz.sh 60; }
 
+test_soak() {  # <seconds>
+  scripts/build.sh
+  run "soak: $1 seconds" env PYTHONPATH=build/python:tests HOST_XPU_DEVICE_NAME="${device_names[1]}" "$python" \
+    tests/soak/soak.py "$1"
+}
+
 case $mode in
   all) test_all ;;
   --quick) test_build release build 1 3 ;;
@@ -153,12 +160,14 @@ case $mode in
   --arm) test_arm ;;
   --thread) test_thread ;;
   --fuzz) test_fuzz ;;
+  --soak) test_soak "${2:-600}" ;;
   --ci)
     test_all
     test_torch
     test_sanitize
     test_thread
     test_fuzz
+    test_soak 60
     ;;
 esac
 

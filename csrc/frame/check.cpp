@@ -5,15 +5,17 @@
 #include <mutex>
 #include <set>
 
+#include "platform/sycl/fork.hpp"
+
 namespace corvane {
 namespace {
 
 // The name of a source file, for as long as the process lives: newer frameworks read it when they are asked for the
 // message, long after the throw.
 const char* file_of(const char* source) {
-  static auto* lock = new std::mutex;
+  static auto& lock = host::held_while_forking(new std::mutex);
   static auto* names = new std::set<std::string>;
-  const std::lock_guard<std::mutex> alone(*lock);
+  const std::lock_guard<std::mutex> alone(lock);
   return names->insert(std::string(source) + ".cpp").first->c_str();
 }
 

@@ -1,5 +1,6 @@
 #include "platform/sycl/parallel.hpp"
 
+#include <pthread.h>
 #include <tbb/blocked_range.h>
 #include <tbb/info.h>
 #include <tbb/parallel_for.h>
@@ -55,6 +56,14 @@ struct thread_pool {
   tbb::task_arena arena{concurrency()};
   workers helpers{arena};
 };
+
+// A process forked after the pool began has none of its workers, and threads that it does not have may hold places of
+// the arena, so that a caller would wait for ever: it works alone.
+std::atomic<bool> pool_has_begun{false}, left_the_pool{false};
+[[maybe_unused]] const int after_a_fork =
+    pthread_atfork(nullptr, nullptr, [] { left_the_pool = pool_has_begun.load(); });
+
+bool alone() { return concurrency() == 1 || left_the_pool.load(std::memory_order_relaxed); }
 
 // Leaked on purpose: worker threads may outlive static destruction at interpreter exit.
 thread_pool& pool() {
@@ -115,7 +124,7 @@ std::string instruction_set() {
 void parallel_for(size_t n, size_t grain, range_function f) {
   if (n == 0) return;
   grain = std::max<size_t>(grain, 1);
-  if (concurrency() == 1 || n <= grain) {
+  if (alone() || n <= grain) {
     f(0, n);
     finish_stores();
     return;
@@ -129,6 +138,7 @@ void parallel_for(size_t n, size_t grain, range_function f) {
     finish_stores();
     order.piece_ends();
   };
+  pool_has_begun.store(true, std::memory_order_relaxed);
   let_openmp_sleep();
   order.before_all();
   // On another thread, when as many as there are cores are in the arena already: what this captures is read before that
@@ -145,7 +155,7 @@ void run_adaptively(size_t n, range_function f) {
   constexpr double probe_ns = 2'000;         // long enough to trust the estimate of the rest
   constexpr double worth_a_fork_ns = 8'000;  // below this, waking another core costs more than it saves
   constexpr double piece_ns = 20'000;        // a piece short enough to balance, long enough to stream
-  if (concurrency() == 1) {
+  if (alone()) {
     if (n != 0) f(0, n);
     finish_stores();
     return;

@@ -23,10 +23,6 @@ struct place {
 void workers::on_scheduler_entry(bool is_worker) {
   if (!is_worker) return;
 #ifdef __linux__
-  if (process_.exchange(getpid(), std::memory_order_relaxed) != getpid()) {  // the first one, or the first after a fork
-    for (std::atomic<int>& thread : threads_) thread.store(0, std::memory_order_relaxed);
-    present_.store(0, std::memory_order_relaxed);
-  }
   present_.fetch_add(1, std::memory_order_relaxed);
   thread_local place mine;
   if (mine.taken != nullptr) return;
@@ -45,7 +41,6 @@ void workers::on_scheduler_exit(bool is_worker) {
 
 void workers::move_elsewhere() const {
 #ifdef __linux__
-  if (process_.load(std::memory_order_relaxed) != getpid()) return;
   // Two at once would take each other's momentary masks for the ones to restore.
   static std::mutex moving;
   const std::unique_lock<std::mutex> alone(moving, std::try_to_lock);

@@ -30,7 +30,6 @@ class workers final : public tbb::task_scheduler_observer {
 
  private:
   std::array<std::atomic<int>, 64> threads_{};  // ids of the workers that have been in the arena; 0: a free place
-  std::atomic<int> process_{0};                 // theirs: a forked process has none of them
   std::atomic<int> present_{0};
 };
 

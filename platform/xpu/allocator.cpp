@@ -11,11 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "platform/sycl/check_order.hpp"
+#include "platform/sycl/fork.hpp"
 #include "platform/xpu/stream.hpp"
 
 namespace xpu {
@@ -109,7 +111,12 @@ class block_cache {
       block = from_system(wanted.bytes);
     }
     if (block == nullptr) out_of_memory(bytes);
-    home_.emplace(block, wanted);
+    try {
+      home_.emplace(block, wanted);
+    } catch (...) {
+      std::free(block);
+      throw;
+    }
     count_acquired(wanted.bytes);
     return block;
   }
@@ -119,13 +126,9 @@ class block_cache {
     const auto home = home_.find(block);
     const size_class kind = home->second;
     used_bytes -= kind.bytes;
-    if (cached_bytes_ + kind.bytes <= physical_memory() / 4) {
-      free_[kind.index].push_back(block);
-      cached_bytes_ += kind.bytes;
-    } else {
-      home_.erase(home);
-      std::free(block);
-    }
+    if (cached_bytes_ + kind.bytes <= physical_memory() / 4 && keep(kind, block)) return;
+    home_.erase(home);
+    std::free(block);
   }
 
   std::size_t bytes() {
@@ -149,6 +152,15 @@ class block_cache {
     return block;
   }
 
+  // A tensor's end must not throw, however short memory is.
+  bool keep(const size_class& kind, void* block) try {
+    free_[kind.index].push_back(block);
+    cached_bytes_ += kind.bytes;
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+
   void drop_cached() {
     for (auto& blocks : free_) {
       for (void* block : blocks) {
@@ -160,7 +172,7 @@ class block_cache {
     cached_bytes_ = 0;
   }
 
-  std::mutex mutex_;
+  std::mutex& mutex_ = host::held_while_forking(new std::mutex);
   std::unordered_map<void*, size_class> home_;  // of every block, in use or cached
   std::array<std::vector<void*>, class_count> free_;
   std::size_t cached_bytes_ = 0;

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/sycl/fork.hpp"
 #include "platform/xpu/one_thread.hpp"
 #include "platform/xpu/relabel.hpp"
 #include "platform/xpu/stream.hpp"
@@ -41,7 +42,7 @@ class widened_operators {
   }
 
  private:
-  mutable std::shared_mutex mutex_;
+  std::shared_mutex& mutex_ = host::held_while_forking(new std::shared_mutex);
   std::set<std::pair<const c10::FunctionSchema*, at::ScalarType>> known_;
 };
 

@@ -6,13 +6,15 @@
 #include <atomic>
 #include <mutex>
 
+#include "platform/sycl/fork.hpp"
+
 namespace xpu {
 namespace {
 
 thread_local c10::StreamId current_id = 0;
 
 struct queue_table {
-  std::mutex making;
+  std::mutex& making = host::held_while_forking(new std::mutex);
   std::array<std::atomic<sycl::queue*>, stream_count> queues{};
 };
 

@@ -180,3 +180,45 @@ def test_freed_blocks_are_used_again(count):
     del first
     assert torch.empty(count, device="xpu").data_ptr() == memory
     assert torch.empty(0, device="xpu").data_ptr() == 0
+
+
+def test_processes_forked_while_threads_compute():
+    code = """
+import os, signal, threading, torch, corvane
+x, done = torch.ones(300, 600, device="xpu"), False
+def work():
+    while not done:
+        torch.nn.functional.linear(x, x)
+threads = [threading.Thread(target=work) for _ in range(4)]
+for thread in threads: thread.start()
+failed = 0
+for _ in range(60):
+    child = os.fork()
+    if child == 0:
+        signal.alarm(20)
+        os._exit(0 if torch.nn.functional.linear(x, x).sum().item() == 300 * 300 * 600 else 1)
+    failed += os.waitpid(child, 0)[1] != 0
+    if failed: break
+done = True
+print(failed)
+"""
+    done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=300)
+    assert done.stdout == "0\n", done.stderr
+
+
+@pytest.mark.skipif(GUARDED, reason="the sanitizers need address space without a limit")
+def test_a_product_without_room_for_its_program_is_refused():
+    code = """
+import re, resource, torch, corvane
+w = torch.ones(64, 64, device="xpu")
+size = int(re.search(r"VmSize:\\s+(\\d+)", open("/proc/self/status").read())[1]) << 10
+x = [torch.ones(rows, 64, device="xpu") for rows in range(1, 100)]
+resource.setrlimit(resource.RLIMIT_AS, (size + (1 << 20), resource.RLIM_INFINITY))
+try:
+    for one in x: torch.nn.functional.linear(one, w)
+except RuntimeError as error:
+    resource.setrlimit(resource.RLIMIT_AS, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+    print("memory" in str(error), torch.nn.functional.linear(x[-1], w).sum().item())
+"""
+    done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+    assert done.stdout == f"True {99 * 64 * 64.0}\n", done.stderr

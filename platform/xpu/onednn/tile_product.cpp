@@ -1,7 +1,11 @@
 // Tiles by oneDNN's matrix product.
 #include "platform/xpu/tile_product.hpp"
 
+#include <c10/util/Exception.h>
+#include <sys/mman.h>
+
 #include <array>
+#include <atomic>
 #include <dnnl.hpp>
 #include <map>
 #include <memory>
@@ -10,6 +14,7 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "platform/sycl/fork.hpp"
 #include "platform/sycl/vector_types.hpp"
 #include "platform/xpu/allocator.hpp"
 
@@ -57,29 +62,39 @@ struct call_shape {
 struct primitive {
   dnnl::matmul run;
   memory::desc scratch;
+  mutable std::atomic<bool> has_run{false};
 };
 
+// oneDNN makes programs with a primitive, and when one first runs. It does not see that the system refuses the memory.
+void check_room_for_a_program() {
+  constexpr std::size_t room = std::size_t{8} << 20;
+  void* found = mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  TORCH_CHECK_WITH(OutOfMemoryError, found != MAP_FAILED, "XPU out of memory: no room for the program of a product");
+  munmap(found, room);
+}
+
 std::shared_ptr<const primitive> make_primitive(const call_shape& shape) {
+  check_room_for_a_program();
   dnnl::primitive_attr attributes;
   // The library's own scratchpad belongs to the thread that makes the primitive; other threads run it too.
   attributes.set_scratchpad_mode(dnnl::scratchpad_mode::user);
   const dnnl::matmul::desc description = shape.bias ? dnnl::matmul::desc(shape.x(), shape.w(), shape.b(), shape.y())
                                                     : dnnl::matmul::desc(shape.x(), shape.w(), shape.y());
   const dnnl::matmul::primitive_desc made(description, attributes, engine());
-  return std::make_shared<const primitive>(primitive{dnnl::matmul(made), made.scratchpad_desc()});
+  return std::shared_ptr<const primitive>(new primitive{dnnl::matmul(made), made.scratchpad_desc()});
 }
 
 std::shared_ptr<const primitive> primitive_of(const call_shape& shape) {
   constexpr std::size_t capacity = 1024;  // shapes; a program has a few dozen
-  static auto* lock = new std::shared_mutex;
+  static auto& lock = host::held_while_forking(new std::shared_mutex);
   static auto* known = new std::map<call_shape, std::shared_ptr<const primitive>>;
   {
-    const std::shared_lock<std::shared_mutex> reading(*lock);
+    const std::shared_lock<std::shared_mutex> reading(lock);
     const auto found = known->find(shape);
     if (found != known->end()) return found->second;
   }
   auto made = make_primitive(shape);
-  const std::unique_lock<std::shared_mutex> writing(*lock);
+  const std::unique_lock<std::shared_mutex> writing(lock);
   if (known->size() >= capacity) known->clear();
   return known->emplace(shape, std::move(made)).first->second;
 }
@@ -95,7 +110,9 @@ void run_call(const call_shape& shape, const void* x, const void* w, const void*
                                                {DNNL_ARG_DST, memory_of(shape.y(), y)}};
   if (shape.bias) arguments.emplace(DNNL_ARG_BIAS, memory_of(shape.b(), bias));
   if (scratch.get() != nullptr) arguments.emplace(DNNL_ARG_SCRATCHPAD, memory_of(p->scratch, scratch.get()));
+  if (!p->has_run.load(std::memory_order_relaxed)) check_room_for_a_program();
   p->run.execute(stream(), arguments);
+  p->has_run.store(true, std::memory_order_relaxed);
 }
 
 // Whether the processor has the BFloat16 product.
