@@ -2,41 +2,32 @@
 
 #include <pthread.h>
 
-#include <mutex>
-#include <vector>
+#include <atomic>
 
 namespace host::fork_detail {
 namespace {
 
-struct list {
-  std::mutex adding;
-  std::vector<held> all;
-};
-
-list& locks() {
-  static auto* made = new list;
-  return *made;
-}
+std::atomic<const held*> last{nullptr};
+const held* of_this_fork = nullptr;
 
 [[maybe_unused]] const int handlers = pthread_atfork(
     [] {
-      locks().adding.lock();
-      for (const held& one : locks().all) one.lock(one.mutex);
+      of_this_fork = last.load();
+      for (const held* one = of_this_fork; one != nullptr; one = one->before) one->lock(one->mutex);
     },
     [] {
-      for (const held& one : locks().all) one.unlock(one.mutex);
-      locks().adding.unlock();
+      for (const held* one = of_this_fork; one != nullptr; one = one->before) one->unlock(one->mutex);
     },
     [] {
-      for (const held& one : locks().all) one.renew(one.mutex);
-      locks().adding.unlock();
+      for (const held* one = of_this_fork; one != nullptr; one = one->before) one->renew(one->mutex);
     });
 
 }  // namespace
 
-void hold(const held& one) {
-  const std::lock_guard<std::mutex> alone(locks().adding);
-  locks().all.push_back(one);
+void hold(held* one) {
+  one->before = last.load();
+  while (!last.compare_exchange_weak(one->before, one)) {
+  }
 }
 
 }  // namespace host::fork_detail

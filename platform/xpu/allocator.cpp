@@ -178,18 +178,15 @@ class block_cache {
   std::size_t cached_bytes_ = 0;
 };
 
-block_cache& cache() {
-  static auto* blocks = new block_cache;  // leaked: tensors may die as late as interpreter exit
-  return *blocks;
-}
+block_cache& cache = *new block_cache;  // leaked: tensors may die as late as interpreter exit
 
-void* acquire(std::size_t bytes) { return cache().acquire(bytes); }
+void* acquire(std::size_t bytes) { return cache.acquire(bytes); }
 
-void release(void* block) { cache().release(block); }
+void release(void* block) { cache.release(block); }
 
-void drop_cached_blocks() { cache().drop(); }
+void drop_cached_blocks() { cache.drop(); }
 
-std::size_t cached_bytes() { return cache().bytes(); }
+std::size_t cached_bytes() { return cache.bytes(); }
 
 #endif
 

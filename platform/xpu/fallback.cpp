@@ -46,10 +46,7 @@ class widened_operators {
   std::set<std::pair<const c10::FunctionSchema*, at::ScalarType>> known_;
 };
 
-widened_operators& widened() {
-  static auto* operators = new widened_operators;
-  return *operators;
-}
+widened_operators& widened = *new widened_operators;  // leaked
 
 bool is_narrow(at::ScalarType type) { return type == at::kHalf || type == at::kBFloat16; }
 
@@ -255,14 +252,14 @@ void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
   call c(op, arguments);
   const at::ScalarType narrow = c.narrow_type();
   if (narrow == at::ScalarType::Undefined) return c.run(stack, /*widen=*/false);
-  if (c.half_to_float() || widened().has(schema, narrow)) return c.run(stack, /*widen=*/true);
+  if (c.half_to_float() || widened.has(schema, narrow)) return c.run(stack, /*widen=*/true);
   try {
     c.run(stack, /*widen=*/false);
   } catch (const c10::Error& error) {
     const std::string lacks = std::string("not implemented for '") + c10::toString(narrow) + "'";
     if (std::string(error.what_without_backtrace()).find(lacks) == std::string::npos) throw;
     c.run(stack, /*widen=*/true);
-    widened().add(schema, narrow);
+    widened.add(schema, narrow);
   }
 }
 

@@ -18,10 +18,7 @@ struct queue_table {
   std::array<std::atomic<sycl::queue*>, stream_count> queues{};
 };
 
-queue_table& queues() {
-  static auto* table = new queue_table;  // leaked: launches may come as late as interpreter exit
-  return *table;
-}
+queue_table& table = *new queue_table;  // leaked: launches may come as late as interpreter exit
 
 c10::Stream stream_of(c10::StreamId id) { return c10::Stream(c10::Stream::UNSAFE, device(), id); }
 
@@ -34,9 +31,9 @@ sycl::queue& get_queue_from_stream(c10::Stream stream) {
               stream.device());
   const c10::StreamId id = stream.id();
   TORCH_CHECK(id >= 0 && id < stream_count, "XPU stream ", id, " does not exist: there are ", stream_count);
-  auto& slot = queues().queues[static_cast<std::size_t>(id)];
+  auto& slot = table.queues[static_cast<std::size_t>(id)];
   if (sycl::queue* queue = slot.load(std::memory_order_acquire)) return *queue;
-  const std::lock_guard<std::mutex> lock(queues().making);
+  const std::lock_guard<std::mutex> lock(table.making);
   if (sycl::queue* queue = slot.load(std::memory_order_relaxed)) return *queue;
   auto* queue = new sycl::queue(static_cast<int>(id));
   slot.store(queue, std::memory_order_release);
@@ -61,7 +58,7 @@ c10::Stream exchange_current_stream(c10::Stream stream) noexcept {
 }
 
 void synchronize() {
-  for (auto& slot : queues().queues) {
+  for (auto& slot : table.queues) {
     if (sycl::queue* queue = slot.load(std::memory_order_acquire)) queue->wait();
   }
 }

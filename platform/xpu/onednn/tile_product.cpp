@@ -25,13 +25,10 @@ using dnnl::memory;
 using sycl::BFloat16;
 using sycl::Half;
 
-const dnnl::engine& engine() {
-  static const auto* cpu = new dnnl::engine(dnnl::engine::kind::cpu, 0);
-  return *cpu;
-}
+const auto& engine = *new dnnl::engine(dnnl::engine::kind::cpu, 0);  // leaked: products may come at interpreter exit
 
 dnnl::stream& stream() {
-  thread_local dnnl::stream own(engine());
+  thread_local dnnl::stream own(engine);
   return own;
 }
 
@@ -73,36 +70,41 @@ void check_room_for_a_program() {
   munmap(found, room);
 }
 
+// oneDNN keeps what it has made: a thread waits for the one that makes the same, and in a forked process for ever.
+std::mutex& making = host::held_while_forking(new std::mutex);
+
+std::shared_mutex& lock = host::held_while_forking(new std::shared_mutex);
+auto& known = *new std::map<call_shape, std::shared_ptr<const primitive>>;  // leaked, as the engine
+
 std::shared_ptr<const primitive> make_primitive(const call_shape& shape) {
+  const std::lock_guard<std::mutex> alone(making);
   check_room_for_a_program();
   dnnl::primitive_attr attributes;
   // The library's own scratchpad belongs to the thread that makes the primitive; other threads run it too.
   attributes.set_scratchpad_mode(dnnl::scratchpad_mode::user);
   const dnnl::matmul::desc description = shape.bias ? dnnl::matmul::desc(shape.x(), shape.w(), shape.b(), shape.y())
                                                     : dnnl::matmul::desc(shape.x(), shape.w(), shape.y());
-  const dnnl::matmul::primitive_desc made(description, attributes, engine());
+  const dnnl::matmul::primitive_desc made(description, attributes, engine);
   return std::shared_ptr<const primitive>(new primitive{dnnl::matmul(made), made.scratchpad_desc()});
 }
 
 std::shared_ptr<const primitive> primitive_of(const call_shape& shape) {
   constexpr std::size_t capacity = 1024;  // shapes; a program has a few dozen
-  static auto& lock = host::held_while_forking(new std::shared_mutex);
-  static auto* known = new std::map<call_shape, std::shared_ptr<const primitive>>;
   {
     const std::shared_lock<std::shared_mutex> reading(lock);
-    const auto found = known->find(shape);
-    if (found != known->end()) return found->second;
+    const auto found = known.find(shape);
+    if (found != known.end()) return found->second;
   }
   auto made = make_primitive(shape);
   const std::unique_lock<std::shared_mutex> writing(lock);
-  if (known->size() >= capacity) known->clear();
-  return known->emplace(shape, std::move(made)).first->second;
+  if (known.size() >= capacity) known.clear();
+  return known.emplace(shape, std::move(made)).first->second;
 }
 
 void run_call(const call_shape& shape, const void* x, const void* w, const void* bias, void* y) {
   const auto p = primitive_of(shape);
   const auto memory_of = [](const memory::desc& d, const void* data) {
-    return memory(d, engine(), const_cast<void*>(data));
+    return memory(d, engine, const_cast<void*>(data));
   };
   const c10::DataPtr scratch = device_allocator()->allocate(p->scratch.get_size());
   std::unordered_map<int, memory> arguments = {{DNNL_ARG_SRC, memory_of(shape.x(), x)},
@@ -117,15 +119,17 @@ void run_call(const call_shape& shape, const void* x, const void* w, const void*
 
 // Whether the processor has the BFloat16 product.
 bool has_bfloat16_product() {
-  static const bool has = [] {
+  enum class answer { unknown, yes, no };
+  static std::atomic<answer> known{answer::unknown};
+  if (known == answer::unknown) {
     try {
       make_primitive({8, 16, 32, 32, 32, 16, false, memory::data_type::bf16});
-      return true;
+      known = answer::yes;
     } catch (const dnnl::error&) {
-      return false;
+      known = answer::no;
     }
-  }();
-  return has;
+  }
+  return known == answer::yes;
 }
 
 }  // namespace
