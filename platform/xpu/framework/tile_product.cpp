@@ -8,9 +8,15 @@
 #include <ATen/ops/from_blob.h>
 #include <ATen/ops/mm.h>
 
+#include <array>
+#include <mutex>
+#include <set>
+#include <shared_mutex>
 #include <type_traits>
 
+#include "platform/sycl/fork.hpp"
 #include "platform/sycl/vector_types.hpp"
+#include "platform/xpu/program_room.hpp"
 
 namespace xpu {
 namespace {
@@ -39,6 +45,50 @@ at::Tensor run_onednn_linear(const at::Tensor& x, const at::Tensor& w, const c10
   return stack.back().toTensor();
 }
 
+// Products run side by side, and forking waits for those that run: the library has locks and threads that wait for one
+// another in it. A fork holds new ones back, or there might always be one.
+class side_by_side {
+ public:
+  void lock_shared() {
+    const std::lock_guard<std::mutex> entering(door_);
+    running_.lock_shared();
+  }
+  void unlock_shared() { running_.unlock_shared(); }
+  void lock() {
+    door_.lock();
+    running_.lock();
+  }
+  void unlock() {
+    running_.unlock();
+    door_.unlock();
+  }
+
+ private:
+  std::mutex door_;
+  std::shared_mutex running_;
+};
+
+side_by_side& products = host::held_while_forking(new side_by_side);
+
+// Each thread looks for itself: it may be the first.
+template <class T>
+void check_room_for_a_new_shape(const product_tile<T>& tile) {
+  using shape = std::array<std::size_t, 7>;
+  constexpr std::size_t capacity = 1024;
+  static thread_local std::set<shape> known;
+  const shape own{sizeof(T) + std::is_same_v<T, Half>,
+                  tile.rows,
+                  tile.columns,
+                  tile.depth,
+                  tile.w_stride,
+                  tile.y_stride,
+                  tile.bias != nullptr};
+  if (known.count(own) != 0) return;
+  check_room_for_a_program();
+  if (known.size() >= capacity) known.clear();
+  known.insert(own);
+}
+
 }  // namespace
 
 // A call costs some microseconds: tiles are large where the weight is read from memory, and small where it is widened
@@ -59,6 +109,8 @@ tile_rule tile_rule_of<BFloat16>(std::size_t rows) {
 template <class T>
 void tile_product(const product_tile<T>& tile) {
   const at::AutoDispatchBelowADInplaceOrView below_autograd;
+  const std::shared_lock<side_by_side> running(products);
+  check_room_for_a_new_shape(tile);
   const at::Tensor x = matrix(tile.x, tile.rows, tile.depth, tile.depth);
   const at::Tensor w = matrix(tile.w, tile.columns, tile.depth, tile.w_stride);
   at::Tensor y = matrix(tile.y, tile.rows, tile.columns, tile.y_stride);

@@ -1,9 +1,6 @@
 // Tiles by oneDNN's matrix product.
 #include "platform/xpu/tile_product.hpp"
 
-#include <c10/util/Exception.h>
-#include <sys/mman.h>
-
 #include <array>
 #include <atomic>
 #include <dnnl.hpp>
@@ -17,6 +14,7 @@
 #include "platform/sycl/fork.hpp"
 #include "platform/sycl/vector_types.hpp"
 #include "platform/xpu/allocator.hpp"
+#include "platform/xpu/program_room.hpp"
 
 namespace xpu {
 namespace {
@@ -61,14 +59,6 @@ struct primitive {
   memory::desc scratch;
   mutable std::atomic<bool> has_run{false};
 };
-
-// oneDNN makes programs with a primitive, and when one first runs. It does not see that the system refuses the memory.
-void check_room_for_a_program() {
-  constexpr std::size_t room = std::size_t{8} << 20;
-  void* found = mmap(nullptr, room, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  TORCH_CHECK_WITH(OutOfMemoryError, found != MAP_FAILED, "XPU out of memory: no room for the program of a product");
-  munmap(found, room);
-}
 
 // oneDNN keeps what it has made: a thread waits for the one that makes the same, and in a forked process for ever.
 std::mutex& making = host::held_while_forking(new std::mutex);
