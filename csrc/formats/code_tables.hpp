@@ -1,6 +1,7 @@
 // Code tables as the kernels use them: each entry rounded to the element type when the program is compiled.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>

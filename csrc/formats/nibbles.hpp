@@ -12,6 +12,15 @@ struct block_q4_0_qs {  // 64 elements
 template <const std::array<float, 16>& Values,
           bool HighNibbleFirst>  // element j is the high nibble of qs[j]
 struct nibble_codes {
+  static constexpr unsigned largest_code = [] {  // 0: they are not whole
+    float most = 0;
+    for (const float value : Values) {
+      if (value != static_cast<float>(static_cast<int>(value))) return 0U;
+      most = std::max({most, value, -value});
+    }
+    return static_cast<unsigned>(most);
+  }();
+
   // The look-up takes the low four bits of a lane, so that nothing is masked. In double two look-ups of eight doubles
   // cost less than converting 16 floats. Measured and dropped: nibbles of q4_0 as the last bits of 2^23, or for high
   // ones of 2^19, less 2^23 + 8 or 2^19 + 8.

@@ -26,6 +26,7 @@ struct block_q4_K_d {
 
 struct q4_k_reader {
   static constexpr int32_t id = qtype_q4_k;
+  static constexpr unsigned largest_code = 15;
   static constexpr unsigned shared_scale = 32;
   static constexpr bool has_offset = true;
   static_assert(sizeof(block_q4_K_qs) + sizeof(block_q4_K_scales) + sizeof(block_q4_K_d) == registry[id].block_bytes,

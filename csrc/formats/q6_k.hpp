@@ -34,6 +34,7 @@ struct block_q6_K_scales {
 
 struct q6_k_reader {
   static constexpr int32_t id = qtype_q6_k;
+  static constexpr unsigned largest_code = 32;
   static constexpr unsigned shared_scale = 16;
   static constexpr bool has_offset = false;
   static_assert(sizeof(block_q6_K_qh) + sizeof(block_q6_K_ql) + sizeof(block_q6_K_scales) + sizeof(Half) ==

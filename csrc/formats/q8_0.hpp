@@ -13,6 +13,8 @@ struct block_fp8_qs {  // the codes of q8_0, fp8_e4m3 and fp8_e5m2
 };
 
 struct q8_0_reader : two_planes<qtype_q8_0, block_fp8_qs, float> {
+  static constexpr unsigned largest_code = 128;
+
   template <class T>
   static CORVANE_INLINE simd<T, 16> decode(raw qs, unsigned v) {
     return simd<T, 16>::exact(sycl::to_float(sycl::widen_s8(qs + 16 * v)));

@@ -102,6 +102,13 @@ concept chunk_reader = scales_by_block<R> &&
   R::template prefetch_block<sycl::cache_level::second>(planes, block);
 };
 
+// A format whose codes are whole numbers of this magnitude at most.
+template <class R>
+constexpr bool whole_codes = [] {
+  if constexpr (requires { R::largest_code; }) return R::largest_code != 0;
+  return false;
+}();
+
 // A format of Halfs as they are.
 template <class R>
 concept plain_halves = unit_reader<R> && requires(typename R::raw raw) {

@@ -31,8 +31,8 @@ CORVANE_INLINE simd<T, 16> chunk_input(const T* x, unsigned j) {
 }  // namespace detail
 
 // How the super-blocks of a format meet their part of the input. All arithmetic in T; a lane's chunk is summed apart in
-// a few chains. BFloat16 is rounded in pairs, but lanes may not be mixed, as each has a scale of its own. Measured and
-// dropped: one row at a time, four rows (registers run out).
+// a few chains. BFloat16 can be rounded in pairs, but lanes may not be mixed, as each has a scale of its own. Measured
+// and dropped: one row at a time, four rows (registers run out).
 template <class Reader, class T>
 struct chunk_product {
   using reader = Reader;
@@ -42,31 +42,31 @@ struct chunk_product {
   struct staged {  // 256 input values laid out anew
     simd<T, 16> x[16];
     simd<T, 16> sum_x;  // over each chunk
-    bool pairable;      // row_input.hpp
+    bool quick;         // quick_rounding
   };
 
   static void stage(const T* x, staged& s) {
-    tiny_lanes<T> tiny;
+    quick_rounding<Reader, T, 16> rounding;
     for (unsigned j = 0; j < 16; ++j) {
       s.x[j] = detail::chunk_input<Reader>(x, j);
-      tiny.look_at(s.x[j]);
+      rounding.look_at(s.x[j]);
       if constexpr (Reader::has_offset) s.sum_x = j == 0 ? s.x[0] : s.sum_x + s.x[j];
     }
-    s.pairable = !tiny.any();
+    s.quick = rounding.allowed();
   }
 
   // Adds the products of one super-block of each row to the lanes of its sum.
   template <unsigned Rows>
   static CORVANE_INLINE void add_blocks(const staged& input, const typename Reader::planes& planes,
                                         const uint32_t (&block)[Rows], sum (&total)[Rows]) {
-    if constexpr (std::is_same_v<T, BFloat16>) {
-      if (input.pairable) return add_blocks_as<true>(input, planes, block, total);
+    if constexpr (rounds_quickly<Reader, T>) {
+      if (input.quick) return add_blocks_as<true>(input, planes, block, total);
     }
     add_blocks_as<false>(input, planes, block, total);
   }
 
  private:
-  template <bool Pairs, unsigned Rows>
+  template <bool Quick, unsigned Rows>
   static CORVANE_INLINE void add_blocks_as(const staged& input, const typename Reader::planes& planes,
                                            const uint32_t (&block)[Rows], sum (&total)[Rows]) {
     constexpr unsigned chains = sycl::tuning::chunk_chains<T>;
@@ -74,13 +74,18 @@ struct chunk_product {
     for (unsigned r = 0; r < Rows; ++r) codes[r] = Reader::fetch_chunks(planes, block[r]);
     simd<T, 16> dot[Rows][chains];
     const auto add = [&](simd<T, 16>& chain, unsigned j, const simd<T, 16>& code) {
+      if constexpr (Quick) {
+        const sycl::f32x16 a = input.x[j].r[0], b = code.r[0];
+        chain.r[0] = sycl::round_multiple_to_half(j < chains ? a * b : sycl::fused_multiply_add(a, b, chain.r[0]));
+        return;
+      }
       chain = j < chains ? input.x[j] * code : multiply_add(input.x[j], code, chain);
     };
     sycl::unroll<8>([&](auto n) {
       for (unsigned r = 0; r < Rows; ++r) {
         const auto pair = Reader::template chunk_pair<T, n>(codes[r]);
         simd<T, 16>&first = dot[r][2 * n % chains], &second = dot[r][(2 * n + 1) % chains];
-        if constexpr (Pairs) {
+        if constexpr (Quick && std::is_same_v<T, BFloat16>) {
           sycl::f32x16 a = input.x[2 * n].r[0] * pair.first.r[0], b = input.x[2 * n + 1].r[0] * pair.second.r[0];
           sycl::round_two_to_bfloat16(a, b);
           if constexpr (2 * n >= chains) {

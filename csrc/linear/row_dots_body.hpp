@@ -56,7 +56,7 @@ CORVANE_INLINE simd<T, 16> of_group(const sycl::lane_of<T>* of_unit) {
 // A code is decoded once for all inputs. `scales` and `offsets` begin with those of unit u of row 0; rows lie
 // batch_units apart.
 template <class Reader, class T,
-          bool Pairs,  // BFloat16 products and sums of a unit are rounded in pairs: row_input.hpp
+          bool Quick,  // products and sums of a unit are rounded faster: row_input.hpp
           unsigned Inputs, unsigned Rows, unsigned Groups, unsigned Sums>
 CORVANE_INLINE void accumulate_groups(const row_input<T>& input, uint64_t stride, const typename Reader::planes& weight,
                                       const row_list<Rows>& rows, uint32_t u, const sycl::lane_of<T>* scales,
@@ -79,7 +79,7 @@ CORVANE_INLINE void accumulate_groups(const row_input<T>& input, uint64_t stride
   };
   const auto code = [&](unsigned c, unsigned v) CORVANE_INLINE_LAMBDA { return decode_group<Reader, T>(codes[c], v); };
   simd<T, 16> dot[Inputs * chains];
-  if constexpr (Pairs) {
+  if constexpr (Quick && std::is_same_v<T, BFloat16>) {
     static_assert(units == 1);
     simd<T, 16> product[4][Inputs * chains];
     sycl::unroll<2>([&](auto half) CORVANE_INLINE_LAMBDA {
@@ -105,7 +105,10 @@ CORVANE_INLINE void accumulate_groups(const row_input<T>& input, uint64_t stride
         const simd<T, 16> w = code(c, v);
         sycl::unroll<Inputs>([&](auto i) CORVANE_INLINE_LAMBDA {
           simd<T, 16>& to = dot[i * chains + c];
-          if constexpr (v == 0) {
+          if constexpr (Quick) {
+            const sycl::f32x16 a = x(i, c, v).r[0];
+            to.r[0] = sycl::round_multiple_to_half(v == 0 ? a * w.r[0] : sycl::fused_multiply_add(a, w.r[0], to.r[0]));
+          } else if constexpr (v == 0) {
             to = x(i, c, v) * w;
           } else {
             to = multiply_add(x(i, c, v), w, to);
@@ -132,7 +135,7 @@ CORVANE_INLINE void accumulate_groups(const row_input<T>& input, uint64_t stride
   });
 }
 
-template <class Reader, bool Pairs, unsigned Inputs, class T, unsigned Rows>
+template <class Reader, bool Quick, unsigned Inputs, class T, unsigned Rows>
 CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader::planes& weight,
                                const row_list<Rows>& rows, uint32_t units, simd<T, 16> (&sums)[Inputs * Rows],
                                uint64_t stride) {
@@ -162,13 +165,13 @@ CORVANE_INLINE void accumulate(const row_input<T>& input, const typename Reader:
     uint32_t n = 0;
     if constexpr (step > 1) {
       for (; n + step * group <= count; n += step * group) {
-        accumulate_groups<Reader, T, Pairs, Inputs, Rows, step, spread>(input, stride, weight, rows, first + n,
+        accumulate_groups<Reader, T, Quick, Inputs, Rows, step, spread>(input, stride, weight, rows, first + n,
                                                                         scales + n, offsets + n, sum);
       }
     }
     // One group, to the sum whose turn it is, whatever the step: two inputs give what two calls do.
     const auto add_group = [&](uint32_t there) CORVANE_INLINE_LAMBDA {
-      accumulate_groups<Reader, T, Pairs, Inputs, Rows, 1, 1>(
+      accumulate_groups<Reader, T, Quick, Inputs, Rows, 1, 1>(
           input, stride, weight, rows, first + n, scales + n, offsets + n,
           spread == 2 && n / group % 2 == 1 ? sum + results : sum, there);
     };
@@ -191,8 +194,8 @@ void row_dots(const row_input<T>& input, uint64_t stride, const typename Reader:
   static_assert(row_reader<Reader>);
   static_assert(!Reader::has_offset || Inputs == 1, "the sums are those of one input");
   auto& flat = reinterpret_cast<simd<T, 16>(&)[Inputs * Rows]>(sums);
-  if constexpr (std::is_same_v<T, BFloat16>) {
-    if (input.pairable) return detail::accumulate<Reader, true, Inputs>(input, weight, rows, units, flat, stride);
+  if constexpr (rounds_quickly<Reader, T>) {
+    if (input.quick) return detail::accumulate<Reader, true, Inputs>(input, weight, rows, units, flat, stride);
   }
   detail::accumulate<Reader, false, Inputs>(input, weight, rows, units, flat, stride);
 }

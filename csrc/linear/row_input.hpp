@@ -13,25 +13,40 @@
 
 namespace corvane {
 
-// BFloat16 products and sums can be rounded in pairs, which is faster, but what is below 2^-126 may then be lost.
-// Nothing is where every input is 0 or reaches this magnitude: no weight but 0 is below 2^-24, a product keeps 8 bits,
-// and a sum is a multiple of the last of them.
+// Products and sums of the 16-bit types can be rounded faster where an input's values allow it.
+//
+// BFloat16: in pairs, but what is below 2^-126 may then be lost. Nothing is where every input is 0 or reaches this
+// magnitude: no weight but 0 is below 2^-24, a product keeps 8 bits, and a sum is a multiple of the last of them.
 constexpr float smallest_pairable = 0x1p-90f;
+// Half: multiples of 2^-24 (sycl::round_multiple_to_half), which products with whole codes are, and nothing may
+// overflow.
+constexpr float largest_sum = 64000.0f;  // before it is rounded a few times
 
-// Whether an input has lanes below that.
-template <class T>
-class tiny_lanes {
+// Whether the products of a reader's codes can be rounded so.
+template <class Reader, class T>
+constexpr bool rounds_quickly = [] {
+  if constexpr (std::is_same_v<T, Half>) return whole_codes<Reader>;
+  return std::is_same_v<T, BFloat16>;
+}();
+
+// Looks whether an input's values allow it, for a lane that adds up `Products` products with codes of the reader.
+template <class Reader, class T, unsigned Products>
+class quick_rounding {
  public:
   CORVANE_INLINE void look_at(const simd<T, 16>& x) {
     if constexpr (std::is_same_v<T, BFloat16>) {
       const sycl::f32x16 v = x.r[0];
-      seen_ |= (sycl::i32x16)((v < smallest_pairable) & (v > -smallest_pairable) & (v != 0.0f));
+      against_ |= (sycl::i32x16)((v < smallest_pairable) & (v > -smallest_pairable) & (v != 0.0f));
+    } else if constexpr (rounds_quickly<Reader, T>) {
+      const sycl::f32x16 v = x.r[0];
+      constexpr float most = largest_sum / (Products * float{Reader::largest_code});
+      against_ |= ~(sycl::i32x16)((v <= most) & (v >= -most));
     }
   }
-  bool any() const { return !std::is_same_v<T, BFloat16> || sycl::any_lane(seen_); }
+  bool allowed() const { return rounds_quickly<Reader, T> && !sycl::any_lane(against_); }
 
  private:
-  sycl::i32x16 seen_{};
+  sycl::i32x16 against_{};
 };
 
 // Units that a kernel walks as one. Of two units of a format with 4-bit codes the 64 code bytes are sixteen words, and
@@ -57,7 +72,7 @@ struct row_input {
   const sycl::lane_of<T>* lanes;  // (state_size), in the order of a group's lanes; two to a group: to whole groups
   const sycl::lane_of<T>* sums;   // (groups, 16): each lane adds up the elements of a group as its dot product does;
                                   // formats with an offset
-  bool pairable;                  // BFloat16: rounding in pairs loses nothing
+  bool quick;                     // quick_rounding
 };
 
 // The input rows of one launch, of `units` units each, for the kernels of a format, and what row_input points to beside
@@ -107,7 +122,7 @@ class prepared_row {
   static constexpr unsigned lines = unit_elements / 16 * group_units<Reader, T>;  // of a group
 
   void copy(uint64_t row) {
-    tiny_lanes<T> tiny;
+    quick_rounding<Reader, T, lines> rounding;
     const T* from = input_ + row * units_ * unit_elements;
     line* to = &lines_[row * groups_ * lines];
     for (uint32_t g = 0; g < groups_; ++g, to += lines) {
@@ -122,12 +137,12 @@ class prepared_row {
       }
       for (unsigned i = 0; i < lines; ++i) {
         x[i] = i < there ? lanes::load(group + 16 * i) : lanes::zero();
-        tiny.look_at(x[i]);
+        rounding.look_at(x[i]);
       }
       if constexpr (grouped && !woven) arrange(x);
       for (unsigned i = 0; i < lines; ++i) x[i].store_lanes(to[i].lane);
     }
-    views_[row].pairable = !tiny.any();
+    views_[row].quick = rounding.allowed();
   }
 
   // The first `there` elements of a group in the format's order, zeros for the others.

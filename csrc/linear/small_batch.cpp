@@ -56,7 +56,7 @@ void multiply_batch(const kernel_launch& how, const T* input, const uint8_t* wei
     if (inputs == 1) return multiply(one, first_input);
     if (inputs == 2) {
       // A row's results are its own: rows that are not rounded alike do not meet a code together.
-      if (prepared.view(first_input).pairable == prepared.view(first_input + 1).pairable) {
+      if (prepared.view(first_input).quick == prepared.view(first_input + 1).quick) {
         return multiply(two, first_input);
       }
       multiply(one, first_input);

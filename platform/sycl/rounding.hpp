@@ -9,6 +9,14 @@ namespace sycl {
 // overflow.
 CORVANE_INLINE f32x16 round_to_half(f32x16 x) { return half_bits_to_float(float_to_half_bits(x)); }
 
+// The same in half of the time for multiples of 2^-24 below 65520: Half holds those below 2^-14 as they are, so that
+// what is rounded away follows from the exponent alone. -0 becomes 0.
+CORVANE_INLINE f32x16 round_multiple_to_half(f32x16 x) {
+  const f32x16 power = as_float(as_int(x) & static_cast<std::int32_t>(0xFF800000));
+  const f32x16 at_last_bit = fused_multiply_add(power, splat(0x1p13f), x);
+  return fused_multiply_add(power, splat(-0x1p13f), at_last_bit);
+}
+
 // Result of arithmetic on BFloat16 values. Its not-a-numbers stem from an operand or are the processor's own, so their
 // low 16 bits are clear and the rounding does not carry: they stay not-a-numbers, and the store makes them 0x7FC0.
 CORVANE_INLINE f32x16 round_to_bfloat16(f32x16 x) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -95,6 +96,20 @@ TYPED_TEST(simd_16_bit, arithmetic_rounds_after_each_operation) {
         ASSERT_TRUE(same<T>(fused[i], expected)) << first + i;
       }
     }
+  }
+}
+
+TEST(simd, multiples_of_the_smallest_half_are_rounded_by_their_exponent) {
+  std::mt19937 random(7);
+  for (int n = 0; n < 200000; ++n) {
+    float x[16];
+    for (float& one : x) {  // up to 24 bits, the last of them from 2^-24 on
+      const float whole = static_cast<float>(random() >> (8 + random() % 24));
+      one = std::min(std::ldexp(whole, static_cast<int>(random() % 17) - 24), 65519.0f) * (random() % 2 ? 1.0f : -1.0f);
+    }
+    const auto lanes = sycl::load_bytes<sycl::f32x16>(x);
+    const auto quick = sycl::round_multiple_to_half(lanes), whole = sycl::round_to_half(lanes);
+    for (unsigned i = 0; i < 16; ++i) ASSERT_EQ(quick[i], whole[i]) << x[i];
   }
 }
 

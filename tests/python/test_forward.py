@@ -134,22 +134,38 @@ def test_two_rows_of_a_small_batch_are_two_calls(dtype, device_class):
         assert torch.equal(both, torch.cat([first, second]))
 
 
+@pytest.mark.parametrize(("dtype", "value"), [("bfloat16", 1e-30), ("half", 2000)])
 @pytest.mark.parametrize("name", ["nf4", "q4_0"])
-def test_rows_of_a_small_batch_do_not_know_of_each_other(name, device_class):
-    """A value so small that bfloat16 results cannot be rounded in pairs concerns its own row alone."""
+def test_rows_of_a_small_batch_do_not_know_of_each_other(name, dtype, value, device_class):
+    """A value so small or so large that results cannot be rounded the quick way concerns its own row alone."""
     k, qtype = 1088, FORMATS[name].qtype
-    rows = on_device(random_input(5, k, "bfloat16", 7), "bfloat16")
+    rows = on_device(random_input(5, k, dtype, 7), dtype)
     data = on_device(random_weight(name, 34, k, 7))
     with environment({"VOREL_LLM_SYSDOT_DISABLED": "1"}):
         plain = corvane.forward_new(rows, data, qtype, 0)
         for spoilt in range(5):
             x = rows.clone()
-            x[spoilt, 3] = 1e-30
+            x[spoilt, 3] = value
             y = corvane.forward_new(x, data, qtype, 0)
             others = [row for row in range(5) if row != spoilt]
             assert torch.equal(y[others], plain[others])
             if device_class not in (0, 5):  # where a group of the one-row kernel has two rows as well
                 assert torch.equal(y[[spoilt]], corvane.forward_new(x[[spoilt]], data, qtype, 0))
+
+
+@pytest.mark.parametrize(("name", "most"), [("q4_0", 1000), ("q4_1", 533), ("q8_0", 125), ("q4_k", 266), ("q6_k", 125)])
+def test_half_is_rounded_alike_the_quick_way_and_the_other(name, most):
+    """Which is taken depends on the largest input: here it meets a block without a scale, and adds nothing."""
+    n, k = 19, 1024
+    data = random_weight(name, n, k, 9)
+    block = FORMATS[name].block_elements
+    plane_views(name, data, n * k // block)[-1][k // block - 1 :: k // block] = 0
+    weight = on_device(data)
+    x = random_input(1, k, "half", 9) * 10.0 ** np.random.default_rng(9).integers(-6, 1, k)
+    x[0, -1] = 0
+    quick = corvane.forward_new(on_device(x, "half"), weight, FORMATS[name].qtype, 1)
+    x[0, -1] = 1.02 * most
+    assert torch.equal(corvane.forward_new(on_device(x, "half"), weight, FORMATS[name].qtype, 1), quick)
 
 
 @pytest.mark.parametrize("n", [3, 5])
