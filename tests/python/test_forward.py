@@ -130,7 +130,9 @@ def test_two_rows_of_a_small_batch_are_two_calls(dtype, device_class):
     for name, k in [(name, k) for name in ("nf4", "q4_0") for k in (64, 128, 192, 960, 1088)]:
         data, x = on_device(random_weight(name, 6, k, 3)), on_device(random_input(2, k, dtype, 3), dtype)
         with environment({"VOREL_LLM_SYSDOT_DISABLED": "1"}):
-            first, second, both = (corvane.forward_new(part, data, FORMATS[name].qtype, 1) for part in (x[:1], x[1:], x))
+            first, second, both = (
+                corvane.forward_new(part, data, FORMATS[name].qtype, 1) for part in (x[:1], x[1:], x)
+            )
         assert torch.equal(both, torch.cat([first, second]))
 
 
@@ -321,7 +323,12 @@ def test_rows_that_end_within_a_block_are_refused(name):
     block = FORMATS[name].block_elements
     for rows, dtype, k, text in (
         (1, torch.float, block + block // 4, f"{block + block // 4} must be a multiple of {block}"),
-        (100, torch.double, 96, "96 must be a multiple of 64|Unsupported input dtype, only fp32 and fp16 are supported"),
+        (
+            100,
+            torch.double,
+            96,
+            "96 must be a multiple of 64|Unsupported input dtype, only fp32 and fp16 are supported",
+        ),
     ):
         data = torch.zeros(8 * k * FORMATS[name].block_bytes // block, dtype=torch.uint8, device="xpu")
         with host_xpu.record_launches() as records, pytest.raises(RuntimeError, match=text):
