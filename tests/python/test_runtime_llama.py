@@ -135,6 +135,7 @@ UINT32, INT32, ARRAY = (int(kind).to_bytes(4, "little") for kind in (4, 5, 9))
 GGUF_DAMAGE = {
     "array beyond the end": ({}, (b"token_type" + ARRAY + INT32, 1 << 20, 8), "ends before byte"),
     "layers without tensors": ({}, (b"llama.block_count" + UINT32, 1 << 23, 4), "of which the last has no"),
+    "merge of no token": ({}, (b"th ", 7, 1), "damaged.gguf: .* out of vocabulary"),
     "no context": ({}, (b"llama.context_length" + UINT32, 0, 4), "context is 0"),
     "heads that share no keys": ({"sizes": (4, 3, 512)}, None, "do not share 3 keys"),
     "weight of other rows": (stored(16), None, r"holds \(16, 256\), the model needs"),

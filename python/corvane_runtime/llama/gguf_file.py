@@ -236,7 +236,7 @@ class GgufWeights(WeightSource):
                 core = sentence_piece_bpe(tokens, self.field("tokenizer.ggml.scores"), space_first)
             else:
                 raise ModelError(f"its tokenizer is {kind}; this runtime reads gpt2 and llama")
-        except ModelError as error:
+        except Exception as error:  # the tokenizer library's own kind has no name
             raise ModelError(f"{self.path}: {error}") from error
         mark_control_tokens(core, tokens, kinds)
         begins = self.field("tokenizer.ggml.add_bos_token", kind == "llama")
