@@ -258,14 +258,16 @@ class Soak:
         for thread in threads:
             thread.start()
         pick, start, level = random.Random(self.seed - 1), time.monotonic(), 0
-        while (elapsed := time.monotonic() - start) < seconds and len(self.wrong) < 20:
-            if level == 0 and elapsed >= min(60, seconds / 2):
-                level = memory("VmRSS")
-            pick.choice([self.fork, self.run_short, self.move])(pick)
-            time.sleep(0.3 * pick.random())
-        self.done = True
-        for thread in threads:
-            thread.join()
+        try:
+            while (elapsed := time.monotonic() - start) < seconds and len(self.wrong) < 20:
+                if level == 0 and elapsed >= min(60, seconds / 2):
+                    level = memory("VmRSS")
+                pick.choice([self.fork, self.run_short, self.move])(pick)
+                time.sleep(0.3 * pick.random())
+        finally:
+            self.done = True
+            for thread in threads:
+                thread.join()
         signal.alarm(0)
         # Limits that no call met, or no refusal, would have shown nothing.
         missing = [what for what in EXPECTED_EVENTS if self.counts[what] == 0]
