@@ -83,8 +83,10 @@ class ChatTokenizer:
     def check(self) -> ChatTokenizer:
         """Gives itself back. ValueError: a begin or end that is no token's number, a chat template that is no text."""
         for token in [*self.ends, *([] if self.begin is None else [self.begin])]:
-            if type(token) is not int or token < 0:
+            if type(token) is not int or not 0 <= token < 1 << 32:
                 raise ValueError(f"{token!r} is no token")
+        if self.begin is not None and self.core.id_to_token(self.begin) is None:
+            raise ValueError(f"there is no token {self.begin} to begin with")
         if not isinstance(self.chat_template, (str, type(None))):
             raise ValueError("the chat template is no text")
         return self

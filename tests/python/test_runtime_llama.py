@@ -163,6 +163,8 @@ FOLDER_DAMAGE = {
     "division by nothing": ("config.json", {"rope_scaling": {"rope_type": "linear", "factor": 0}}, "divided by 0"),
     "index without a map": ("model.safetensors.index.json", {"weight_map": 1}, "cannot be read as an index"),
     "no ends": ("chat.json", {"begin": None, "chat_template": None}, "does not describe a conversation"),
+    "begin beyond all": ("chat.json", {"begin": 1 << 70, "ends": [1], "chat_template": None}, "is no token"),
+    "begin without a token": ("chat.json", {"begin": 9999, "ends": [1], "chat_template": None}, "no token 9999"),
     "end that is no token": ("chat.json", {"begin": None, "ends": ["</s>"], "chat_template": None}, "is no token"),
 }
 
