@@ -4,6 +4,7 @@
 #
 #   scripts/fuzz.sh [seconds]            60 by default
 #   scripts/fuzz.sh --fast [inputs]      a million by default, of the release build's code, without sanitizers
+#   scripts/fuzz.sh --loaders [inputs]   files of models with something changed, 1000 by default, on the release build
 #
 # FUZZ_SEED=<number> makes the inputs the same in each run, as far as the time takes them.
 set -euo pipefail
@@ -24,6 +25,16 @@ if [[ ${1:-} == --fast ]]; then
       $((class * part)) "$part" "$build/finding_$class" "${known[@]}" || failed=1
   done
   exit "$failed"
+fi
+
+if [[ ${1:-} == --loaders ]]; then
+  inputs=${2:-1000}
+  [[ $inputs =~ ^[1-9][0-9]*$ ]] || { echo "usage: scripts/fuzz.sh --loaders [inputs]" >&2; exit 2; }
+  scripts/setup.sh
+  scripts/build.sh
+  . scripts/device_names.sh
+  exec env PYTHONPATH=build/python:python:tests/python HOST_XPU_DEVICE_NAME="${device_names[1]}" .venv/bin/python \
+    fuzz/loaders.py "$inputs" --seed "${FUZZ_SEED:-0}"
 fi
 
 seconds=${1:-60}

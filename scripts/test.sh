@@ -13,7 +13,7 @@
 #                               ones (class 1) on each level of this machine, and as a wheel where no compiler is
 #   scripts/test.sh --arm       a build for 64-bit ARM: the C++ tests, under an emulator
 #   scripts/test.sh --thread    the tests of pool, queue and groups under the thread sanitizer
-#   scripts/test.sh --fuzz      the fuzzer for a minute (scripts/fuzz.sh)
+#   scripts/test.sh --fuzz      the fuzzer for a minute, that of the loaders for 200 inputs (scripts/fuzz.sh)
 #   scripts/test.sh --soak      four threads under shortages, forks and moves for ten minutes, or the seconds that follow
 #   scripts/test.sh --ci        all of this but --pythons, --portable and --arm, the soak for a minute
 set -euo pipefail
@@ -142,7 +142,10 @@ test_thread() {
   run "thread: C++ of pool, queue and groups" build/thread/platform_tests --gtest_brief=1
 }
 
-test_fuzz() { run "fuzz: a minute" env FUZZ_SEED=1 scripts/fuzz.sh 60; }
+test_fuzz() {
+  run "fuzz: a minute" env FUZZ_SEED=1 scripts/fuzz.sh 60
+  run "fuzz: loaders" env FUZZ_SEED=1 scripts/fuzz.sh --loaders 200
+}
 
 test_soak() {  # <seconds>
   scripts/build.sh

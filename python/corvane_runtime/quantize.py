@@ -14,7 +14,7 @@ from torch import nn
 from .formats import FORMATS, NEIGHBOURS, Progress, format_of
 from .linear import PackedLinear
 from .parallel import COLUMNS
-from .weights import WeightSource
+from .weights import ModelError, WeightSource
 
 LOG = logging.getLogger("corvane_runtime")
 
@@ -71,7 +71,8 @@ def quantize_(
     `weights` is where parameters on the meta device come from, each read when its layer's turn comes: a model made
     under torch.device("meta") never stands dense in memory. With it every other parameter is filled as well.
 
-    ValueError: an unknown format, or a weight that cannot be packed, with the layer's name.
+    ValueError: an unknown format, or a weight that cannot be packed, with the layer's name. ModelError: such a weight
+    that comes from `weights`.
     """
     check_formats(format)
     if isinstance(model, nn.Linear):
@@ -142,11 +143,14 @@ def pack_module(
         return None
     if fits != wanted:
         LOG.info("%s: packed as %s, %s cannot hold a weight %s", name, fits, wanted, shape)
+    if has_blocks:
+        weights.check_shape(source, module.weight)
     cut = weights.share(name, module, fits) if from_meta else None
     try:
         if not from_meta:
             return PackedLinear.from_linear(module, fits, importance.get(name), progress)
-        bias = None if module.bias is None else weights.dense(f"{name}.bias", weights.cuts.get(f"{name}.bias"))
+        part = weights.cuts.get(f"{name}.bias")
+        bias = None if module.bias is None else weights.checked(f"{name}.bias", module.bias, part)
         if has_blocks:
             rows, columns = (module.out_features, module.in_features) if cut is None else cut.shape
             layer = PackedLinear.from_packed(weights.packed(source, fits, cut), fits, rows, columns, bias)
@@ -156,10 +160,10 @@ def pack_module(
                 progress(rows * columns)
             return layer
         first = cut.first if cut is not None and cut.axis == COLUMNS else None
-        values = weights.dense(source, cut and cut.dense)
+        values = weights.checked(source, module.weight, cut and cut.dense)
         return PackedLinear.from_dense(values, fits, bias, importance.get(name), progress, first)
     except ValueError as error:
-        raise ValueError(f"{name}: {error}") from error
+        raise (ModelError if from_meta else ValueError)(f"{name}: {error}") from error
 
 
 @dataclass(frozen=True)

@@ -21,7 +21,7 @@ from .linear import PackedLinear
 from .llama import Config, Llama
 from .parallel import ROWS, Cut, Link, fingerprint, plan_of, share, versions
 from .tokenizer import ChatTokenizer, read_json
-from .weights import ModelError, SafetensorsWeights
+from .weights import ModelError, SafetensorsWeights, naming
 
 CONFIG, TENSORS = "corvane.json", "model.safetensors"
 VERSION = 1
@@ -129,12 +129,10 @@ def load(
     source = CheckedWeights(folder, about)
     if link is not None:
         link.agree({**versions(), "model": fingerprint(folder)})
-    try:
+    with naming(folder / CONFIG):
         if model is None:
             model = new_model(folder, about)
         put_packed_layers(model, about["layers"])
-    except (KeyError, TypeError, ValueError, AttributeError) as error:
-        raise ModelError(f"{folder / CONFIG}: does not describe a model: {error!r}") from error
     if link is not None:
         source.plan = plan_of(model, link)
         source.cuts = share(model, source.plan, link)
@@ -151,16 +149,22 @@ def check_version(folder: Path, about: dict) -> None:
     if (
         not isinstance(version, int)
         or version < 1
-        or not all(isinstance(about.get(key), dict) for key in ("layers", "ties", "tensors"))
+        or not all(is_table(about.get(key), kind) for key, kind in (("layers", dict), ("ties", str), ("tensors", dict)))
     ):
         raise ModelError(f"{folder / CONFIG}: is not a description of a packed model")
     if version > VERSION:
         raise ModelError(f"{folder / CONFIG}: has version {version}, this release reads up to {VERSION}")
 
 
+def is_table(value: object, kind: type) -> bool:
+    return isinstance(value, dict) and all(isinstance(entry, kind) for entry in value.values())
+
+
 def new_model(folder: Path, about: dict) -> nn.Module:
     if about["kind"] == "llama":
-        return Llama(Config(**about["config"]), about["embedding"])
+        config = Config(**about["config"])
+        config.check_layers(about["tensors"])
+        return Llama(config, about["embedding"])
     if about["kind"] == "transformers":
         from .transformers_models import empty_model
 

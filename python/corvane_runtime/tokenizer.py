@@ -10,7 +10,7 @@ from jinja2 import TemplateError
 from jinja2.sandbox import ImmutableSandboxedEnvironment
 from tokenizers import AddedToken, Regex, Tokenizer, decoders, models, normalizers, pre_tokenizers
 
-from .weights import ModelError
+from .weights import ModelError, naming
 
 CONTROL_KIND, USER_KIND = 3, 4  # token types of a GGUF file for tokens that are matched whole; control ones are no text
 
@@ -79,6 +79,17 @@ class ChatTokenizer:
         self.begin = begin  # put before every text, None for models without
         self.ends = ends  # tokens that end an answer
         self.chat_template = chat_template
+
+    def check(self) -> ChatTokenizer:
+        """Gives itself back. ValueError: a begin or end that is no token's number, a chat template that is no text."""
+        for token in [*self.ends, *([] if self.begin is None else [self.begin])]:
+            if type(token) is not int or not 0 <= token < 1 << 32:
+                raise ValueError(f"{token!r} is no token")
+        if self.begin is not None and self.core.id_to_token(self.begin) is None:
+            raise ValueError(f"there is no token {self.begin} to begin with")
+        if not isinstance(self.chat_template, (str, type(None))):
+            raise ValueError("the chat template is no text")
+        return self
 
     def encode(self, text: str, begin: bool = True) -> list[int]:
         """Token numbers of a text, with the begin token where the model wants one."""
@@ -153,8 +164,10 @@ class ChatTokenizer:
             raise ModelError(f"{file}: cannot be read as a tokenizer: {error}") from error
         if (folder / "chat.json").is_file():
             about = read_json(folder / "chat.json")
-            return cls(core, about["begin"], set(about["ends"]), about["chat_template"])
-        return cls(core, *from_transformers(folder, core))
+            with naming(folder / "chat.json", "does not describe a conversation"):
+                return cls(core, about["begin"], set(about["ends"]), about["chat_template"]).check()
+        with naming(folder, "does not describe a conversation"):
+            return cls(core, *from_transformers(folder, core)).check()
 
 
 def refuse(text: str) -> None:

@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import json
 from abc import ABC, abstractmethod
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from typing import TYPE_CHECKING
 
@@ -17,6 +19,17 @@ if TYPE_CHECKING:
 
 class ModelError(RuntimeError):
     """The files are not a model that this runtime can read or run; the text says why."""
+
+
+@contextmanager
+def naming(file: object, fault: str = "does not describe a model") -> Iterator[None]:
+    """Errors that the contents of a file lead to, of whatever kind, are ModelErrors that name it."""
+    try:
+        yield
+    except ModelError:
+        raise
+    except (LookupError, TypeError, ValueError, AttributeError, ArithmeticError, OSError, RuntimeError) as error:
+        raise ModelError(f"{file}: {fault}: {error!r}") from error
 
 
 class WeightSource(ABC):
@@ -42,6 +55,9 @@ class WeightSource(ABC):
         """Whether the source holds a tensor's bytes in a packed format."""
         del name, format
         return False
+
+    def check_shape(self, name: str, like: torch.Tensor) -> None:  # noqa: B027
+        """ModelError: the tensor, of which packed bytes will be asked for, has another shape than `like`."""
 
     def packed(self, name: str, format: str, cut: Cut | None = None) -> torch.Tensor:
         """Such bytes, uint8 (bytes,), or a share of them."""
@@ -100,8 +116,9 @@ class SafetensorsWeights(WeightSource):
             raise ModelError(f"{folder}: holds no safetensors file")
         index = self.path / "model.safetensors.index.json"
         if index.is_file():
-            names = json.loads(index.read_text())["weight_map"].values()
-            files = [self.path / Path(name).name for name in sorted(set(names))]
+            with naming(index, "cannot be read as an index"):
+                names = json.loads(index.read_text())["weight_map"].values()
+                files = [self.path / Path(name).name for name in sorted(set(names))]
         self._files: dict[str, safe_open] = {}
         for file in files:
             try:
@@ -120,7 +137,8 @@ class SafetensorsWeights(WeightSource):
         if name not in self._files:
             raise ModelError(f"{self.path}: has no tensor {name}")
         # A tensor stands on a map of the file, of which a share touches its own pages alone.
-        tensor = self._files[name].get_tensor(name)
+        with naming(f"{self.path}: {name}", "cannot be read"):
+            tensor = self._files[name].get_tensor(name)
         if cut is None:
             return tensor
         try:

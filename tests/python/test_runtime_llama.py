@@ -118,6 +118,68 @@ def test_refusals_name_the_cause(tmp_path):
         GgufWeights(tiny_llama.write_model(tmp_path / "falcon.gguf", architecture="falcon"))
 
 
+def with_number(path: Path, before: bytes, number: int, size: int) -> None:
+    """Puts a number of some bytes behind others in a file."""
+    data = path.read_bytes()
+    at = data.index(before) + len(before)
+    path.write_bytes(data[:at] + number.to_bytes(size, "little") + data[at + size :])
+
+
+def stored(rows: int, value: float = 0.0) -> dict:
+    values = np.full((rows, tiny_llama.HIDDEN), value, dtype=np.float32)
+    return {"blocks": {"blk.0.ffn_up": (values, gguf.GGMLQuantizationType.F32)}}
+
+
+UINT32, INT32, ARRAY = (int(kind).to_bytes(4, "little") for kind in (4, 5, 9))
+# What write_model is told, what is put into its file, and the refusal.
+GGUF_DAMAGE = {
+    "array beyond the end": ({}, (b"token_type" + ARRAY + INT32, 1 << 20, 8), "ends before byte"),
+    "layers without tensors": ({}, (b"llama.block_count" + UINT32, 1 << 23, 4), "of which the last has no"),
+    "merge of no token": ({}, (b"th ", 7, 1), "damaged.gguf: .* out of vocabulary"),
+    "no context": ({}, (b"llama.context_length" + UINT32, 0, 4), "context is 0"),
+    "heads that share no keys": ({"sizes": (4, 3, 512)}, None, "do not share 3 keys"),
+    "weight of other rows": (stored(16), None, r"holds \(16, 256\), the model needs"),
+    "rows for other heads": ({}, (b"attention.head_count" + UINT32, 8, 4), "8 heads need 64 each"),
+    "weight that is no number": (stored(tiny_llama.MLP, math.nan), None, "0.mlp.up_proj: q4_0: .* not a number"),
+}
+
+
+@pytest.mark.parametrize("kind", GGUF_DAMAGE)
+def test_damaged_files_are_refused_by_what_is_wrong(tmp_path, kind):
+    model, number, text = GGUF_DAMAGE[kind]
+    path = tiny_llama.write_model(tmp_path / "damaged.gguf", **model)
+    if number is not None:
+        with_number(path, *number)
+    with pytest.raises(ModelError, match=text):
+        load_gguf(path, "q4_0")
+
+
+FOLDER_DAMAGE = {
+    "layers without tensors": ("config.json", {"num_hidden_layers": 1 << 23}, "of which the last has no"),
+    "size that is no number": ("config.json", {"hidden_size": "x"}, r"config\.json"),
+    "size beyond all": ("config.json", {"intermediate_size": 1 << 40}, "mlp is 1099511627776"),
+    "epsilon that is no number": ("config.json", {"rms_norm_eps": math.nan}, "nan is no"),
+    "scaling that is no object": ("config.json", {"rope_scaling": [8.0]}, r"config\.json"),
+    "division by nothing": ("config.json", {"rope_scaling": {"rope_type": "linear", "factor": 0}}, "divided by 0"),
+    "index without a map": ("model.safetensors.index.json", {"weight_map": 1}, "cannot be read as an index"),
+    "no ends": ("chat.json", {"begin": None, "chat_template": None}, "does not describe a conversation"),
+    "begin beyond all": ("chat.json", {"begin": 1 << 70, "ends": [1], "chat_template": None}, "is no token"),
+    "begin without a token": ("chat.json", {"begin": 9999, "ends": [1], "chat_template": None}, "no token 9999"),
+    "end that is no token": ("chat.json", {"begin": None, "ends": ["</s>"], "chat_template": None}, "is no token"),
+}
+
+
+@pytest.mark.parametrize("kind", FOLDER_DAMAGE)
+def test_damaged_folders_are_refused_by_what_is_wrong(source, model_path, tmp_path, kind):
+    name, change, text = FOLDER_DAMAGE[kind]
+    folder = write_folder(tmp_path, load_gguf(model_path), "llama")
+    source.tokenizer().save(folder)
+    about = json.loads((folder / name).read_text()) if name == "config.json" else {}
+    (folder / name).write_text(json.dumps({**about, **change}))
+    with pytest.raises(ModelError, match=text):
+        load_folder(folder)
+
+
 def test_missing_tensor_is_named(source):
     with pytest.raises(ModelError, match=r"no tensor blk\.9\.attn_q\.weight"):
         source.dense("model.layers.9.self_attn.q_proj.weight")

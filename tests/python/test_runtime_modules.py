@@ -268,6 +268,8 @@ DAMAGE = {
     "unknown layer": (edit(lambda about: about["layers"].update(x=about["layers"]["0"])), "does not describe"),
     "tensor not listed": (edit(lambda about: about["tensors"].pop("0.bias")), r"0\.bias"),
     "other shape": (edit(lambda about: about["tensors"]["0.bias"].update(shape=[3])), r"0\.bias: its shape"),
+    "entry no object": (edit(lambda about: about["tensors"].update({"0.bias": "x"})), "not a description"),
+    "tie no name": (edit(lambda about: about["ties"].update({"0.bias": ["0.weight"]})), "not a description"),
     "other dtype": (edit(lambda about: about["tensors"]["0.bias"].update(dtype="int8")), r"0\.bias: its dtype"),
 }
 

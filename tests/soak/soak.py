@@ -16,6 +16,7 @@ import json
 import os
 import random
 import resource
+import signal
 import subprocess
 import sys
 import threading
@@ -35,6 +36,7 @@ import corvane
 THREADS, CASES, CHILD_CALLS = 4, 400, 12
 EXPANDED = ("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e5m2", "iq2_xxs")  # what dequant writes
 FUSED = ("q4_0", "fp4", "fp8_e5m2", "fp6")
+EXPECTED_EVENTS = ("calls", "refusals", "failed allocations", "forks", "limits", "moves")
 TOLERANCE = 0.05, 32 << 20  # RSS at the end over that after the first minute: a share of it, and bytes
 DTYPES = [torch.float, torch.half, torch.bfloat16]
 
@@ -175,6 +177,7 @@ class Soak:
     def __init__(self, cases: list[Case], expected: list[str], seed: int) -> None:
         self.cases, self.expected, self.seed = cases, expected, seed
         self.counts: collections.Counter = collections.Counter()
+        self.lock = threading.Lock()  # of the counts, when threads end
         self.wrong: list[str] = []
         self.short = 0  # limits on memory so far, twice; odd while there is one
         self.done = False
@@ -196,17 +199,24 @@ class Soak:
 
     def work(self, number: int) -> None:
         pick, mine = random.Random(self.seed + number), collections.Counter()
-        with host_xpu.stream(host_xpu.Stream()):
-            while not self.done:
-                mine[self.check(pick.randrange(CASES))] += 1
-        self.counts.update(mine)
+        try:
+            with host_xpu.stream(host_xpu.Stream()):
+                while not self.done:
+                    mine[self.check(pick.randrange(CASES))] += 1
+        except BaseException as error:
+            self.wrong.append(f"a thread ended with {error!r}")
+        with self.lock:
+            self.counts.update(mine)
 
     def fork(self, pick: random.Random) -> None:
         numbers = [pick.randrange(CASES) for _ in range(CHILD_CALLS)]
         child = os.fork()
         if child == 0:
             faulthandler.dump_traceback_later(100, exit=True)
-            os._exit(sum(self.check(number) == "deviations" for number in numbers))
+            self.wrong = []
+            deviations = sum(self.check(number) == "deviations" for number in numbers)
+            print(*self.wrong, sep="\n", end="", file=sys.stderr, flush=True)
+            os._exit(deviations)
         status = os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
         self.counts["forks"] += 1
         if status != 0:
@@ -241,18 +251,28 @@ class Soak:
         self.counts["moves"] += 1
 
     def run(self, seconds: float) -> None:
+        # Where threads wait for ever: where, and an end. Forked processes inherit no alarm.
+        faulthandler.register(signal.SIGALRM, chain=True)
+        signal.alarm(int(2 * seconds) + 300)
         threads = [threading.Thread(target=self.work, args=(number,)) for number in range(THREADS)]
         for thread in threads:
             thread.start()
         pick, start, level = random.Random(self.seed - 1), time.monotonic(), 0
-        while (elapsed := time.monotonic() - start) < seconds and len(self.wrong) < 20:
-            if level == 0 and elapsed >= min(60, seconds / 2):
-                level = memory("VmRSS")
-            pick.choice([self.fork, self.run_short, self.move])(pick)
-            time.sleep(0.3 * pick.random())
-        self.done = True
-        for thread in threads:
-            thread.join()
+        try:
+            while (elapsed := time.monotonic() - start) < seconds and len(self.wrong) < 20:
+                if level == 0 and elapsed >= min(60, seconds / 2):
+                    level = memory("VmRSS")
+                pick.choice([self.fork, self.run_short, self.move])(pick)
+                time.sleep(0.3 * pick.random())
+        finally:
+            self.done = True
+            for thread in threads:
+                thread.join()
+        signal.alarm(0)
+        # Limits that no call met, or no refusal, would have shown nothing.
+        missing = [what for what in EXPECTED_EVENTS if self.counts[what] == 0]
+        if missing and seconds >= 60:
+            self.wrong.append(f"there were no {', no '.join(missing)}")
         end, most = memory("VmRSS"), level * (1 + TOLERANCE[0]) + TOLERANCE[1]
         print(f"soak: memory {level >> 20} MiB after the first minute, or half the time; {end >> 20} MiB at the end")
         if end > most and level != 0:

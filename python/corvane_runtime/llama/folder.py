@@ -12,7 +12,7 @@ from ..formats import Progress
 from ..parallel import Cut, Link
 from ..quantize import Formats, Importance
 from ..tokenizer import ChatTokenizer, read_json
-from ..weights import ModelError, SafetensorsWeights
+from ..weights import ModelError, SafetensorsWeights, naming
 from .gguf_file import packed_llama
 from .model import Config, Llama
 
@@ -119,7 +119,10 @@ def load_folder(
     """
     folder = Path(folder)
     source = FolderWeights(folder)
-    model = Llama(read_config(folder), source.embedding_kind())
+    with naming(folder / "config.json"):
+        config = read_config(folder)
+        config.check_layers(source)
+    model = Llama(config, source.embedding_kind())
     packed_llama(model, source, format, importance, progress, link)
     model.tokenizer = ChatTokenizer.load(folder)
     return model

@@ -20,7 +20,7 @@ from ..formats import FORMATS, PUBLIC_BLOCKS, Progress, as_floats, take_over
 from ..parallel import COLUMNS, Cut, Link, fingerprint, join, plan_of, versions
 from ..quantize import Formats, Importance, quantize_, summary
 from ..tokenizer import ChatTokenizer, byte_level_bpe, mark_control_tokens, sentence_piece_bpe
-from ..weights import ModelError, SafetensorsWeights, WeightSource
+from ..weights import ModelError, SafetensorsWeights, WeightSource, naming
 from .model import Config, Llama
 
 INTERLEAVED = ("llama",)  # architectures whose query and key rows are stored in the other rotary order
@@ -60,6 +60,16 @@ def half_split_order(heads: int, head_size: int) -> NDArray[np.int64]:
     return pairs.transpose(0, 2, 1).reshape(-1)
 
 
+class Reader(gguf.GGUFReader):
+    """The package's reader, which would take what lies behind a file's end for empty, however much of it there is."""
+
+    def _get(self, offset: int, dtype: object, count: int = 1, *order: object, **named: object) -> NDArray:
+        found = super()._get(offset, dtype, count, *order, **named)
+        if len(found) != count:
+            raise ValueError(f"ends before byte {int(offset) + int(count)}")
+        return found
+
+
 class GgufWeights(WeightSource):
     """A GGUF file, opened; tensors are read where they are asked for, by the names that the Llama model has for them."""
 
@@ -68,15 +78,18 @@ class GgufWeights(WeightSource):
         super().__init__()
         self.path = Path(path)
         try:
-            reader = gguf.GGUFReader(self.path)
-        except FileNotFoundError:
-            raise ModelError(f"{path}: there is no such file") from None
-        except (OSError, ValueError, IndexError, KeyError) as error:
-            raise ModelError(f"{path}: cannot be read as a GGUF file: {error}") from error
+            with naming(path, "cannot be read as a GGUF file"), np.errstate(over="ignore"):
+                reader = Reader(self.path)
+        except ModelError as error:
+            if isinstance(error.__cause__, FileNotFoundError):
+                raise ModelError(f"{path}: there is no such file") from None
+            raise
         self._fields = reader.fields
         self._tensors = {tensor.name: tensor for tensor in reader.tensors}
-        self.architecture = str(self.field("general.architecture"))
-        self.config = self._read_config()
+        with naming(path):
+            self.architecture = str(self.field("general.architecture"))
+            self.config = self._read_config()
+            self.config.check_layers(self)
 
     def field(self, key: str, default: object = None) -> object:
         """The value of a metadata field; a missing one without a default is an error."""
@@ -151,10 +164,14 @@ class GgufWeights(WeightSource):
     def rows(self, name: str, cut: Cut | None = None) -> NDArray:
         """A tensor's rows as stored, or a share of them; those of query and key in half-split rotary order."""
         rows = np.asarray(self.stored(name).data)
+        if rows.ndim > 2:
+            raise ModelError(f"{name}: the file holds {rows.ndim} dimensions")
         own = slice(None) if cut is None or cut.axis == COLUMNS else slice(cut.first, cut.last)
         heads = {"q_proj": self.config.heads, "k_proj": self.config.kv_heads}.get(name.split(".")[-2])
         if heads is None or self.architecture not in INTERLEAVED:
             return rows[own]
+        if rows.shape[0] != heads * self.config.head_size:
+            raise ModelError(f"{name}: the file holds {rows.shape[0]} rows, {heads} heads need {self.config.head_size} each")
         return rows[half_split_order(heads, self.config.head_size)[own]]
 
     def blocks(self, name: str, cut: Cut | None) -> tuple[NDArray, int]:
@@ -172,12 +189,18 @@ class GgufWeights(WeightSource):
     def dense(self, name: str, cut: Cut | None = None) -> torch.Tensor:
         tensor = self.stored(name)
         blocks, begin = self.blocks(name, cut)
-        values = gguf.dequantize(np.ascontiguousarray(blocks), tensor.tensor_type)
+        with naming(f"{self.path}: {name}", "cannot be decoded"):
+            values = gguf.dequantize(np.ascontiguousarray(blocks), tensor.tensor_type)
         if len(tensor.shape) == 2:
             values = values.reshape(blocks.shape[0], -1)
             if cut is not None:
                 values = values[:, cut.first - begin : cut.last - begin] if cut.axis == COLUMNS else values
         return torch.from_numpy(np.require(values, np.float32, ["C", "W"]))
+
+    def check_shape(self, name: str, like: torch.Tensor) -> None:
+        shape = tuple(int(size) for size in self.stored(name).shape[::-1])
+        if shape != tuple(like.shape):
+            raise ModelError(f"{name}: the file holds {shape}, the model needs {tuple(like.shape)}")
 
     def has_packed(self, name: str, format: str) -> bool:
         tensor = self.stored(name)
@@ -213,7 +236,7 @@ class GgufWeights(WeightSource):
                 core = sentence_piece_bpe(tokens, self.field("tokenizer.ggml.scores"), space_first)
             else:
                 raise ModelError(f"its tokenizer is {kind}; this runtime reads gpt2 and llama")
-        except ModelError as error:
+        except Exception as error:  # the tokenizer library's own kind has no name
             raise ModelError(f"{self.path}: {error}") from error
         mark_control_tokens(core, tokens, kinds)
         begins = self.field("tokenizer.ggml.add_bos_token", kind == "llama")
@@ -240,7 +263,8 @@ def load_gguf(
     """
     source = GgufWeights(path)
     model = packed_llama(Llama(source.config, source.embedding_kind()), source, format, importance, progress, link)
-    model.tokenizer = source.tokenizer()
+    with naming(path, "does not describe a tokenizer"):
+        model.tokenizer = source.tokenizer().check()
     return model
 
 

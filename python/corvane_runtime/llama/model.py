@@ -6,7 +6,8 @@ fused operators where the layer's formats have them; several tokens at once take
 
 from __future__ import annotations
 
-from collections.abc import Callable, Sequence
+import math
+from collections.abc import Callable, Container, Sequence
 from dataclasses import dataclass
 
 import gguf
@@ -23,6 +24,7 @@ from ..tokenizer import ChatTokenizer
 # Prompts are read in pieces of so many rows, and from so many on in a type of their own. In bfloat16 the time of a row falls
 # up to some 256; attention would rather have fewer.
 PROMPT_ROWS, FEWEST_PROMPT_ROWS = 256, 8
+LARGEST_SIZE = 1 << 24  # of a model's sizes; the product of two is far from where numbers end
 BLOCK_FORMATS_FUSED = frozenset({"q4_0", "fp4", "fp6", "fp8_e5m2"})  # with a fused kernel on every device class
 # The fused projection takes iq2_xxs as well, with the value weight in q2_k.
 FUSED_QKV_FORMATS = BLOCK_FORMATS_FUSED | {"iq2_xxs"}
@@ -53,6 +55,30 @@ class Config:
     head_norms: bool = False  # query and key heads are normed before they turn
     tied: bool = False  # the output head is the token embedding
     rope_divisors: Sequence[float] | None = None  # of the rotary frequencies, head_size / 2 of them
+
+    def __post_init__(self) -> None:
+        """ValueError: sizes that no model has, or numbers that are none."""
+        names = ("layers", "hidden", "heads", "kv_heads", "head_size", "mlp", "vocabulary", "context")
+        for name in names:
+            size = getattr(self, name)
+            if type(size) is not int or not 0 < size <= LARGEST_SIZE:
+                raise ValueError(f"{name} is {size!r}, not from 1 to {LARGEST_SIZE}")
+        if self.heads % self.kv_heads or self.head_size % 2 or self.heads * self.head_size > LARGEST_SIZE:
+            raise ValueError(f"{self.heads} heads of {self.head_size} do not share {self.kv_heads} keys, or do not turn")
+        divisors = [] if self.rope_divisors is None else self.rope_divisors
+        if self.rope_divisors is not None and len(divisors) != self.head_size // 2:
+            raise ValueError(f"there are {len(divisors)} rope_divisors for heads of {self.head_size}")
+        for number in (self.rope_base, self.norm_epsilon, *divisors):
+            if isinstance(number, bool) or not 0 <= number < math.inf:
+                raise ValueError(f"{number!r} is no rotary base, divisor, or epsilon of a norm")
+        if self.rope_base == 0 or 0 in divisors:
+            raise ValueError("rotary frequencies are divided by 0")
+
+    def check_layers(self, names: Container[str]) -> None:
+        """ValueError: the last layer's norm is not among a model's tensors, before so many layers are made."""
+        last = f"model.layers.{self.layers - 1}.input_layernorm.weight"
+        if last not in names:
+            raise ValueError(f"{self.layers} layers, of which the last has no {last}")
 
 
 class StoredEmbedding(nn.Module):
