@@ -132,7 +132,10 @@ def test_nested_recorders_see_the_launches_of_all_threads_and_stop_at_their_end(
         (lambda: torch.ones(2, device="xpu").as_strided((4,), (1,), 9), "out of bounds"),
         (lambda: torch.ones(2, device="xpu")[torch.tensor([9])], "out of bounds"),
         (lambda: linear(torch.ones(2, 3, device="xpu"), torch.ones(2, 4, device="xpu")), "shapes cannot be multiplied"),
-        (lambda: linear(torch.ones(2, 3, device="xpu"), torch.ones(2, 3, device="xpu").half()), "scalar type|same dtype"),
+        (
+            lambda: linear(torch.ones(2, 3, device="xpu"), torch.ones(2, 3, device="xpu").half()),
+            "scalar type|same dtype",
+        ),
         (lambda: torch.ones(2, device="xpu").pin_memory(), "pin"),
     ],
 )
