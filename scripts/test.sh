@@ -4,6 +4,7 @@
 #   scripts/test.sh             everything: also under the order check (platform/sycl/check_order.hpp), on a build without
 #                               AVX-512, and installed as a package
 #   scripts/test.sh --quick     the release build, the Python tests on two device classes
+#   scripts/test.sh --lint      the text: clang-format, clang-tidy and ruff (scripts/lint.sh)
 #   scripts/test.sh --sanitize  under the address and undefined-behaviour sanitizers, on two device classes
 #   scripts/test.sh --torch     on PyTorch as PyPI has it, in an environment of its own under build/: the C++ tests, the
 #                               Python ones on two device classes, and installed as a package
@@ -21,9 +22,9 @@ cd "$(dirname "$0")/.."
 
 mode=${1:-all}
 case $mode in
-  all | --quick | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz | --soak | --ci) ;;
+  all | --quick | --lint | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz | --soak | --ci) ;;
   *)
-    echo "usage: scripts/test.sh [--quick | --sanitize | --torch | --pythons | --portable | --arm | --thread |" \
+    echo "usage: scripts/test.sh [--quick | --lint | --sanitize | --torch | --pythons | --portable | --arm | --thread |" \
       "--fuzz | --soak [seconds] | --ci]" >&2
     exit 2
     ;;
@@ -78,6 +79,8 @@ test_python() {  # <title> <build folder> <class> <what differs>
   run "$1" env PYTHONPATH="$2/python" HOST_XPU_DEVICE_NAME="${device_names[$3]}" "${python_environment[@]}" \
     "$python" -m pytest -q -p no:cacheprovider --varies="$4" tests/python
 }
+
+test_lint() { run "lint" scripts/lint.sh; }
 
 test_all() {
   test_build release build 1 0 2 3 4 5
@@ -172,6 +175,7 @@ test_soak() {  # <seconds>
 case $mode in
   all) test_all ;;
   --quick) test_build release build 1 3 ;;
+  --lint) test_lint ;;
   --sanitize) test_sanitize ;;
   --torch) test_torch ;;
   --pythons) test_pythons ;;
@@ -181,6 +185,7 @@ case $mode in
   --fuzz) test_fuzz ;;
   --soak) test_soak "${2:-600}" ;;
   --ci)
+    test_lint
     test_all
     test_torch
     test_sanitize
