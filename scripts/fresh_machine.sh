@@ -27,10 +27,11 @@ fi
 
 # What follows sees mounts of its own, which go with it.
 if [[ ${CORVANE_OWN_MOUNTS:-} != 1 ]]; then
-  CORVANE_OWN_MOUNTS=1 exec unshare --mount "$0" "$@"
+  CORVANE_OWN_MOUNTS=1 exec unshare --mount scripts/fresh_machine.sh "$@"
 fi
 mount -t proc proc "$machine/proc"
 mount --rbind /dev "$machine/dev"
+mount --rbind -o ro /sys "$machine/sys"
 mount -t tmpfs tmpfs "$machine/dev/shm"
 
 in_machine() {  # <unshare's options> -- <command...>: with a clean environment
