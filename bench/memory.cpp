@@ -19,7 +19,7 @@ constexpr size_t piece = 1 << 18;  // bytes that a core takes at a time
 // Reads `bytes` bytes at `address` once, asking for those `ahead` bytes further if that is not 0; returns a word that
 // depends on all of them, so that nothing is left out.
 uint64_t read_all(uint64_t address, size_t bytes, size_t ahead) {
-  const auto* data = reinterpret_cast<const char*>(address);
+  const auto* data = reinterpret_cast<const char*>(address);  // NOLINT(performance-no-int-to-ptr): Python has it as int
   std::atomic<uint64_t> mixed{0};
   host::parallel_for(bytes / 256, piece / 256, [&](size_t begin, size_t end) {
     sycl::i32x16 a{}, b{}, c{}, d{};
@@ -42,7 +42,7 @@ uint64_t read_all(uint64_t address, size_t bytes, size_t ahead) {
 }
 
 void fill_all(uint64_t address, size_t bytes) {
-  auto* data = reinterpret_cast<char*>(address);
+  auto* data = reinterpret_cast<char*>(address);  // NOLINT(performance-no-int-to-ptr): Python has it as int
   host::parallel_for(bytes, piece, [&](size_t begin, size_t end) { std::memset(data + begin, 0x3C, end - begin); });
 }
 
@@ -74,9 +74,10 @@ float multiply_pairs(uint64_t multiply_adds) {
 
 PYBIND11_MODULE(bench_memory, module) {
   module.doc() = "Plain reading and filling of memory and multiplying, on all cores, for comparison with kernels.";
-  module.def("read", &read_all, py::arg("address"), py::arg("bytes"), py::arg("ahead") = 0,
-             "read(address: int, bytes: int, ahead: int = 0) -> int\n\nReads the bytes once, with a hint for those `ahead` "
-             "bytes further.");
+  module.def(
+      "read", &read_all, py::arg("address"), py::arg("bytes"), py::arg("ahead") = 0,
+      "read(address: int, bytes: int, ahead: int = 0) -> int\n\nReads the bytes once, with a hint for those `ahead` "
+      "bytes further.");
   module.def("fill", &fill_all, "fill(address: int, bytes: int)\n\nWrites the bytes once.");
   module.def("multiply_pairs", &multiply_pairs,
              "multiply_pairs(multiply_adds: int) -> float\n\nMultiplies pairs of BFloat16 and adds them in float.");

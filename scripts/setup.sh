@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(g++ cmake ninja-build ccache python3-dev python3-venv python3-torch libtorch-dev python3-numpy pybind11-dev
-  libtbb-dev libdnnl-dev libgtest-dev libopenblas0-pthread iproute2 "$@")
+  python3-setuptools libtbb-dev libdnnl-dev libgtest-dev libopenblas0-pthread iproute2 "$@")
 
 missing=()
 for package in "${packages[@]}"; do

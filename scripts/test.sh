@@ -4,6 +4,7 @@
 #   scripts/test.sh             everything: also under the order check (platform/sycl/check_order.hpp), on a build without
 #                               AVX-512, and installed as a package
 #   scripts/test.sh --quick     the release build, the Python tests on two device classes
+#   scripts/test.sh --lint      the text: clang-format, clang-tidy and ruff (scripts/lint.sh)
 #   scripts/test.sh --sanitize  under the address and undefined-behaviour sanitizers, on two device classes
 #   scripts/test.sh --torch     on PyTorch as PyPI has it, in an environment of its own under build/: the C++ tests, the
 #                               Python ones on two device classes, and installed as a package
@@ -21,10 +22,10 @@ cd "$(dirname "$0")/.."
 
 mode=${1:-all}
 case $mode in
-  all | --quick | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz | --soak | --ci) ;;
+  all | --quick | --lint | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz | --soak | --ci) ;;
   *)
-    echo "usage: scripts/test.sh [--quick | --sanitize | --torch | --pythons | --portable | --arm | --thread | --fuzz |" \
-      "--soak [seconds] | --ci]" >&2
+    echo "usage: scripts/test.sh [--quick | --lint | --sanitize | --torch | --pythons | --portable | --arm | --thread |" \
+      "--fuzz | --soak [seconds] | --ci]" >&2
     exit 2
     ;;
 esac
@@ -36,41 +37,59 @@ scripts/setup.sh
 failures=0
 summary=()
 
-# run <title> <command...>: keeps the last line of the output for the summary.
+# run <title> <command...>: a row of the summary: the title, the seconds, and the last line of the output that counts.
 run() {
-  local title=$1 log
+  local title=$1 log started=$SECONDS
   shift
   log=$(mktemp)
   echo "== $title"
   if ! "$@" 2>&1 | tee "$log"; then failures=$((failures + 1)); fi
-  summary+=("$(printf '%-46s %s' "$title" "$(grep -E 'passed|failed|error|PASSED|FAILED' "$log" | tail -n 1)")")
+  row "$title" $((SECONDS - started)) "$(grep -E 'passed|failed|error|PASSED|FAILED' "$log" | tail -n 1)"
   rm -f "$log"
 }
+
+# build <preset> [target...]: a row too; nothing can follow a build that fails.
+build() {
+  local started=$SECONDS
+  scripts/build.sh "$@"
+  row "$1: build" $((SECONDS - started)) built
+}
+
+row() { summary+=("$(printf '%-46s %5d s  %s' "$1" "$2" "$3")"); }
 
 python=.venv/bin/python
 python_environment=()  # what the Python runs get beside the device's name
 
 test_build() {  # <preset> <build folder> <classes...>
-  local preset=$1 folder=$2 class
+  local preset=$1 folder=$2 varies=$varies class
   shift 2
-  scripts/build.sh "$preset"
+  build "$preset"
   run "$preset: C++" "$folder/corvane_tests" --gtest_brief=1
-  for class in "$@"; do test_python "$preset: Python, class $class" "$folder" "$class"; done
+  for class in "$@"; do
+    test_python "$preset: Python, class $class" "$folder" "$class" "$varies"
+    varies=class
+  done
 }
 
-test_python() {  # <title> <build folder> <class>
+# What the next run of test_build differs in from one that had all Python tests (tests/python/conftest.py). Its classes
+# after the first differ in the class.
+varies=framework
+
+test_python() {  # <title> <build folder> <class> <what differs>
   run "$1" env PYTHONPATH="$2/python" HOST_XPU_DEVICE_NAME="${device_names[$3]}" "${python_environment[@]}" \
-    "$python" -m pytest -q -p no:cacheprovider tests/python
+    "$python" -m pytest -q -p no:cacheprovider --varies="$4" tests/python
 }
+
+test_lint() { run "lint" scripts/lint.sh; }
 
 test_all() {
-  test_build release build 0 1 2 3 4 5
+  test_build release build 1 0 2 3 4 5
   local seed=1
   python_environment=(HOST_XPU_CHECK_ORDER="$seed")
   run "order check $seed: C++" env HOST_XPU_CHECK_ORDER="$seed" build/corvane_tests --gtest_brief=1
-  test_python "order check $seed: Python, class 1" build 1
+  test_python "order check $seed: Python, class 1" build 1 build
   python_environment=()
-  test_build avx2 build/avx2 1
+  varies=build test_build avx2 build/avx2 1
   run "package: wheel in a fresh environment" scripts/test_package.sh
 }
 
@@ -82,7 +101,7 @@ test_sanitize() {
   local preload='' library
   for library in libasan.so libubsan.so libstdc++.so; do preload+=$(realpath "$(g++ -print-file-name=$library)"):; done
   python_environment=(LD_PRELOAD="${preload%:}" PYTHONMALLOC=malloc)
-  test_build sanitize build/sanitize 1 0
+  varies=build test_build sanitize build/sanitize 1 0
   python_environment=()
 }
 
@@ -110,7 +129,7 @@ test_pythons() {
 
 test_portable() {
   scripts/setup.sh binutils qemu-user
-  scripts/build.sh portable
+  build portable
   local folder=build/portable levels level
   run "portable: choice of a level" env PYTHONPATH="$folder/python" \
     "$python" -m pytest -q -p no:cacheprovider tests/portable
@@ -118,7 +137,7 @@ test_portable() {
   for level in $levels; do
     run "$level: C++" "$folder/corvane_tests_$level" --gtest_brief=1
     python_environment=(CORVANE_ISA="$level")
-    test_python "$level: Python, class 1" "$folder" 1
+    test_python "$level: Python, class 1" "$folder" 1 build
     python_environment=()
   done
   run "portable: wheel without a compiler" test_wheel
@@ -132,12 +151,12 @@ test_wheel() {
 
 test_arm() {
   scripts/setup.sh g++-aarch64-linux-gnu qemu-user
-  scripts/build.sh arm
+  build arm
   run "arm: C++" qemu-aarch64 -L /usr/aarch64-linux-gnu build/arm/corvane_tests --gtest_brief=1
 }
 
 test_thread() {
-  scripts/build.sh thread platform_tests
+  build thread platform_tests
   local -x TSAN_OPTIONS=halt_on_error=1:suppressions=$PWD/scripts/thread_sanitizer.supp
   run "thread: C++ of pool, queue and groups" build/thread/platform_tests --gtest_brief=1
 }
@@ -148,7 +167,7 @@ test_fuzz() {
 }
 
 test_soak() {  # <seconds>
-  scripts/build.sh
+  build release
   run "soak: $1 seconds" env PYTHONPATH=build/python:tests HOST_XPU_DEVICE_NAME="${device_names[1]}" "$python" \
     tests/soak/soak.py "$1"
 }
@@ -156,6 +175,7 @@ test_soak() {  # <seconds>
 case $mode in
   all) test_all ;;
   --quick) test_build release build 1 3 ;;
+  --lint) test_lint ;;
   --sanitize) test_sanitize ;;
   --torch) test_torch ;;
   --pythons) test_pythons ;;
@@ -165,6 +185,7 @@ case $mode in
   --fuzz) test_fuzz ;;
   --soak) test_soak "${2:-600}" ;;
   --ci)
+    test_lint
     test_all
     test_torch
     test_sanitize
@@ -175,9 +196,6 @@ case $mode in
 esac
 
 printf '\n'
+row total "$SECONDS" "$((${#summary[@]} - failures)) of ${#summary[@]} passed"
 printf '%s\n' "${summary[@]}"
-if ((failures)); then
-  echo "$failures of ${#summary[@]} runs failed"
-  exit 1
-fi
-echo "all ${#summary[@]} runs passed"
+((failures == 0))

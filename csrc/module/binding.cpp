@@ -21,6 +21,7 @@ PYBIND11_MODULE(corvane, module) {
     module.def(name, function, docstring(name, function, text).c_str());
   };
 
+  module.attr("__version__") = CORVANE_VERSION;
   module.attr("_device_class") = static_cast<int>(class_at_load.linear);
 
   define("forward_new", &linear_forward_new, "Linear forward (XPU) new format");

@@ -15,6 +15,8 @@ and on the XPU device unless an operator says otherwise.
 
 from torch import Tensor
 
+__version__: str
+
 def forward_new(input: Tensor, weight: Tensor, qtype: int, row_hint: int, /) -> Tensor:
     """Linear layer y = x W^T from a packed weight of any format, for any number of rows.
 

@@ -33,6 +33,7 @@ def check_what_is_installed():
     # Beside these there are no copies of libraries: PyTorch's, oneTBB's and OpenMP's are the environment's.
     compiled = "corvane_levels" if "level" in host_xpu.build_info() else "libcorvane_platform"
     assert names == {"corvane", "host_xpu", compiled, "corvane-stubs", "corvane_runtime"}, names
+    assert importlib.metadata.version("corvane") == corvane.__version__
     for module in (corvane, host_xpu):
         assert Path(module.__file__).is_relative_to(sys.prefix), f"{module.__file__} is not of this environment"
 

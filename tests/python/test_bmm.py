@@ -83,7 +83,12 @@ REFUSALS = [
     (xpu(2, 3, 4, dtype=torch.half), xpu(2, 4, 5), xpu(2, 3, 5), "expected scalar type Float but found Half"),
     (xpu(2, 3, 4), xpu(2, 4, 5), xpu(2, 3, 5, dtype=torch.double), "expected scalar type Float but found Double"),
     (xpu(2, 3, 4), xpu(2, 4, 5), xpu(29), "C must hold batch * M * N = 2 * 3 * 5 elements, found 29"),
-    (xpu(1, 2**62, 0), xpu(1, 0, 2**62), xpu(1), f"C must hold batch * M * N = 1 * {2**62} * {2**62} elements, found 1"),
+    (
+        xpu(1, 2**62, 0),
+        xpu(1, 0, 2**62),
+        xpu(1),
+        f"C must hold batch * M * N = 1 * {2**62} * {2**62} elements, found 1",
+    ),
 ]
 
 

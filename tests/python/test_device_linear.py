@@ -6,7 +6,16 @@ from tensors import FLOATING, ROUNDOFF, pair
 from torch.nn.functional import linear
 
 
-SHAPES = [(1, 1, 1), (3, 7, 5), (2, 64, 64), (5, 33, 130), (16, 300, 513), (17, 64, 100), (129, 96, 257), (300, 130, 40)]
+SHAPES = [
+    (1, 1, 1),
+    (3, 7, 5),
+    (2, 64, 64),
+    (5, 33, 130),
+    (16, 300, 513),
+    (17, 64, 100),
+    (129, 96, 257),
+    (300, 130, 40),
+]
 
 
 def check_linear(x, w, bias, result):

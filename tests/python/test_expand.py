@@ -45,7 +45,8 @@ def test_dequant_is_exact(name, dtype, device_class):
 
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize(
-    ("name", "path"), [(name, "expansion") for name in FORMATS] + [(name, "tile") for name in ("q4_0", "q8_0", "fp8_e5m2")]
+    ("name", "path"),
+    [(name, "expansion") for name in FORMATS] + [(name, "tile") for name in ("q4_0", "q8_0", "fp8_e5m2")],
 )
 def test_expansion_for_a_product_is_exact(name, path, dtype, device_class):
     """A product with the unit matrix is the weight itself; an infinity or a not-a-number spoils all of its row."""

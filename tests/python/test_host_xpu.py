@@ -5,6 +5,7 @@ import os
 import subprocess
 import sys
 import threading
+from pathlib import Path
 
 import corvane
 import host_xpu
@@ -44,6 +45,8 @@ def test_device_name_is_the_one_of_the_environment_at_load():
 def test_build_info_says_what_runs(device_class):
     facts = host_xpu.build_info()
     assert facts["torch"] == torch.__version__ and facts["device_name"] == host_xpu.device_name()
+    changes = (Path(__file__).parents[2] / "CHANGELOG.md").read_text()
+    assert changes.split("\n## ")[1].startswith(f"{facts['corvane']}, ")
     assert facts["device_class"] == device_class and facts["threads"] >= 1
     assert facts["pool"].startswith("oneTBB ") and "oneDNN" in facts["product"]
     code = "import host_xpu; print(host_xpu.build_info()['threads'])"
@@ -129,7 +132,10 @@ def test_nested_recorders_see_the_launches_of_all_threads_and_stop_at_their_end(
         (lambda: torch.ones(2, device="xpu").as_strided((4,), (1,), 9), "out of bounds"),
         (lambda: torch.ones(2, device="xpu")[torch.tensor([9])], "out of bounds"),
         (lambda: linear(torch.ones(2, 3, device="xpu"), torch.ones(2, 4, device="xpu")), "shapes cannot be multiplied"),
-        (lambda: linear(torch.ones(2, 3, device="xpu"), torch.ones(2, 3, device="xpu").half()), "scalar type|same dtype"),
+        (
+            lambda: linear(torch.ones(2, 3, device="xpu"), torch.ones(2, 3, device="xpu").half()),
+            "scalar type|same dtype",
+        ),
         (lambda: torch.ones(2, device="xpu").pin_memory(), "pin"),
     ],
 )

@@ -142,14 +142,18 @@ class Call:
 
 SPOILT = [
     *[(to(qtype=q), "does not name a weight format") for q in (-1, 9, 2**31 - 1)],
-    *[(to(qtype=FORMATS[name].qtype), "no kernel for qtype") for name in FORMATS if name not in (*BLOCK_FORMATS, "iq2_xxs")],
+    *[
+        (to(qtype=FORMATS[name].qtype), "no kernel for qtype")
+        for name in FORMATS
+        if name not in (*BLOCK_FORMATS, "iq2_xxs")
+    ],
     *[(to(batch_size=b), "batch_size == 1") for b in (0, 2, 2**32 + 1)],
     (to(batch_size=2, input=lambda t: t.int(), output_size=-1), "batch_size == 1"),
     (to(state_size=-64), "state_size must be at least 1, found -64"),
     (to(output_size=-2), "output_size must not be negative, found -2"),
     *[(to(output_size=n), "fewer than 2147483648 elements") for n in (2**25, 2**62, 2**63 - 1)],
     (to(state_size=2**62), "fewer than 2147483648 elements"),
-    (to(input=lambda t: t.int()), '"mlp_forward_q4_0_xpu_t" not implemented for \'Int\''),
+    (to(input=lambda t: t.int()), "\"mlp_forward_q4_0_xpu_t\" not implemented for 'Int'"),
     (to(input=lambda t: t.int(), state_size=24), "not implemented for"),
     (to(state_size=24), "24 must be a multiple of 16"),
     (to(state_size=80), "state_size 80 must be a multiple of 64"),

@@ -28,7 +28,10 @@ OPERATORS = {  # in order: signature and text
         f"src_0_qtype: int, src_0_vtype: int, kv_seq_len: int, head_size: int, rope_base: float = 10000.0) -> List[{T}]",
         "Linear forward (XPU) qkv format",
     ),
-    "forward_qkv_bias": (f"{positional(10, 'int int int int float')} -> List[{T}]", "Linear forward (XPU) qkv with bias"),
+    "forward_qkv_bias": (
+        f"{positional(10, 'int int int int float')} -> List[{T}]",
+        "Linear forward (XPU) qkv with bias",
+    ),
     "forward_qk": (f"{positional(5, 'int int int float')} -> List[{T}]", "Linear forward (XPU) qk format"),
     "dequant": (f"{positional(2, 'int')} -> {T}", "Dequantize weight (XPU)"),
     "bmm": (f"{positional(3)} -> {T}", "SYCL-based batch matrix multiplication"),

@@ -59,7 +59,9 @@ class Cache:
         return np.array_equal(to_numpy(self.buffer), self.before)
 
 
-def run(operator, kind, dtype, rows, k, head_size, cls=None, position=5, kv_seq_len=3, layout="heads", base=10000.0, seed=0):
+def run(
+    operator, kind, dtype, rows, k, head_size, cls=None, position=5, kv_seq_len=3, layout="heads", base=10000.0, seed=0
+):
     """One call, everything checked against the reference; its results."""
     names = [KINDS[kind][0], KINDS[kind][0], KINDS[kind][1]][: 2 if operator == "forward_qk" else 3]
     rows = rows[: len(names)]
@@ -138,7 +140,9 @@ class Call:
     def __init__(self, kind="q4_0", k=256, dtype="float"):
         self.input = on_device(random_input(1, k, dtype, 0), dtype)
         names, rows = [KINDS[kind][0], KINDS[kind][0], KINDS[kind][1]], (32, 16, 16)
-        self.weight_q, self.weight_k, self.weight_v = (on_device(random_weight(f, n, k, 0)) for f, n in zip(names, rows))
+        self.weight_q, self.weight_k, self.weight_v = (
+            on_device(random_weight(f, n, k, 0)) for f, n in zip(names, rows)
+        )
         self.bias_q, self.bias_k, self.bias_v = (torch.ones(n, dtype=DTYPES[dtype], device="xpu") for n in rows)
         self.position_ids = torch.tensor([2], device="xpu")
         self.caches = [Cache(2, 8, dtype) for _ in range(2)]
@@ -255,7 +259,10 @@ SPOILT_VALUE = [
 SPOILT_BIAS = [
     (to(bias_q=lambda t: t.half()), "expected scalar type"),
     (to(bias_k=lambda t: t[:-1]), "bias_k must be 16 contiguous elements, found 15"),
-    (to(bias_v=torch.zeros(16, 2, device="xpu")[:, 0]), "bias_v must be 16 contiguous elements, found 16, not contiguous"),
+    (
+        to(bias_v=torch.zeros(16, 2, device="xpu")[:, 0]),
+        "bias_v must be 16 contiguous elements, found 16, not contiguous",
+    ),
     (to(bias_v=lambda t: t.cpu()), "bias_v must be on xpu:0, found on cpu"),
 ]
 

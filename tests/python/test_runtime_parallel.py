@@ -7,14 +7,12 @@ import signal
 import subprocess
 import sys
 
-import host_xpu
 import numpy as np
 import parallel_processes
 import pytest
 import tiny_llama
 import torch
 import two_machines
-from conftest import class_of
 from reference import formats as reference
 from safetensors.torch import save_file
 from test_runtime_llama import FLOAT_TOLERANCE, write_folder
@@ -30,12 +28,6 @@ COMMAND = ["-m", "corvane_runtime", "generate"]
 RAW = ["--raw", "--prompt", "the", "--plain-rounding"]
 # torchrun of PyTorch 1.13 breaks on Python 3.11 without: "no output of a tenth process on a machine goes to a file".
 TORCHRUN = [sys.executable, "-m", "torch.distributed.run", "--redirects", "9:1", "--tee", "9:1"]
-
-# Processes share nothing that depends on the device's class: of runs on all classes one starts them.
-once = pytest.mark.skipif(
-    "HOST_XPU_DEVICE_NAME" in os.environ and class_of(host_xpu.device_name()) != 1,
-    reason="the processes are tested on device class 1",
-)
 
 
 @pytest.fixture(scope="module")
@@ -115,7 +107,6 @@ def test_columns_packed_apart_are_those_of_the_whole(name):
 # --- processes -------------------------------------------------------------------------------------------------------
 
 
-@once
 @pytest.mark.parametrize("count", [2, 4])
 def test_processes_compute_what_one_does(packed_folders, count):
     found = parallel_processes.run(count, "saved", folders=[*packed_folders.values()])
@@ -132,7 +123,6 @@ def test_processes_compute_what_one_does(packed_folders, count):
             assert share["bytes"] <= 1.05 * one["bytes"] / count
 
 
-@once
 def test_every_way_to_a_share_gives_the_same_bytes(wide_path, tmp_path):
     dense = load_gguf(wide_path)
     folder = write_folder(tmp_path, dense, "mistral")
@@ -154,7 +144,6 @@ def test_every_way_to_a_share_gives_the_same_bytes(wide_path, tmp_path):
     assert found == [{"file": [], "folder": [], "whole": []}] * 2
 
 
-@once
 @pytest.mark.parametrize("count", [2, 4])
 def test_a_token_sends_two_sums_a_layer_and_a_candidate(packed_folders, count):
     sums = 2 * tiny_llama.LAYERS
@@ -167,7 +156,6 @@ def test_a_token_sends_two_sums_a_layer_and_a_candidate(packed_folders, count):
         assert bytes_of_sums < found["tcp"] < bytes_of_sums + (sums + 1) * 2 * (count - 1) * 400
 
 
-@once
 @pytest.mark.skipif(
     not HAS_TRANSFORMERS or importlib.util.find_spec("accelerate") is None, reason="no transformers for this framework"
 )
@@ -195,7 +183,6 @@ def test_models_of_transformers_are_shared(family, tmp_path):
 # --- the command -----------------------------------------------------------------------------------------------------
 
 
-@once
 def test_torchrun_prints_the_text_once(packed_folders, wide_path, capsys):
     arguments = [str(wide_path), *RAW, "--tokens", "32", "--format", "q4_0"]
     command = [*TORCHRUN, "--nproc_per_node", "2", *COMMAND, *arguments, "--tensor-parallel"]
@@ -211,7 +198,6 @@ def test_without_torchrun_the_command_says_so(wide_path, monkeypatch):
         main(["generate", str(wide_path), "--tensor-parallel"])
 
 
-@once
 @pytest.mark.parametrize("case", ["model", "option", "damage"])
 def test_groups_that_do_not_fit_are_refused_by_all(packed_folders, tmp_path, case):
     folder, other, options = packed_folders["q4_0"], packed_folders["q4_0"], []
@@ -238,7 +224,6 @@ def test_groups_that_do_not_fit_are_refused_by_all(packed_folders, tmp_path, cas
         assert re.search(text, errors), errors
 
 
-@once
 @pytest.mark.parametrize(("count", "fault"), [(2, "SIGKILL"), (2, "SIGSTOP"), (3, "SIGKILL"), (3, "SIGSTOP")])
 def test_a_process_that_ends_or_hangs_ends_all_and_is_named(tmp_path, count, fault):
     path = tiny_llama.write_model(tmp_path / "model.gguf", sizes=(12, 3, 384) if count == 3 else SIZES)
@@ -257,7 +242,6 @@ def test_a_process_that_ends_or_hangs_ends_all_and_is_named(tmp_path, count, fau
         assert re.search(r"corvane: rank [02]: rank 1 on \S+ (has ended|does not answer)", errors), errors
 
 
-@once
 @pytest.mark.skipif(two_machines.missing() is not None, reason=str(two_machines.missing()))
 def test_two_machines_with_a_slow_and_lossy_link_say_the_same(wide_path, capsys):
     arguments = [str(wide_path), *RAW, "--tokens", "12", "--format", "q4_0"]

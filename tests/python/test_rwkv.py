@@ -146,7 +146,13 @@ def test_time_shift_by_hand():
     ("operator", "arguments", "kernel", "sizes", "sub_group"),
     [
         ("rwkv_linear_attention_v4", v4_arguments(2, 3, 96), "rwkv_linear_attention_kernel_v4", [(2, 96), (1, 32)], 16),
-        ("rwkv_linear_attention_v5", v5_arguments(2, 3, 4), "rwkv_linear_attention_kernel_v5", [(2, 3, 64), (1, 1, 32)], 16),
+        (
+            "rwkv_linear_attention_v5",
+            v5_arguments(2, 3, 4),
+            "rwkv_linear_attention_kernel_v5",
+            [(2, 3, 64), (1, 1, 32)],
+            16,
+        ),
         ("rwkv_time_shift", shift_arguments(2, 3, 128, 4), "rwkv_time_shift_kernel", [(2, 3, 128), (1, 1, 64)], 32),
     ],
     ids=["v4", "v5", "time_shift"],
@@ -208,7 +214,10 @@ V4_REFUSALS = [  # arguments put in place of good ones for B = 2, S = 3, H = 64,
 V5_REFUSALS = [  # B = 2, N = 3, S = 4
     ({"time_decay": zeros(192)}, "time_decay.dim() == 2 && time_first.dim() == 2"),
     ({"state": zeros(2, 3, 4096)}, "receptance.dim() == 4 && key.dim() == 4 && value.dim() == 4 && state.dim() == 4"),
-    ({"state": zeros(2, 3, 64, 64).mT}, "time_decay.is_contiguous() && time_first.is_contiguous() && state.is_contiguous()"),
+    (
+        {"state": zeros(2, 3, 64, 64).mT},
+        "time_decay.is_contiguous() && time_first.is_contiguous() && state.is_contiguous()",
+    ),
     ({"key": zeros(2, 3, 4, 32)}, "head_dim == 64"),
     ({"value": zeros(2, 4, 3, 64, dtype=torch.half).transpose(1, 2)}, "expected scalar type Float but found Half"),
     ({"time_first": zeros(4, 64)}, "time_first must have the sizes [3, 64], found [4, 64]"),
@@ -224,7 +233,10 @@ V5_REFUSALS = [  # B = 2, N = 3, S = 4
 SHIFT_REFUSALS = [  # B = 2, S = 3, H = 128, M = 2
     ({"mix": zeros(2, 128)}, "hidden.dim() == 3 && shifted.dim() == 3 && mix.dim() == 3"),
     ({"mix": zeros(2, 1, 64)}, "hidden.size(2) == shifted.size(2) && hidden.size(2) == mix.size(2)"),
-    ({"hidden": zeros(3, 2, 128).transpose(0, 1)}, "hidden.is_contiguous() && shifted.is_contiguous() && mix.is_contiguous()"),
+    (
+        {"hidden": zeros(3, 2, 128).transpose(0, 1)},
+        "hidden.is_contiguous() && shifted.is_contiguous() && mix.is_contiguous()",
+    ),
     (
         {"mix": zeros(2, 1, 128, dtype=torch.half)},
         "hidden.scalar_type() == shifted.scalar_type() && hidden.scalar_type() == mix.scalar_type()",

@@ -37,7 +37,15 @@ CASES = [
     ("a scale may lie beyond half", "q8_0", 1, 131072, "half", {0: 0.25}, 32768),
     ("a scale applies once, to the sum of a block", "q8_0", 64, INFINITY, "half", THREADS, INFINITY),
     ("tiny bfloat16 inputs keep their bits", "q8_0", 64, 2.0**30, "bfloat16", {3: 1.5 * 2.0**-130}, 1.5 * 2.0**-94),
-    ("subnormal sums come back by the scale", "fp8_e5m2", 0, 2.0**60, "bfloat16", {62: 129 * 2.0**-125}, 129 * 2.0**-82),
+    (
+        "subnormal sums come back by the scale",
+        "fp8_e5m2",
+        0,
+        2.0**60,
+        "bfloat16",
+        {62: 129 * 2.0**-125},
+        129 * 2.0**-82,
+    ),
     # In three steps of 16 elements each: within one the order of additions is free.
     ("1 absorbs what is tiny", "q8_0", 1, 2.0**40, "bfloat16", {0: 1, 16: 2.0**-133, 32: -1}, 0),
 ]
@@ -61,7 +69,9 @@ def product(name, code, d, dtype, elements):
     return corvane.forward_new(on_device(x, dtype), on_device(data), FORMATS[name].qtype, 0).cpu()
 
 
-@pytest.mark.parametrize(("name", "code", "d", "dtype", "elements", "result"), [c[1:] for c in CASES], ids=[c[0] for c in CASES])
+@pytest.mark.parametrize(
+    ("name", "code", "d", "dtype", "elements", "result"), [c[1:] for c in CASES], ids=[c[0] for c in CASES]
+)
 def test_by_hand(name, code, d, dtype, elements, result):
     np.testing.assert_array_equal(product(name, code, d, dtype, elements).double(), np.full((9, 16), float(result)))
 

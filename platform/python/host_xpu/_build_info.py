@@ -15,13 +15,14 @@ except ImportError:  # built for one processor: of another build it is loaded be
 def build_info() -> dict[str, str | int]:
     """Versions, processor and device: what a report of a fault or of a speed needs.
 
-    Keys: python, torch, product (the library that multiplies dense tiles), pool (that of the threads), instruction_set
+    Keys: corvane, python, torch, product (the library that multiplies dense tiles), pool (that of the threads), instruction_set
     (that the kernels were built for), threads (of a launch), device_name, device_class (0 to 5). Of a portable build
     also level (the one taken) and levels (those that it has for this machine, lowest first, separated by spaces).
     """
     import corvane  # not above: it imports this package
 
     facts = {
+        "corvane": corvane.__version__,
         "python": platform.python_version(),
         "torch": torch.__version__,
         "product": _device.product_library(),

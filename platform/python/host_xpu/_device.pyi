@@ -128,9 +128,7 @@ def record_launches() -> LaunchRecorder:
     Contexts may be nested; each has its own list. A recorder that is recording already raises ValueError when entered.
     """
 
-def rms_norm(
-    x: Tensor, weight: Tensor, epsilon: float, dtype: dtype, delta: Tensor | None = None
-) -> Tensor:
+def rms_norm(x: Tensor, weight: Tensor, epsilon: float, dtype: dtype, delta: Tensor | None = None) -> Tensor:
     """Root-mean-square norm over the last dimension of x, float (..., size), contiguous on XPU, times weight, float (size,).
 
     Computed in float, rounded to dtype (float, half or bfloat16). A delta of x's shape is added to x first, in place.

@@ -14,7 +14,7 @@ from pathlib import Path
 
 import torch
 
-from ..device import host_xpu
+from ..device import corvane, host_xpu
 from ..formats import FORMATS
 from ..generate import Speed, choose, clock
 from ..generate import generate as generate_tokens
@@ -249,9 +249,11 @@ def version_of(package: str) -> str:
 def info(options: argparse.Namespace) -> None:
     """What a report of a fault should begin with."""
     del options
-    packages = ("corvane", "torch", "numpy", "gguf", "safetensors", "tokenizers", "transformers")
+    packages = ("numpy", "gguf", "safetensors", "tokenizers", "transformers")
     lines = {
-        **{package: torch.__version__ if package == "torch" else version_of(package) for package in packages},
+        "corvane": corvane.__version__,
+        "torch": torch.__version__,
+        **{package: version_of(package) for package in packages},
         "python": platform.python_version(),
         "system": platform.platform(),
         "device": host_xpu.device_name(),

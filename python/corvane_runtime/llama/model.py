@@ -390,9 +390,7 @@ class Llama(nn.Module):
         rotation = self.rotation.narrow(1, start, rows)
         query, key = step.query(x).view(heads), step.key(x).view(heads)
         if step.head_norms is not None:
-            query, key = (
-                norm(part.float(), x.dtype) for norm, part in zip(step.head_norms, (query, key), strict=True)
-            )
+            query, key = (norm(part.float(), x.dtype) for norm, part in zip(step.head_norms, (query, key), strict=True))
         query = rotate(query.transpose(1, 2), rotation)
         cache.keys[i].narrow(2, start, rows).copy_(rotate(key.transpose(1, 2), rotation))
         cache.values[i].narrow(2, start, rows).copy_(step.value(x).view(heads).transpose(1, 2))

@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import hashlib
-import importlib.metadata
 from pathlib import Path
 
 import torch
 import torch.distributed as dist
 from torch import nn
 
+from ..device import corvane
 from ..linear import PackedLinear
 from .cut import Cut, Plan
 from .layers import cut_layer, joined
@@ -85,11 +85,7 @@ def sizes_of(model: nn.Module) -> tuple[int, int, int]:
 
 
 def versions() -> dict[str, str]:
-    try:
-        own = importlib.metadata.version("corvane")
-    except importlib.metadata.PackageNotFoundError:
-        own = "a source folder"
-    return {"release of corvane": own, "release of PyTorch": torch.__version__}
+    return {"release of corvane": corvane.__version__, "release of PyTorch": torch.__version__}
 
 
 def facts_of(model: nn.Module) -> dict[str, str]:
