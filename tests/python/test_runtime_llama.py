@@ -130,10 +130,11 @@ def stored(rows: int, value: float = 0.0) -> dict:
     return {"blocks": {"blk.0.ffn_up": (values, gguf.GGMLQuantizationType.F32)}}
 
 
-UINT32, INT32, ARRAY = (int(kind).to_bytes(4, "little") for kind in (4, 5, 9))
+UINT32, INT32, STRING, ARRAY = (int(kind).to_bytes(4, "little") for kind in (4, 5, 8, 9))
 # What write_model is told, what is put into its file, and the refusal.
 GGUF_DAMAGE = {
-    "array beyond the end": ({}, (b"token_type" + ARRAY + INT32, 1 << 20, 8), "ends before byte"),
+    "array beyond the end": ({}, (b"token_type" + ARRAY + INT32, 1 << 40, 8), "ends before the 1099511627776 elements"),
+    "value beyond the end": ({}, (b"tokenizer.ggml.model" + STRING, 1 << 40, 8), "ends before byte"),
     "layers without tensors": ({}, (b"llama.block_count" + UINT32, 1 << 23, 4), "of which the last has no"),
     "merge of no token": ({}, (b"th ", 7, 1), "damaged.gguf: .* out of vocabulary"),
     "no context": ({}, (b"llama.context_length" + UINT32, 0, 4), "context is 0"),

@@ -69,6 +69,13 @@ class Reader(gguf.GGUFReader):
             raise ValueError(f"ends before byte {int(offset) + int(count)}")
         return found
 
+    def _get_field_parts(self, orig_offs: int, raw_type: int) -> tuple:
+        if raw_type == gguf.GGUFValueType.ARRAY:  # it would be walked to the file's end, element by element
+            count = int(self._get(orig_offs + 4, np.uint64)[0])
+            if count > len(self.data) - orig_offs:
+                raise ValueError(f"ends before the {count} elements of an array at byte {orig_offs}")
+        return super()._get_field_parts(orig_offs, raw_type)
+
 
 class GgufWeights(WeightSource):
     """A GGUF file, opened; tensors are read where they are asked for, by the names that the Llama model has for them."""
@@ -171,7 +178,9 @@ class GgufWeights(WeightSource):
         if heads is None or self.architecture not in INTERLEAVED:
             return rows[own]
         if rows.shape[0] != heads * self.config.head_size:
-            raise ModelError(f"{name}: the file holds {rows.shape[0]} rows, {heads} heads need {self.config.head_size} each")
+            raise ModelError(
+                f"{name}: the file holds {rows.shape[0]} rows, {heads} heads need {self.config.head_size} each"
+            )
         return rows[half_split_order(heads, self.config.head_size)[own]]
 
     def blocks(self, name: str, cut: Cut | None) -> tuple[NDArray, int]:

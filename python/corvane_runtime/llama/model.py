@@ -64,7 +64,9 @@ class Config:
             if type(size) is not int or not 0 < size <= LARGEST_SIZE:
                 raise ValueError(f"{name} is {size!r}, not from 1 to {LARGEST_SIZE}")
         if self.heads % self.kv_heads or self.head_size % 2 or self.heads * self.head_size > LARGEST_SIZE:
-            raise ValueError(f"{self.heads} heads of {self.head_size} do not share {self.kv_heads} keys, or do not turn")
+            raise ValueError(
+                f"{self.heads} heads of {self.head_size} do not share {self.kv_heads} keys, or do not turn"
+            )
         divisors = [] if self.rope_divisors is None else self.rope_divisors
         if self.rope_divisors is not None and len(divisors) != self.head_size // 2:
             raise ValueError(f"there are {len(divisors)} rope_divisors for heads of {self.head_size}")
