@@ -180,7 +180,8 @@ def bench_rows() -> None:
 def bench_expand() -> None:
     """Expansion of the weight in front of a product, into memory used before, against a plain fill of the same bytes.
 
-    Kernel times of the launch records, as the expansion of most formats has no operator of its own.
+    Kernel times of the launch records, as the expansion of most formats has no operator of its own. A profiler sees to
+    it that the weight is expanded before the product, and not on the way.
     """
     row_count = 128  # beyond the systolic path
     for name in selected:
@@ -192,7 +193,7 @@ def bench_expand() -> None:
             kernel_seconds: list[float] = []
 
             def expand(i: int, x=x, copies=copies, kernel_seconds=kernel_seconds) -> None:
-                with host_xpu.record_launches() as launches:
+                with host_xpu.record_launches() as launches, torch.autograd.profiler.profile():
                     corvane.forward_new(x, copies(i), copies.format.qtype, row_count)
                 [launch] = launches
                 kernel_seconds.append(launch.duration_ns / 1e9)
