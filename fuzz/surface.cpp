@@ -11,7 +11,7 @@
 
 // Defaults of the address sanitizer, overridden by ASAN_OPTIONS: fresh memory is not-a-numbers, so that what nobody
 // wrote shows; an allocation without hope fails as it would without the sanitizer.
-extern "C" const char* __asan_default_options() {
+extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier): its name
   return "allocator_may_return_null=1:max_allocation_size_mb=512:quarantine_size_mb=32:malloc_fill_byte=255:"
          "max_malloc_fill_size=67108864";
 }
