@@ -195,6 +195,7 @@ class allocator final : public c10::Allocator {
   explicit allocator(c10::Device label) : label_(label) {}
 
   // allocate() is const in older releases of the framework and not so in newer ones: one of the two overrides it.
+  // NOLINTBEGIN(modernize-use-override): which one is for the release to say
   c10::DataPtr allocate(std::size_t bytes) { return std::as_const(*this).allocate(bytes); }
   c10::DataPtr allocate(std::size_t bytes) const {
     if (bytes == 0) return {nullptr, label_};
@@ -202,6 +203,7 @@ class allocator final : public c10::Allocator {
     if (host::order_check()) std::memset(block, 0xFF, bytes);
     return {block, block, &release, label_};
   }
+  // NOLINTEND(modernize-use-override)
   c10::DeleterFnPtr raw_deleter() const override { return &release; }
   // Overrides in newer releases.
   void copy_data(void* target, const void* source, std::size_t bytes) const { std::memcpy(target, source, bytes); }

@@ -30,7 +30,7 @@ std::string processor_brand() {
       __get_cpuid(leaf, &words[0], &words[1], &words[2], &words[3]);
       std::memcpy(text + (leaf - first_leaf) * 16, words, 16);
     }
-    const std::string brand = trimmed(text);
+    std::string brand = trimmed(text);
     if (!brand.empty()) return brand;
   }
 #endif

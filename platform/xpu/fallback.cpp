@@ -214,7 +214,7 @@ class call {
     for (const at::Tensor& tensor : outside_) {
       if (result.defined() && result.is_alias_of(tensor)) return result;
     }
-    const at::Tensor device_result = labels.to_xpu(result);
+    at::Tensor device_result = labels.to_xpu(result);
     const bool rounds = widen && dtype_ && is_narrow(*dtype_) && result.defined() && result.scalar_type() == at::kFloat;
     if (!rounds || !device_result.is_xpu() || device_result.scalar_type() != at::kFloat) return device_result;
     return labels.to_xpu(result.to(*dtype_));

@@ -81,7 +81,7 @@ at::Tensor relabelling::to_cpu_widened(const at::Tensor& tensor, at::ScalarType 
     p.written |= written;  // one tensor may be both input and output
     return p.cpu;
   }
-  const at::Tensor twin = to_cpu(tensor).to(wider);
+  at::Tensor twin = to_cpu(tensor).to(wider);
   tensors_.back() = {tensor, twin, /*widened=*/true, written};
   return twin;
 }
