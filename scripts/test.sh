@@ -152,7 +152,9 @@ test_wheel() {
 test_arm() {
   scripts/setup.sh g++-aarch64-linux-gnu qemu-user
   build arm
-  run "arm: C++" qemu-aarch64 -L /usr/aarch64-linux-gnu build/arm/corvane_tests --gtest_brief=1
+  # But for the test that starts its own program anew, which the emulator cannot.
+  run "arm: C++" qemu-aarch64 -L /usr/aarch64-linux-gnu build/arm/corvane_tests --gtest_brief=1 \
+    --gtest_filter=-order_check_variable.*
 }
 
 test_thread() {
