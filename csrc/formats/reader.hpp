@@ -102,7 +102,7 @@ concept chunk_reader = scales_by_block<R> &&
   R::template prefetch_block<sycl::cache_level::second>(planes, block);
 };
 
-// A format whose codes are whole numbers of this magnitude at most.
+// Whether the codes of a format are whole numbers: it says the largest magnitude, largest_code.
 template <class R>
 constexpr bool whole_codes = [] {
   if constexpr (requires { R::largest_code; }) return R::largest_code != 0;

@@ -10,12 +10,13 @@
 namespace corvane {
 namespace {
 
+std::mutex& adding = host::held_while_forking(new std::mutex);  // to the names below
+
 // The name of a source file, for as long as the process lives: newer frameworks read it when they are asked for the
 // message, long after the throw.
 const char* file_of(const char* source) {
-  static auto& lock = host::held_while_forking(new std::mutex);
   static auto* names = new std::set<std::string>;
-  const std::lock_guard<std::mutex> alone(lock);
+  const std::lock_guard<std::mutex> alone(adding);
   return names->insert(std::string(source) + ".cpp").first->c_str();
 }
 

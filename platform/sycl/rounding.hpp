@@ -9,7 +9,7 @@ namespace sycl {
 // overflow.
 CORVANE_INLINE f32x16 round_to_half(f32x16 x) { return half_bits_to_float(float_to_half_bits(x)); }
 
-// The same in half of the time for multiples of 2^-24 below 65520: Half holds those below 2^-14 as they are, so that
+// The same for multiples of 2^-24 below 65520, in 0.7 of the time: Half holds those below 2^-14 as they are, so that
 // what is rounded away follows from the exponent alone. -0 becomes 0.
 CORVANE_INLINE f32x16 round_multiple_to_half(f32x16 x) {
   const f32x16 power = as_float(as_int(x) & static_cast<std::int32_t>(0xFF800000));

@@ -63,8 +63,8 @@ struct primitive {
 // oneDNN keeps what it has made: a thread waits for the one that makes the same, and in a forked process for ever.
 std::mutex& making = host::held_while_forking(new std::mutex);
 
-std::shared_mutex& lock = host::held_while_forking(new std::shared_mutex);
-auto& known = *new std::map<call_shape, std::shared_ptr<const primitive>>;  // leaked, as the engine
+std::shared_mutex& primitives_lock = host::held_while_forking(new std::shared_mutex);
+auto& known_primitives = *new std::map<call_shape, std::shared_ptr<const primitive>>;  // leaked, as the engine
 
 std::shared_ptr<const primitive> make_primitive(const call_shape& shape) {
   const std::lock_guard<std::mutex> alone(making);
@@ -81,14 +81,14 @@ std::shared_ptr<const primitive> make_primitive(const call_shape& shape) {
 std::shared_ptr<const primitive> primitive_of(const call_shape& shape) {
   constexpr std::size_t capacity = 1024;  // shapes; a program has a few dozen
   {
-    const std::shared_lock<std::shared_mutex> reading(lock);
-    const auto found = known.find(shape);
-    if (found != known.end()) return found->second;
+    const std::shared_lock<std::shared_mutex> reading(primitives_lock);
+    const auto found = known_primitives.find(shape);
+    if (found != known_primitives.end()) return found->second;
   }
   auto made = make_primitive(shape);
-  const std::unique_lock<std::shared_mutex> writing(lock);
-  if (known.size() >= capacity) known.clear();
-  return known.emplace(shape, std::move(made)).first->second;
+  const std::unique_lock<std::shared_mutex> writing(primitives_lock);
+  if (known_primitives.size() >= capacity) known_primitives.clear();
+  return known_primitives.emplace(shape, std::move(made)).first->second;
 }
 
 void run_call(const call_shape& shape, const void* x, const void* w, const void* bias, void* y) {
